@@ -1,0 +1,137 @@
+#include "cli/Host.h"
+
+#include <fmt/format.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <unicode/utf8.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+
+namespace cli {
+
+std::optional<std::int64_t> parseSize(std::string_view text) {
+  std::size_t i = 0;
+  while (i < text.size() && (std::isdigit(static_cast<unsigned char>(text[i])) || text[i] == '.')) {
+    ++i;
+  }
+  std::string number(text.substr(0, i));
+  std::string unit(text.substr(i));
+  if (number.empty() || number == "." || std::count(number.begin(), number.end(), '.') > 1) {
+    return std::nullopt;
+  }
+  for (auto& c : unit) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+
+  double multiplier = 1;
+  if (!unit.empty()) {
+    static const std::string kPrefixes = "KMGTPE";
+    auto prefix = kPrefixes.find(unit[0]);
+    if (unit == "B") {
+      multiplier = 1;
+    } else if (prefix == std::string::npos) {
+      return std::nullopt;
+    } else {
+      std::string rest = unit.substr(1);
+      double base;
+      if (rest.empty() || rest == "IB") {
+        base = 1024;
+      } else if (rest == "B") {
+        base = 1000;
+      } else {
+        return std::nullopt;
+      }
+      multiplier = std::pow(base, static_cast<double>(prefix + 1));
+    }
+  }
+  double value = std::strtod(number.c_str(), nullptr) * multiplier;
+  if (!std::isfinite(value) || value >= 9.2e18) return std::nullopt;
+  return static_cast<std::int64_t>(std::llround(value));
+}
+
+std::string utf8Safe(std::string_view bytes) {
+  std::string out;
+  out.reserve(bytes.size());
+  const auto* data = reinterpret_cast<const uint8_t*>(bytes.data());
+  const int32_t size = static_cast<int32_t>(bytes.size());
+  int32_t i = 0;
+  while (i < size) {
+    int32_t start = i;
+    UChar32 c;
+    U8_NEXT(data, i, size, c);
+    if (c < 0) {
+      out += fmt::format("\\x{:02X}", data[start]);
+      i = start + 1;
+    } else {
+      out.append(
+          bytes.substr(static_cast<std::size_t>(start), static_cast<std::size_t>(i - start)));
+    }
+  }
+  return out;
+}
+
+StatusLine::StatusLine() : enabled_(::isatty(STDERR_FILENO) == 1) {}
+
+StatusLine::~StatusLine() { clear(); }
+
+void StatusLine::show(std::string_view text) {
+  if (!enabled_) return;
+  struct winsize size {};
+  std::size_t width = 80;
+  if (::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) width = size.ws_col;
+  std::string line = utf8Safe(text);
+  for (auto& c : line) {
+    if (c == '\n' || c == '\r' || c == '\t') c = ' ';
+  }
+  if (line.size() > width - 1) {
+    // Keep the end of a long path, which says most; cut at a character boundary.
+    std::size_t cut = line.size() - (width - 4);
+    while (cut < line.size() && (static_cast<unsigned char>(line[cut]) & 0xC0) == 0x80) ++cut;
+    line = "..." + line.substr(cut);
+  }
+  std::fprintf(stderr, "\r\033[K%s", line.c_str());
+  std::fflush(stderr);
+  shown_ = true;
+}
+
+void StatusLine::clear() {
+  if (!enabled_ || !shown_) return;
+  std::fputs("\r\033[K", stderr);
+  std::fflush(stderr);
+  shown_ = false;
+}
+
+namespace {
+
+std::atomic<int> gInterrupts{0};
+
+void onSignal(int signal) {
+  if (gInterrupts.fetch_add(1) >= 1) {
+    // Second request: the user wants out now.
+    ::signal(signal, SIG_DFL);
+    ::raise(signal);
+  }
+}
+
+}  // namespace
+
+InterruptGuard::InterruptGuard() {
+  gInterrupts = 0;
+  struct sigaction action {};
+  action.sa_handler = onSignal;
+  sigemptyset(&action.sa_mask);
+  ::sigaction(SIGINT, &action, nullptr);
+  ::sigaction(SIGTERM, &action, nullptr);
+}
+
+InterruptGuard::~InterruptGuard() {
+  ::signal(SIGINT, SIG_DFL);
+  ::signal(SIGTERM, SIG_DFL);
+}
+
+bool InterruptGuard::interrupted() const { return gInterrupts.load() > 0; }
+
+}  // namespace cli

@@ -1,0 +1,171 @@
+#include "platform/Files.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "platform/Locations.h"
+#include "testsupport/TestSupport.h"
+
+namespace platform {
+namespace {
+
+using testsupport::TempDir;
+
+const DirectoryEntry* entryNamed(const std::vector<DirectoryEntry>& entries,
+                                 const std::string& name) {
+  auto it = std::find_if(entries.begin(), entries.end(),
+                         [&](const DirectoryEntry& e) { return e.name == name; });
+  return it == entries.end() ? nullptr : &*it;
+}
+
+class FilesTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    tmp_.write("dir/file.txt", "12345");
+    tmp_.mkdir("dir/sub");
+    tmp_.symlink("dir/to-sub", "sub");
+    tmp_.symlink("dir/dangling", "nowhere");
+    tmp_.write(std::string("dir/odd\nname\xff"), "x");
+  }
+  TempDir tmp_;
+};
+
+TEST_F(FilesTest, ListsWithResourceValuesWithoutFollowingLinks) {
+  auto listing = listDirectory(tmp_ / "dir");
+  ASSERT_TRUE(listing.ok()) << listing.error().message();
+  EXPECT_EQ(listing->size(), 5u);
+
+  auto* file = entryNamed(*listing, "file.txt");
+  ASSERT_NE(file, nullptr);
+  EXPECT_EQ(file->type, FileType::regular);
+  EXPECT_EQ(file->fileSize, 5);
+  EXPECT_TRUE(entryNamed(*listing, "sub")->isDirectory());
+  EXPECT_EQ(entryNamed(*listing, "to-sub")->type, FileType::symbolicLink);
+  EXPECT_EQ(entryNamed(*listing, "dangling")->type, FileType::symbolicLink);
+  EXPECT_NE(entryNamed(*listing, std::string("odd\nname\xff")), nullptr);
+}
+
+TEST_F(FilesTest, FollowingResolvesLinksButKeepsDanglingOnesAsLinks) {
+  auto listing = listDirectory(tmp_ / "dir", Follow::yes);
+  ASSERT_TRUE(listing.ok());
+  EXPECT_EQ(entryNamed(*listing, "to-sub")->type, FileType::directory);
+  EXPECT_EQ(entryNamed(*listing, "dangling")->type, FileType::symbolicLink);
+}
+
+TEST_F(FilesTest, ErrorsComeBackAsValues) {
+  EXPECT_EQ(listDirectory(tmp_ / "missing").error().code, ENOENT);
+  EXPECT_EQ(listDirectory(tmp_ / "dir/file.txt").error().code, ENOTDIR);
+  // A link to a folder isn't listed unless following is asked for.
+  EXPECT_EQ(listDirectory(tmp_ / "dir/to-sub").error().code, ENOTDIR);
+  EXPECT_TRUE(listDirectory(tmp_ / "dir/to-sub", Follow::yes).ok());
+  EXPECT_FALSE(listDirectory(tmp_ / "missing").error().message().empty());
+}
+
+TEST_F(FilesTest, UnreadableFolderIsAPermissionError) {
+  std::string locked = tmp_.mkdir("locked");
+  tmp_.write("locked/inside", "x");
+  ::chmod(locked.c_str(), 0);
+  testsupport::withoutPermissionOverride(
+      [&] { EXPECT_EQ(listDirectory(locked).error().code, EACCES); });
+}
+
+TEST_F(FilesTest, ExistenceTestsDoNotFollowUnlessAsked) {
+  EXPECT_TRUE(fileExists(tmp_ / "dir/dangling"));
+  EXPECT_FALSE(fileExists(tmp_ / "dir/dangling", Follow::yes));
+  EXPECT_FALSE(isDirectory(tmp_ / "dir/to-sub"));
+  EXPECT_TRUE(isDirectory(tmp_ / "dir/to-sub", Follow::yes));
+  auto status = fileStatus(tmp_ / "dir/file.txt");
+  ASSERT_TRUE(status.ok());
+  EXPECT_EQ(status->size, 5);
+  EXPECT_EQ(status->linkCount, 1u);
+}
+
+TEST(PathTest, JoinsAndSplitsComponents) {
+  EXPECT_EQ(joinPath("/a", "b"), "/a/b");
+  EXPECT_EQ(joinPath("/a/", "b"), "/a/b");
+  EXPECT_EQ(joinPath("/", "b"), "/b");
+  EXPECT_EQ(lastPathComponent("/a/b.txt"), "b.txt");
+  EXPECT_EQ(lastPathComponent("/a/b/"), "b");
+  EXPECT_EQ(lastPathComponent("/"), "");
+  EXPECT_EQ(deletingLastPathComponent("/a/b"), "/a");
+  EXPECT_EQ(deletingLastPathComponent("/a"), "/");
+  EXPECT_EQ(deletingLastPathComponent("a"), "");
+}
+
+TEST(LocationsTest, MountInfoIsParsedWithEscapesAndMalformedLinesSkipped) {
+  auto mounts = parseMountInfo(
+      "22 1 8:1 / / rw,relatime shared:1 - ext4 /dev/sda1 rw\n"
+      "garbage line\n"
+      "40 22 8:17 / /media/My\\040Disk rw - vfat /dev/sdb1 rw\n"
+      "41 22 0:5 / /proc rw - proc proc rw\n"
+      "42 22 0:6 / /x rw -\n");
+  ASSERT_EQ(mounts.size(), 3u);
+  EXPECT_EQ(mounts[0].path, "/");
+  EXPECT_EQ(mounts[0].type, "ext4");
+  EXPECT_EQ(mounts[1].path, "/media/My Disk");
+  EXPECT_EQ(mounts[1].type, "vfat");
+}
+
+TEST(LocationsTest, MountTrashFoldersFollowTheFreedesktopRules) {
+  TempDir tmp;
+  std::string shared = tmp.mkdir("disk/.Trash");
+  ::chmod(shared.c_str(), 01777);
+  tmp.mkdir("disk/.Trash/1000/files");
+  tmp.mkdir("disk/.Trash-1000/files");
+  // Without the sticky bit the shared trash is not to be trusted.
+  tmp.mkdir("plain/.Trash/1000/files");
+  tmp.mkdir("plain/.Trash-1001/files");
+  // Pseudo file systems are never looked at.
+  tmp.mkdir("pseudo/.Trash-1000/files");
+
+  auto folders = mountTrashFolders(
+      {{tmp / "disk", "ext4"}, {tmp / "plain", "vfat"}, {tmp / "pseudo", "proc"}}, 1000);
+  EXPECT_EQ(folders, (std::vector<std::string>{tmp / "disk/.Trash/1000/files",
+                                               tmp / "disk/.Trash-1000/files"}));
+}
+
+TEST(LocationsTest, UnderRootPlacesEverythingBelowTheRoot) {
+  auto l = Locations::underRoot("/fixture");
+  EXPECT_EQ(l.home, "/fixture/home");
+  EXPECT_EQ(l.library, "/fixture/home/.local/share");
+  EXPECT_EQ(l.temporary, "/fixture/tmp");
+  EXPECT_EQ(l.systemCaches, "/fixture/var/cache");
+  EXPECT_EQ(l.trashes.front(), "/fixture/home/.local/share/Trash/files");
+  for (const auto& app : l.applications) EXPECT_EQ(app.rfind("/fixture/", 0), 0u) << app;
+}
+
+TEST(LocationsTest, EnvironmentDecidesHomeAndXdgFolders) {
+  struct Restore {
+    std::string name;
+    std::optional<std::string> value;
+    ~Restore() { value ? ::setenv(name.c_str(), value->c_str(), 1) : ::unsetenv(name.c_str()); }
+  };
+  auto save = [](const char* name) {
+    const char* v = std::getenv(name);
+    return Restore{name, v ? std::optional<std::string>(v) : std::nullopt};
+  };
+  Restore home = save("HOME"), data = save("XDG_DATA_HOME"), dirs = save("XDG_DATA_DIRS"),
+          cache = save("XDG_CACHE_HOME");
+  ::setenv("HOME", "/home/tester/", 1);
+  ::setenv("XDG_DATA_HOME", "relative/ignored", 1);
+  ::setenv("XDG_DATA_DIRS", "/opt/share:relative:/usr/share", 1);
+  ::setenv("XDG_CACHE_HOME", "/var/tmp/cache", 1);
+
+  auto l = Locations::fromEnvironment();
+  EXPECT_EQ(l.home, "/home/tester");
+  EXPECT_EQ(l.library, "/home/tester/.local/share");
+  EXPECT_EQ(l.cacheHome, "/var/tmp/cache");
+  EXPECT_EQ(l.temporary, "/tmp");
+  EXPECT_EQ(l.trashes.front(), "/home/tester/.local/share/Trash/files");
+  ASSERT_GE(l.applications.size(), 3u);
+  EXPECT_EQ(l.applications[0], "/home/tester/.local/share/applications");
+  EXPECT_EQ(l.applications[1], "/opt/share/applications");
+  EXPECT_EQ(l.applications[2], "/usr/share/applications");
+}
+
+}  // namespace
+}  // namespace platform

@@ -1,0 +1,215 @@
+#include "platform/Locations.h"
+
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <sstream>
+
+#include "platform/Files.h"
+
+namespace platform {
+
+namespace {
+
+std::string environment(const char* name) {
+  const char* value = std::getenv(name);
+  return value != nullptr ? value : "";
+}
+
+std::string homeFromPasswordDatabase() {
+  long size = ::sysconf(_SC_GETPW_R_SIZE_MAX);
+  std::vector<char> buffer(size > 0 ? static_cast<std::size_t>(size) : 16384);
+  struct passwd entry;
+  struct passwd* found = nullptr;
+  if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found &&
+      found->pw_dir) {
+    return found->pw_dir;
+  }
+  return "/";
+}
+
+// An XDG base directory: the variable when it holds an absolute path, else the default.
+std::string xdgDirectory(const char* variable, const std::string& fallback) {
+  std::string value = environment(variable);
+  return !value.empty() && value.front() == '/' ? value : fallback;
+}
+
+std::vector<std::string> splitPaths(const std::string& list) {
+  std::vector<std::string> paths;
+  std::stringstream stream(list);
+  std::string item;
+  while (std::getline(stream, item, ':')) {
+    if (!item.empty() && item.front() == '/') paths.push_back(item);
+  }
+  return paths;
+}
+
+void appendUnique(std::vector<std::string>& list, std::string path) {
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  if (std::find(list.begin(), list.end(), path) == list.end()) list.push_back(std::move(path));
+}
+
+// mountinfo writes space, tab, newline and backslash in paths as three octal digits ("\040").
+std::string decodeMountPath(std::string_view field) {
+  auto isOctal = [](char c) { return c >= '0' && c <= '7'; };
+  std::string path;
+  for (std::size_t i = 0; i < field.size(); ++i) {
+    if (field[i] == '\\' && i + 3 < field.size() && isOctal(field[i + 1]) &&
+        isOctal(field[i + 2]) && isOctal(field[i + 3])) {
+      path.push_back(static_cast<char>((field[i + 1] - '0') * 64 + (field[i + 2] - '0') * 8 +
+                                       (field[i + 3] - '0')));
+      i += 3;
+    } else {
+      path.push_back(field[i]);
+    }
+  }
+  return path;
+}
+
+bool isPseudoFileSystem(const MountPoint& mount) {
+  static const std::set<std::string> kPseudo = {
+      "proc",       "sysfs",      "devtmpfs",  "devpts",  "cgroup",      "cgroup2",
+      "pstore",     "securityfs", "debugfs",   "tracefs", "configfs",    "fusectl",
+      "mqueue",     "hugetlbfs",  "bpf",       "autofs",  "binfmt_misc", "nsfs",
+      "rpc_pipefs", "efivarfs",   "selinuxfs", "ramfs",   "squashfs"};
+  if (kPseudo.count(mount.type)) return true;
+  for (const char* prefix : {"/proc", "/sys", "/dev", "/run"}) {
+    std::string p = prefix;
+    if (mount.path == p || mount.path.rfind(p + "/", 0) == 0) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+std::vector<MountPoint> parseMountInfo(std::string_view text) {
+  std::vector<MountPoint> mounts;
+  std::size_t start = 0;
+  while (start < text.size()) {
+    std::size_t end = text.find('\n', start);
+    if (end == std::string_view::npos) end = text.size();
+    std::string_view line = text.substr(start, end - start);
+    start = end + 1;
+
+    // id parent major:minor root mount-point options [optional fields] - type source options
+    std::vector<std::string_view> fields;
+    std::size_t pos = 0;
+    while (pos < line.size()) {
+      std::size_t space = line.find(' ', pos);
+      if (space == std::string_view::npos) space = line.size();
+      if (space > pos) fields.push_back(line.substr(pos, space - pos));
+      pos = space + 1;
+    }
+    auto separator = std::find(fields.begin(), fields.end(), "-");
+    if (fields.size() < 5 || separator == fields.end() || separator - fields.begin() < 6 ||
+        separator + 1 == fields.end()) {
+      continue;
+    }
+    mounts.push_back(MountPoint{decodeMountPath(fields[4]), std::string(*(separator + 1))});
+  }
+  return mounts;
+}
+
+std::vector<std::string> mountTrashFolders(const std::vector<MountPoint>& mounts, unsigned uid) {
+  std::vector<std::string> folders;
+  for (const auto& mount : mounts) {
+    if (isPseudoFileSystem(mount)) continue;
+    std::string shared = joinPath(mount.path, ".Trash");
+    auto status = fileStatus(shared, Follow::no);
+    if (status.ok() && status->type == FileType::directory && (status->mode & S_ISVTX)) {
+      std::string files = joinPath(joinPath(shared, std::to_string(uid)), "files");
+      if (isDirectory(files)) appendUnique(folders, files);
+    }
+    std::string own = joinPath(joinPath(mount.path, ".Trash-" + std::to_string(uid)), "files");
+    if (isDirectory(own)) appendUnique(folders, own);
+  }
+  return folders;
+}
+
+Locations Locations::fromEnvironment() {
+  Locations l;
+  l.home = environment("HOME");
+  if (l.home.empty() || l.home.front() != '/') l.home = homeFromPasswordDatabase();
+  while (l.home.size() > 1 && l.home.back() == '/') l.home.pop_back();
+
+  l.library = xdgDirectory("XDG_DATA_HOME", joinPath(l.home, ".local/share"));
+  l.configHome = xdgDirectory("XDG_CONFIG_HOME", joinPath(l.home, ".config"));
+  l.cacheHome = xdgDirectory("XDG_CACHE_HOME", joinPath(l.home, ".cache"));
+  l.temporary = "/tmp";
+  l.systemCaches = "/var/cache";
+  l.systemLogs = "/var/log";
+
+  l.trashes.push_back(joinPath(l.library, "Trash/files"));
+  std::ifstream mountinfo("/proc/self/mountinfo");
+  std::stringstream text;
+  text << mountinfo.rdbuf();
+  for (auto& folder : mountTrashFolders(parseMountInfo(text.str()), ::getuid())) {
+    appendUnique(l.trashes, folder);
+  }
+
+  appendUnique(l.applications, joinPath(l.library, "applications"));
+  std::string dataDirs = environment("XDG_DATA_DIRS");
+  if (dataDirs.empty()) dataDirs = "/usr/local/share:/usr/share";
+  for (const auto& dir : splitPaths(dataDirs)) {
+    appendUnique(l.applications, joinPath(dir, "applications"));
+  }
+  // Flatpak and snap add these to XDG_DATA_DIRS in a login session; a shell started otherwise
+  // may not have them.
+  appendUnique(l.applications, joinPath(l.library, "flatpak/exports/share/applications"));
+  appendUnique(l.applications, "/var/lib/flatpak/exports/share/applications");
+  appendUnique(l.applications, "/var/lib/snapd/desktop/applications");
+  return l;
+}
+
+Locations Locations::underRoot(const std::string& root) {
+  Locations l;
+  l.home = joinPath(root, "home");
+  l.library = joinPath(l.home, ".local/share");
+  l.configHome = joinPath(l.home, ".config");
+  l.cacheHome = joinPath(l.home, ".cache");
+  l.temporary = joinPath(root, "tmp");
+  l.systemCaches = joinPath(root, "var/cache");
+  l.systemLogs = joinPath(root, "var/log");
+  l.trashes = {joinPath(l.library, "Trash/files")};
+  l.applications = {joinPath(l.library, "applications"), joinPath(root, "usr/share/applications")};
+  return l;
+}
+
+namespace {
+
+struct CurrentLocations {
+  std::mutex mutex;
+  std::shared_ptr<const Locations> value;
+};
+
+CurrentLocations& current() {
+  static auto* state = new CurrentLocations;
+  return *state;
+}
+
+}  // namespace
+
+const Locations& currentLocations() {
+  auto& state = current();
+  std::lock_guard lock(state.mutex);
+  if (!state.value) state.value = std::make_shared<const Locations>(Locations::fromEnvironment());
+  return *state.value;
+}
+
+void setCurrentLocations(Locations locations) {
+  auto& state = current();
+  std::lock_guard lock(state.mutex);
+  // Earlier values stay alive: callers may still hold references into them.
+  static auto* retired = new std::vector<std::shared_ptr<const Locations>>;
+  if (state.value) retired->push_back(state.value);
+  state.value = std::make_shared<const Locations>(std::move(locations));
+}
+
+}  // namespace platform

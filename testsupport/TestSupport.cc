@@ -1,0 +1,127 @@
+#include "testsupport/TestSupport.h"
+
+#include <ftw.h>
+#include <linux/capability.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <thread>
+
+#include "platform/Dispatch.h"
+
+namespace testsupport {
+
+namespace fs = std::filesystem;
+
+TempDir::TempDir() {
+  std::string pattern = (fs::temp_directory_path() / "ravelin-test-XXXXXX").string();
+  if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+  path_ = pattern;
+}
+
+TempDir::~TempDir() {
+  // Tests make folders unreadable on purpose; give them back before removing.
+  ::nftw(
+      path_.c_str(),
+      [](const char* p, const struct stat* st, int type, struct FTW*) {
+        if (type == FTW_D || type == FTW_DNR) ::chmod(p, 0700);
+        return 0;
+      },
+      64, FTW_PHYS);
+  std::error_code ignored;
+  fs::permissions(path_, fs::perms::owner_all, fs::perm_options::add, ignored);
+  fs::remove_all(path_, ignored);
+}
+
+std::string TempDir::operator/(const std::string& relative) const {
+  return (fs::path(path_) / relative).string();
+}
+
+std::string TempDir::write(const std::string& relative, const std::string& content) {
+  fs::path full = fs::path(path_) / relative;
+  fs::create_directories(full.parent_path());
+  std::ofstream out(full, std::ios::binary);
+  out << content;
+  return full.string();
+}
+
+std::string TempDir::mkdir(const std::string& relative) {
+  fs::path full = fs::path(path_) / relative;
+  fs::create_directories(full);
+  return full.string();
+}
+
+std::string TempDir::symlink(const std::string& relative, const std::string& target) {
+  fs::path full = fs::path(path_) / relative;
+  fs::create_directories(full.parent_path());
+  fs::create_symlink(target, full);
+  return full.string();
+}
+
+void withoutPermissionOverride(const std::function<void()>& body) {
+  std::thread thread([&] {
+    // Capabilities belong to each thread; dropping them here leaves the rest of the process as
+    // it was.
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct data[2] = {};
+    if (::syscall(SYS_capget, &header, data) == 0) {
+      data[0].effective &= ~((1u << CAP_DAC_OVERRIDE) | (1u << CAP_DAC_READ_SEARCH));
+      ::syscall(SYS_capset, &header, data);
+    }
+    body();
+  });
+  thread.join();
+}
+
+bool drainMainUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
+  return platform::runMainUntil(done, timeout);
+}
+
+void RecordingAnalytics::recordEvent(int event) {
+  std::lock_guard lock(mutex_);
+  events_.push_back({event, std::nullopt});
+}
+
+void RecordingAnalytics::recordEvent(int event,
+                                     const std::map<std::string, std::string>& properties) {
+  std::lock_guard lock(mutex_);
+  events_.push_back({event, properties});
+}
+
+std::vector<RecordingAnalytics::Event> RecordingAnalytics::events() const {
+  std::lock_guard lock(mutex_);
+  return events_;
+}
+
+ScopedAnalyticsRecorder::ScopedAnalyticsRecorder()
+    : recorder_(std::make_shared<RecordingAnalytics>()) {
+  platform::setAnalytics(recorder_);
+}
+
+ScopedAnalyticsRecorder::~ScopedAnalyticsRecorder() { platform::setAnalytics(nullptr); }
+
+void RecordingProcessRunner::answer(const std::string& path, platform::ProcessOutput output) {
+  std::lock_guard lock(mutex_);
+  answers_[path] = std::move(output);
+}
+
+std::optional<platform::ProcessOutput> RecordingProcessRunner::run(
+    const std::string& path, const std::vector<std::string>& arguments) {
+  std::lock_guard lock(mutex_);
+  calls_.push_back({path, arguments});
+  auto it = answers_.find(path);
+  if (it == answers_.end()) return std::nullopt;
+  return it->second;
+}
+
+std::vector<RecordingProcessRunner::Call> RecordingProcessRunner::calls() const {
+  std::lock_guard lock(mutex_);
+  return calls_;
+}
+
+}  // namespace testsupport

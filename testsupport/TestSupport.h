@@ -1,0 +1,97 @@
+#pragma once
+
+// Helpers shared by the test binaries: temporary trees, main-queue draining and recorders.
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/Analytics.h"
+#include "platform/Process.h"
+
+namespace testsupport {
+
+// A fresh folder under the system's temporary folder, removed with all it holds (permissions
+// restored first) when the value goes away.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& path() const { return path_; }
+  // `path()` joined with `relative`.
+  std::string operator/(const std::string& relative) const;
+
+  // Creates the file (and its parent folders) with `content`; gives its absolute path.
+  std::string write(const std::string& relative, const std::string& content = "");
+  // Creates the folder and its parents; gives its absolute path.
+  std::string mkdir(const std::string& relative);
+  // Creates a symbolic link at `relative` pointing at `target` (verbatim).
+  std::string symlink(const std::string& relative, const std::string& target);
+
+ private:
+  std::string path_;
+};
+
+// Runs `body` on a thread of its own that can't read past file permissions, even as root: the
+// thread's effective capabilities lose CAP_DAC_OVERRIDE and CAP_DAC_READ_SEARCH. Permission
+// tests use it so that they test something when the suite runs as root.
+void withoutPermissionOverride(const std::function<void()>& body);
+
+// Drains the main queue until `done` or the timeout; gives `done()`.
+bool drainMainUntil(const std::function<bool()>& done,
+                    std::chrono::milliseconds timeout = std::chrono::seconds(10));
+
+// Keeps every event it is given.
+class RecordingAnalytics final : public platform::IAnalytics {
+ public:
+  struct Event {
+    int number;
+    std::optional<std::map<std::string, std::string>> properties;
+  };
+  void recordEvent(int event) override;
+  void recordEvent(int event, const std::map<std::string, std::string>& properties) override;
+  std::vector<Event> events() const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<Event> events_;
+};
+
+// Installs a `RecordingAnalytics` for the lifetime of the value.
+class ScopedAnalyticsRecorder {
+ public:
+  ScopedAnalyticsRecorder();
+  ~ScopedAnalyticsRecorder();
+  RecordingAnalytics& recorder() { return *recorder_; }
+
+ private:
+  std::shared_ptr<RecordingAnalytics> recorder_;
+};
+
+// Records each run and answers from a table of canned outputs keyed by program path.
+class RecordingProcessRunner final : public platform::ProcessRunner {
+ public:
+  struct Call {
+    std::string path;
+    std::vector<std::string> arguments;
+  };
+  void answer(const std::string& path, platform::ProcessOutput output);
+  std::optional<platform::ProcessOutput> run(const std::string& path,
+                                             const std::vector<std::string>& arguments) override;
+  std::vector<Call> calls() const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::map<std::string, platform::ProcessOutput> answers_;
+  std::vector<Call> calls_;
+};
+
+}  // namespace testsupport
