@@ -1,5 +1,6 @@
 #include "cli/Host.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <signal.h>
 #include <sys/ioctl.h>
@@ -133,5 +134,27 @@ InterruptGuard::~InterruptGuard() {
 }
 
 bool InterruptGuard::interrupted() const { return gInterrupts.load() > 0; }
+
+}  // namespace cli
+
+namespace cli {
+
+SilencedStdout::SilencedStdout() {
+  std::fflush(stdout);
+  saved_ = ::dup(STDOUT_FILENO);
+  int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+  if (null >= 0) {
+    ::dup2(null, STDOUT_FILENO);
+    ::close(null);
+  }
+}
+
+SilencedStdout::~SilencedStdout() {
+  std::fflush(stdout);
+  if (saved_ >= 0) {
+    ::dup2(saved_, STDOUT_FILENO);
+    ::close(saved_);
+  }
+}
 
 }  // namespace cli

@@ -56,3 +56,21 @@ class InterruptGuard {
 };
 
 }  // namespace cli
+
+namespace cli {
+
+// Sends the process's standard output to /dev/null while alive. Library calls that print their
+// own diagnostics (the controller client says when there is no controller) must not mix them
+// into a report or a JSON document.
+class SilencedStdout {
+ public:
+  SilencedStdout();
+  ~SilencedStdout();
+  SilencedStdout(const SilencedStdout&) = delete;
+  SilencedStdout& operator=(const SilencedStdout&) = delete;
+
+ private:
+  int saved_ = -1;
+};
+
+}  // namespace cli

@@ -25,6 +25,7 @@ int main(int argc, char** argv) {
   app.require_subcommand(1, 1);
   app.fallthrough(false);
 
+  cli::addMonitorCommand(app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {

@@ -106,6 +106,8 @@ TEST(LocationsTest, MountInfoIsParsedWithEscapesAndMalformedLinesSkipped) {
   ASSERT_EQ(mounts.size(), 3u);
   EXPECT_EQ(mounts[0].path, "/");
   EXPECT_EQ(mounts[0].type, "ext4");
+  EXPECT_EQ(mounts[0].device, "8:1");
+  EXPECT_EQ(mounts[0].source, "/dev/sda1");
   EXPECT_EQ(mounts[1].path, "/media/My Disk");
   EXPECT_EQ(mounts[1].type, "vfat");
 }
@@ -122,8 +124,10 @@ TEST(LocationsTest, MountTrashFoldersFollowTheFreedesktopRules) {
   // Pseudo file systems are never looked at.
   tmp.mkdir("pseudo/.Trash-1000/files");
 
-  auto folders = mountTrashFolders(
-      {{tmp / "disk", "ext4"}, {tmp / "plain", "vfat"}, {tmp / "pseudo", "proc"}}, 1000);
+  auto folders = mountTrashFolders({{tmp / "disk", "ext4", "8:1", "/dev/sda1"},
+                                    {tmp / "plain", "vfat", "8:2", "/dev/sda2"},
+                                    {tmp / "pseudo", "proc", "0:5", "proc"}},
+                                   1000);
   EXPECT_EQ(folders, (std::vector<std::string>{tmp / "disk/.Trash/1000/files",
                                                tmp / "disk/.Trash-1000/files"}));
 }

@@ -40,6 +40,8 @@ void setCurrentLocations(Locations locations);
 struct MountPoint {
   std::string path;
   std::string type;
+  std::string device;  // "major:minor" of the mounted device
+  std::string source;  // what was mounted, such as "/dev/sda2"
 };
 
 // The mounts listed in a mountinfo text (as /proc/self/mountinfo gives it), with the octal

@@ -112,7 +112,9 @@ std::vector<MountPoint> parseMountInfo(std::string_view text) {
         separator + 1 == fields.end()) {
       continue;
     }
-    mounts.push_back(MountPoint{decodeMountPath(fields[4]), std::string(*(separator + 1))});
+    std::string source = separator + 2 < fields.end() ? std::string(*(separator + 2)) : "";
+    mounts.push_back(MountPoint{decodeMountPath(fields[4]), std::string(*(separator + 1)),
+                                std::string(fields[2]), decodeMountPath(source)});
   }
   return mounts;
 }

@@ -1,0 +1,225 @@
+#include <fmt/format.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <thread>
+
+#include "cli/Commands.h"
+#include "cli/Host.h"
+#include "monitor/DiskInfo.h"
+#include "monitor/SystemStatistics.h"
+#include "monitor/Temperature.h"
+#include "platform/ByteCountFormatter.h"
+
+namespace cli {
+
+namespace {
+
+using monitor::CPULoadInfo;
+using monitor::Fan;
+
+struct Snapshot {
+  std::chrono::steady_clock::time_point taken;
+  std::vector<CPULoadInfo> cpu;
+  std::optional<monitor::MemoryInfo> memory;
+  std::optional<monitor::NetworkStat> network;
+  std::optional<monitor::DiskInfo> disk;
+  bool ssd = false;
+  float cpuTemperature = -1.0f;
+  std::vector<Fan> fans;
+};
+
+Snapshot takeSnapshot() {
+  Snapshot s;
+  s.taken = std::chrono::steady_clock::now();
+  if (auto loads = monitor::GetCPULoadInfo()) {
+    for (const auto& load : *loads) s.cpu.push_back(*load);
+  }
+  if (auto memory = monitor::GetMemoryInfo()) s.memory = **memory;
+  if (auto network = monitor::GetNetworkStat()) s.network = **network;
+  if (auto disk = monitor::DiskInfoReader::shared().readInfo()) s.disk = **disk;
+  s.ssd = monitor::DiskInfoReader::shared().isSSD();
+  {
+    // The controller client prints a line on standard output when there is no controller.
+    SilencedStdout quiet;
+    s.cpuTemperature = monitor::GetCPUTemperature();
+    if (auto fans = monitor::GetFans()) {
+      for (const auto& fan : *fans) s.fans.push_back(*fan);
+    }
+  }
+  if (s.cpuTemperature < 0) s.cpuTemperature = monitor::getSilliconCPUTemperature();
+  return s;
+}
+
+nlohmann::json toJson(const Snapshot& s) {
+  nlohmann::json cpu = nlohmann::json::array();
+  for (const auto& c : s.cpu) {
+    cpu.push_back({{"user", c.user}, {"system", c.system}, {"idle", c.idle}});
+  }
+  nlohmann::json fans = nlohmann::json::array();
+  for (const auto& f : s.fans) {
+    fans.push_back(
+        {{"actual", f.actualSpeed}, {"minimum", f.minimumSpeed}, {"maximum", f.maximumSpeed}});
+  }
+  nlohmann::json out;
+  out["cpu"] = cpu;
+  out["memory"] = s.memory
+                      ? nlohmann::json{{"total", s.memory->totalSize}, {"free", s.memory->freeSize}}
+                      : nlohmann::json(nullptr);
+  out["network"] = s.network ? nlohmann::json{{"bytes_in", s.network->bytesIn},
+                                              {"bytes_out", s.network->bytesOut}}
+                             : nlohmann::json(nullptr);
+  out["disk"] = s.disk ? nlohmann::json{{"total", s.disk->totalSize}, {"free", s.disk->freeSize}}
+                       : nlohmann::json(nullptr);
+  out["cpu_temperature"] = s.cpuTemperature;
+  out["fans"] = fans;
+  return out;
+}
+
+std::string bytes(std::uint64_t n) {
+  return platform::formatByteCount(static_cast<std::int64_t>(n));
+}
+
+std::string sensorLines(const Snapshot& s) {
+  std::string out;
+  if (s.cpuTemperature < 0 && s.fans.empty()) return "Sensors     no sensors\n";
+  out += s.cpuTemperature < 0 ? "CPU         no temperature sensor\n"
+                              : fmt::format("CPU         {:.1f} °C\n", s.cpuTemperature);
+  if (s.fans.empty()) out += "Fans        none\n";
+  for (std::size_t i = 0; i < s.fans.size(); ++i) {
+    const Fan& f = s.fans[i];
+    auto rpm = [](float v) { return v < 0 ? std::string("?") : fmt::format("{:.0f}", v); };
+    out += fmt::format("Fan {:<7} {} rpm (min {}, max {})\n", i + 1, rpm(f.actualSpeed),
+                       rpm(f.minimumSpeed), rpm(f.maximumSpeed));
+  }
+  return out;
+}
+
+std::string commonLines(const Snapshot& s) {
+  std::string out;
+  if (s.memory) {
+    out += fmt::format("Memory      {} total, {} free\n", bytes(s.memory->totalSize),
+                       bytes(s.memory->freeSize));
+  }
+  if (s.disk) {
+    out += fmt::format("Disk        {} total, {} free, {}\n", bytes(s.disk->totalSize),
+                       bytes(s.disk->freeSize), s.ssd ? "solid state" : "not solid state");
+  }
+  return out + sensorLines(s);
+}
+
+std::string report(const Snapshot& s) {
+  std::string out =
+      fmt::format("Processors  {} (ticks since start: user, system, idle)\n", s.cpu.size());
+  for (std::size_t i = 0; i < s.cpu.size(); ++i) {
+    out += fmt::format("  cpu{:<4}   {:>12} {:>12} {:>12}\n", i, s.cpu[i].user, s.cpu[i].system,
+                       s.cpu[i].idle);
+  }
+  out += commonLines(s);
+  if (s.network) {
+    out += fmt::format("Network     {} in, {} out since start\n", bytes(s.network->bytesIn),
+                       bytes(s.network->bytesOut));
+  }
+  return out;
+}
+
+// The view of `--watch`: processor use and network rates between two snapshots.
+std::string rateReport(const Snapshot& before, const Snapshot& now) {
+  double seconds = std::chrono::duration<double>(now.taken - before.taken).count();
+  std::string out = "Processors  busy\n";
+  for (std::size_t i = 0; i < now.cpu.size() && i < before.cpu.size(); ++i) {
+    // Counters are 32 bits and wrap; unsigned subtraction gives the right step across a wrap.
+    std::uint32_t busy =
+        (now.cpu[i].user - before.cpu[i].user) + (now.cpu[i].system - before.cpu[i].system);
+    std::uint32_t idle = now.cpu[i].idle - before.cpu[i].idle;
+    double percent = busy + idle == 0 ? 0.0 : 100.0 * busy / (busy + idle);
+    out += fmt::format("  cpu{:<4}   {:5.1f} %\n", i, percent);
+  }
+  out += commonLines(now);
+  if (now.network && before.network && seconds > 0) {
+    auto rate = [&](std::uint64_t a, std::uint64_t b) {
+      return bytes(static_cast<std::uint64_t>(std::llround((b >= a ? b - a : 0) / seconds)));
+    };
+    out += fmt::format("Network     {}/s in, {}/s out\n",
+                       rate(before.network->bytesIn, now.network->bytesIn),
+                       rate(before.network->bytesOut, now.network->bytesOut));
+  }
+  return out;
+}
+
+void freeMemory(bool json) {
+  auto before = monitor::GetMemoryInfo();
+  if (!before) throw CommandError{kFailure, "cannot read memory counters"};
+  StatusLine status;
+  status.show("Freeing memory...");
+  monitor::FreeUpMemory();
+  status.clear();
+  auto after = monitor::GetMemoryInfo();
+  if (!after) throw CommandError{kFailure, "cannot read memory counters"};
+  if (json) {
+    std::puts(
+        nlohmann::json{{"free_before", (*before)->freeSize}, {"free_after", (*after)->freeSize}}
+            .dump()
+            .c_str());
+  } else {
+    std::printf("Free memory %s before, %s after\n", bytes((*before)->freeSize).c_str(),
+                bytes((*after)->freeSize).c_str());
+  }
+}
+
+}  // namespace
+
+void addMonitorCommand(CLI::App& app) {
+  auto* command = app.add_subcommand(
+      "monitor", "How the machine is doing: processors, memory, network, disk, temperature, fans");
+  auto json = std::make_shared<bool>(false);
+  auto watch = std::make_shared<double>(0);
+  auto count = std::make_shared<int>(0);
+  auto freeUp = std::make_shared<bool>(false);
+  command->add_flag("--json", *json, "Print one JSON object per snapshot");
+  command->add_option("--watch", *watch, "Refresh every SECONDS, with usage and rates")
+      ->check(CLI::Range(0.05, 86400.0).description("SECONDS from 0.05 to 86400"));
+  command->add_option("--count", *count, "With --watch: stop after N refreshes")
+      ->check(CLI::Range(1, 1000000000));
+  command->add_flag("--free-memory", *freeUp,
+                    "Make the system reclaim memory and report free memory before and after");
+  command->callback([=] {
+    if (*freeUp) {
+      if (*watch > 0) throw CommandError{kUsage, "--free-memory can't be combined with --watch"};
+      freeMemory(*json);
+      return;
+    }
+    if (*count > 0 && *watch <= 0) throw CommandError{kUsage, "--count needs --watch"};
+    Snapshot previous = takeSnapshot();
+    if (previous.cpu.empty() && !previous.memory) {
+      throw CommandError{kFailure, "cannot read the system's counters"};
+    }
+    auto print = [&](const std::string& text) {
+      std::fputs(text.c_str(), stdout);
+      std::fflush(stdout);
+    };
+    print(*json ? toJson(previous).dump() + "\n" : report(previous));
+    if (*watch <= 0) return;
+
+    InterruptGuard interrupt;
+    bool clearScreen = !*json && ::isatty(STDOUT_FILENO);
+    auto period = std::chrono::duration<double>(*watch);
+    for (int shown = 0; *count == 0 || shown < *count; ++shown) {
+      auto wake = std::chrono::steady_clock::now() + period;
+      while (std::chrono::steady_clock::now() < wake) {
+        if (interrupt.interrupted()) return;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      }
+      Snapshot now = takeSnapshot();
+      if (*json) {
+        print(toJson(now).dump() + "\n");
+      } else {
+        print((clearScreen ? "\033[H\033[2J" : "\n") + rateReport(previous, now));
+      }
+      previous = std::move(now);
+    }
+  });
+}
+
+}  // namespace cli

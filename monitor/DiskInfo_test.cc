@@ -1,0 +1,127 @@
+#include "monitor/DiskInfo.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "platform/Disks.h"
+#include "platform/SystemRoots.h"
+#include "testsupport/TestSupport.h"
+
+namespace monitor {
+namespace {
+
+using testsupport::TempDir;
+
+TEST(GetDirectorySizeTest, EmptyFolderIsZeroWithoutError) {
+  TempDir tmp;
+  int error = 0;
+  EXPECT_EQ(GetDirectorySize(tmp.mkdir("empty").c_str(), nullptr, &error), 0);
+  EXPECT_EQ(error, 0);
+}
+
+TEST(GetDirectorySizeTest, CountsRegularFilesOnlyAndHardLinksEachTime) {
+  TempDir tmp;
+  tmp.write("a/one", std::string(1000, 'x'));
+  tmp.write("a/b/two", std::string(234, 'y'));
+  tmp.symlink("a/link", "one");  // links aren't followed or counted
+  ::link((tmp / "a/one").c_str(), (tmp / "a/b/hard").c_str());
+  EXPECT_EQ(GetDirectorySize((tmp / "a").c_str()), 2234);
+}
+
+TEST(GetDirectorySizeTest, UnreadableSubfolderIsNotedAndTheRestCounted) {
+  TempDir tmp;
+  tmp.write("top/readable", std::string(10, 'x'));
+  tmp.write("top/locked/hidden", std::string(500, 'x'));
+  ::chmod((tmp / "top/locked").c_str(), 0);
+  testsupport::withoutPermissionOverride([&] {
+    int error = 0;
+    EXPECT_EQ(GetDirectorySize((tmp / "top").c_str(), nullptr, &error), 10);
+    EXPECT_EQ(error, EACCES);
+  });
+}
+
+TEST(GetDirectorySizeTest, StopFlagEndsTheWalkAndMissingPathsGiveZero) {
+  TempDir tmp;
+  tmp.write("a/file", "12345");
+  std::atomic<bool> stop{true};
+  EXPECT_EQ(GetDirectorySize((tmp / "a").c_str(), &stop), 0);
+  stop = false;
+  EXPECT_EQ(GetDirectorySize((tmp / "a").c_str(), &stop), 5);
+  int error = 0;
+  EXPECT_EQ(GetDirectorySize((tmp / "missing").c_str(), nullptr, &error), 0);
+}
+
+// A fixture sysfs with a rotating disk, a solid-state disk, and devices built on them.
+class SolidStateTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    disk("sda", "1");
+    partition("sda", "sda1");
+    disk("nvme0n1", "0");
+    partition("nvme0n1", "nvme0n1p1");
+    partition("nvme0n1", "nvme0n1p2");
+    stacked("dm-0", {"nvme0n1p2"});
+    stacked("md0", {"sda1", "nvme0n1p1"});
+    platform::setSystemRoots({tmp_ / "proc", tmp_ / "sys"});
+  }
+  void TearDown() override { platform::setSystemRoots({}); }
+
+  void disk(const std::string& name, const std::string& rotational) {
+    tmp_.write("sys/block/" + name + "/queue/rotational", rotational + "\n");
+    tmp_.mkdir("sys/class/block/" + name);
+  }
+  void partition(const std::string& disk, const std::string& name) {
+    tmp_.write("sys/block/" + disk + "/" + name + "/partition", "1\n");
+    tmp_.write("sys/class/block/" + name + "/partition", "1\n");
+  }
+  void stacked(const std::string& name, std::vector<std::string> slaves) {
+    tmp_.write("sys/block/" + name + "/queue/rotational", "1\n");  // virtual devices claim 1
+    for (const auto& slave : slaves) tmp_.mkdir("sys/class/block/" + name + "/slaves/" + slave);
+  }
+
+  TempDir tmp_;
+};
+
+TEST_F(SolidStateTest, PartitionsDevicesAndMissingDevices) {
+  EXPECT_FALSE(isSolidState("sda"));
+  EXPECT_FALSE(isSolidState("sda1"));
+  EXPECT_TRUE(isSolidState("nvme0n1"));
+  EXPECT_TRUE(isSolidState("nvme0n1p1"));
+  EXPECT_TRUE(isSolidState("dm-0"));  // through its slave partition
+  EXPECT_FALSE(isSolidState("md0"));  // one of its members rotates
+  EXPECT_FALSE(isSolidState("sdz"));
+  EXPECT_FALSE(isSolidState(""));
+  EXPECT_FALSE(isSolidState("../../etc"));
+}
+
+TEST_F(SolidStateTest, TheMountsDeviceIsFoundByNumberOrBySource) {
+  ::symlink("../../devices/pci0000:00/nvme/nvme0n1/nvme0n1p1",
+            tmp_.mkdir("sys/dev/block").append("/259:1").c_str());
+  tmp_.write("proc/self/mountinfo",
+             "20 1 259:1 / / rw - ext4 /dev/nvme0n1p1 rw\n"
+             "30 20 0:45 / /home rw - btrfs /dev/nvme0n1p2 rw\n"
+             "31 20 0:46 / /mnt/tmp rw - tmpfs tmpfs rw\n");
+  EXPECT_EQ(platform::blockDeviceOfMount("/"), "nvme0n1p1");
+  EXPECT_EQ(platform::blockDeviceOfMount("/home"), "nvme0n1p2");
+  EXPECT_FALSE(platform::blockDeviceOfMount("/mnt/tmp"));
+  EXPECT_FALSE(platform::blockDeviceOfMount("/nowhere"));
+  EXPECT_TRUE(DiskInfoReader::shared().isSSD());
+}
+
+TEST(DiskInfoTest, StartupDiskAgreesWithStatvfs) {
+  auto info = GetDiskInfo();
+  auto space = platform::fileSystemSpace("/");
+  ASSERT_TRUE(info && space);
+  EXPECT_EQ((*info)->totalSize, space->total);
+  EXPECT_EQ((*info)->freeSize, space->available);
+  auto read = DiskInfoReader::shared().readInfo();
+  ASSERT_TRUE(read);
+  // The largest of the sources: never less than "/" alone.
+  EXPECT_GE((*read)->totalSize, space->total);
+  EXPECT_GE((*read)->freeSize, space->available);
+  EXPECT_FALSE(platform::fileSystemSpace("/no/such/place"));
+}
+
+}  // namespace
+}  // namespace monitor
