@@ -1,11 +1,17 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <string>
 
 namespace cli {
 
 // Each subcommand adds itself to the application; its callback runs the command and throws
 // `CommandError` to end with a message.
+void addDiskCommand(CLI::App& app);
+void addLargeCommand(CLI::App& app);
 void addMonitorCommand(CLI::App& app);
+
+// The absolute path of a FOLDER argument; a usage error when it doesn't exist or isn't a folder.
+std::string resolveFolderArgument(const std::string& folder);
 
 }  // namespace cli

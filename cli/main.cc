@@ -25,6 +25,8 @@ int main(int argc, char** argv) {
   app.require_subcommand(1, 1);
   app.fallthrough(false);
 
+  cli::addDiskCommand(app);
+  cli::addLargeCommand(app);
   cli::addMonitorCommand(app);
   try {
     app.parse(argc, argv);

@@ -1,10 +1,10 @@
 #include "monitor/DiskInfo.h"
 
-#include <fts.h>
 #include <sys/stat.h>
 
 #include "platform/Disks.h"
 #include "platform/Locations.h"
+#include "platform/TreeWalker.h"
 
 namespace monitor {
 
@@ -44,25 +44,33 @@ bool DiskInfoReader::isSSD() const {
 
 bool isSolidState(const std::string& bsdName) { return platform::blockDeviceIsSolidState(bsdName); }
 
-std::int64_t GetDirectorySize(const char* path, const std::atomic<bool>* stop, int* error) {
-  char* paths[] = {const_cast<char*>(path), nullptr};
-  FTS* walk = ::fts_open(paths, FTS_PHYSICAL | FTS_NOCHDIR, nullptr);
-  if (walk == nullptr) return 0;
-  std::int64_t total = 0;
-  // The stop flag is read between entries. The first entry, the folder itself, is always read:
-  // glibc's fts_close leaks the root entries of a walk that never read one.
-  for (bool first = true; first || stop == nullptr || !stop->load(std::memory_order_relaxed);
-       first = false) {
-    FTSENT* entry = ::fts_read(walk);
-    if (entry == nullptr) break;
-    if (entry->fts_info == FTS_F) {
-      total += entry->fts_statp->st_size;
-    } else if (error != nullptr && entry->fts_errno != 0) {
-      *error = entry->fts_errno;
-    }
+namespace {
+
+// Sums regular files' sizes and keeps the last error seen.
+class SizeVisitor final : public platform::WalkVisitor {
+ public:
+  explicit SizeVisitor(int* error) : error_(error) {}
+  void entry(const std::string&, std::string_view, const struct stat& status) override {
+    if (S_ISREG(status.st_mode)) total += status.st_size;
   }
-  ::fts_close(walk);
-  return total;
+  void error(const std::string&, int code) override {
+    if (error_ != nullptr && code != 0) *error_ = code;
+  }
+  std::int64_t total = 0;
+
+ private:
+  int* error_;
+};
+
+}  // namespace
+
+std::int64_t GetDirectorySize(const char* path, const std::atomic<bool>* stop, int* error) {
+  // A physical walk: links are neither followed nor counted, hard links count each time.
+  SizeVisitor visitor(error);
+  platform::WalkOptions options;
+  options.stop = stop;
+  platform::walkTree(path, visitor, options);
+  return visitor.total;
 }
 
 }  // namespace monitor

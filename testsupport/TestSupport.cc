@@ -1,6 +1,7 @@
 #include "testsupport/TestSupport.h"
 
-#include <ftw.h>
+#include <dirent.h>
+#include <fcntl.h>
 #include <linux/capability.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -24,18 +25,45 @@ TempDir::TempDir() {
   path_ = pattern;
 }
 
+namespace {
+
+// Removes everything below the open folder `fd`, relative to it, so that trees deeper than
+// PATH_MAX go too. Folders made unreadable by a test are given back their permissions first.
+void removeContents(int fd) {
+  DIR* dir = ::fdopendir(::dup(fd));
+  if (dir == nullptr) return;
+  std::vector<std::string> names;
+  while (struct dirent* entry = ::readdir(dir)) {
+    std::string name = entry->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  ::closedir(dir);
+  for (const auto& name : names) {
+    struct stat st;
+    if (::fstatat(fd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode)) {
+      ::fchmodat(fd, name.c_str(), 0700, 0);
+      int child = ::openat(fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+      if (child >= 0) {
+        removeContents(child);
+        ::close(child);
+      }
+      ::unlinkat(fd, name.c_str(), AT_REMOVEDIR);
+    } else {
+      ::unlinkat(fd, name.c_str(), 0);
+    }
+  }
+}
+
+}  // namespace
+
 TempDir::~TempDir() {
-  // Tests make folders unreadable on purpose; give them back before removing.
-  ::nftw(
-      path_.c_str(),
-      [](const char* p, const struct stat* st, int type, struct FTW*) {
-        if (type == FTW_D || type == FTW_DNR) ::chmod(p, 0700);
-        return 0;
-      },
-      64, FTW_PHYS);
-  std::error_code ignored;
-  fs::permissions(path_, fs::perms::owner_all, fs::perm_options::add, ignored);
-  fs::remove_all(path_, ignored);
+  ::chmod(path_.c_str(), 0700);
+  int fd = ::open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+  if (fd >= 0) {
+    removeContents(fd);
+    ::close(fd);
+  }
+  ::rmdir(path_.c_str());
 }
 
 std::string TempDir::operator/(const std::string& relative) const {

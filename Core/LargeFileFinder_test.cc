@@ -1,0 +1,134 @@
+#include "Core/LargeFileFinder.h"
+
+#include <gtest/gtest.h>
+
+#include "testsupport/TestSupport.h"
+
+namespace Core {
+namespace {
+
+using namespace std::chrono_literals;
+
+class RecordingDelegate final : public LargeFileFinderDelegate {
+ public:
+  void largeFileFinderCurrentURL(const std::string& url) override { urls.push_back(url); }
+  void largeFileFinderFound(const std::vector<File>& files) override {
+    found = files;
+    ++finishes;
+  }
+  std::vector<std::string> urls;
+  std::vector<File> found;
+  int finishes = 0;
+};
+
+// A query whose results and events the test controls.
+class ScriptedQuery final : public platform::MetadataQuery {
+ public:
+  void setPredicate(platform::MetadataPredicate p) override { predicate = p; }
+  void setSearchScopes(std::vector<std::string> s) override { scopes = s; }
+  void setNotificationBatchingInterval(std::chrono::milliseconds i) override { interval = i; }
+  void setSortBySizeDescending(bool d) override { descending = d; }
+  void setDidUpdate(std::function<void()> h) override { update = h; }
+  void setDidFinishGathering(std::function<void()> h) override { finish = h; }
+  void startQuery() override { ++starts; }
+  void stopQuery() override { ++stops; }
+  const std::vector<platform::MetadataItem>& results() const override { return items; }
+
+  platform::MetadataPredicate predicate;
+  std::vector<std::string> scopes;
+  std::chrono::milliseconds interval{0};
+  bool descending = false;
+  std::function<void()> update, finish;
+  int starts = 0, stops = 0;
+  std::vector<platform::MetadataItem> items;
+};
+
+TEST(LargeFileFinderTest, ConfiguresTheQueryAndSkipsItemsWithoutAttributes) {
+  auto owned = std::make_unique<ScriptedQuery>();
+  ScriptedQuery& query = *owned;
+  LargeFileFinder finder(std::move(owned));
+  auto delegate = std::make_shared<RecordingDelegate>();
+  finder.delegate = delegate;
+
+  finder.start(0);
+  EXPECT_EQ(query.predicate, platform::MetadataPredicate(platform::MinimumSizePredicate{0}));
+  EXPECT_EQ(query.interval, 100ms);
+  EXPECT_TRUE(query.descending);
+  EXPECT_EQ(query.starts, 1);
+
+  query.items = {{"/home/a", 30}, {std::nullopt, 20}, {"/home/c", std::nullopt}, {"/home/d", 5}};
+  query.update();
+  EXPECT_EQ(delegate->urls, std::vector<std::string>{"/home/d"});
+  query.finish();
+  EXPECT_EQ(query.stops, 1);
+  EXPECT_EQ(delegate->found, (std::vector<File>{{"/home/a", 30}, {"/home/d", 5}}));
+  EXPECT_EQ(delegate->urls.back(), "/home/d");
+}
+
+TEST(LargeFileFinderTest, NoResultsReportOnlyAnEmptyList) {
+  auto owned = std::make_unique<ScriptedQuery>();
+  ScriptedQuery& query = *owned;
+  LargeFileFinder finder(std::move(owned));
+  auto delegate = std::make_shared<RecordingDelegate>();
+  finder.delegate = delegate;
+  finder.start(1 << 20);
+  query.update();
+  query.finish();
+  EXPECT_TRUE(delegate->urls.empty());
+  EXPECT_EQ(delegate->finishes, 1);
+  EXPECT_TRUE(delegate->found.empty());
+}
+
+class LargeFileFinderTreeTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    tmp_.write("home/exact", std::string(1000, 'x'));
+    tmp_.write("home/below", std::string(999, 'x'));
+    tmp_.write("home/deep/er/big", std::string(5000, 'x'));
+    tmp_.write("home/deep/also", std::string(1000, 'y'));
+    tmp_.symlink("home/link-to-big", tmp_ / "home/deep/er/big");
+    finder_.searchScopes = {tmp_ / "home"};
+    finder_.delegate = delegate_;
+  }
+
+  testsupport::TempDir tmp_;
+  LargeFileFinder finder_;
+  std::shared_ptr<RecordingDelegate> delegate_ = std::make_shared<RecordingDelegate>();
+};
+
+TEST_F(LargeFileFinderTreeTest, FindsFilesOfAtLeastTheSizeLargestFirst) {
+  finder_.start(1000);
+  ASSERT_TRUE(testsupport::drainMainUntil([&] { return delegate_->finishes == 1; }));
+  EXPECT_EQ(delegate_->found, (std::vector<File>{{tmp_ / "home/deep/er/big", 5000},
+                                                 {tmp_ / "home/deep/also", 1000},
+                                                 {tmp_ / "home/exact", 1000}}));
+  EXPECT_EQ(delegate_->urls.back(), tmp_ / "home/exact");
+}
+
+TEST_F(LargeFileFinderTreeTest, NothingLargeEnoughGivesAnEmptyList) {
+  finder_.start(1 << 30);
+  ASSERT_TRUE(testsupport::drainMainUntil([&] { return delegate_->finishes == 1; }));
+  EXPECT_TRUE(delegate_->found.empty());
+  EXPECT_TRUE(delegate_->urls.empty());
+}
+
+TEST_F(LargeFileFinderTreeTest, StopBeforeTheFinishReportsNothing) {
+  finder_.start(0);
+  finder_.stop();
+  testsupport::drainMainUntil([] { return false; }, 300ms);
+  EXPECT_EQ(delegate_->finishes, 0);
+
+  // The same finder can search again.
+  finder_.start(0);
+  ASSERT_TRUE(testsupport::drainMainUntil([&] { return delegate_->finishes == 1; }));
+  EXPECT_EQ(delegate_->found.size(), 4u);
+}
+
+TEST_F(LargeFileFinderTreeTest, ADelegateThatIsGoneMakesReportsDoNothing) {
+  finder_.start(0);
+  delegate_.reset();
+  testsupport::drainMainUntil([] { return false; }, 300ms);
+}
+
+}  // namespace
+}  // namespace Core

@@ -1,0 +1,51 @@
+#pragma once
+
+// A depth-first walk of a file tree that never follows symbolic links. Each folder is opened
+// once and its entries are examined relative to its descriptor (openat, fstatat), so no path is
+// built unless a visitor asks for one. Trees of any depth are walked: when too many folders are
+// open, the shallowest are closed and reopened later, component by component, checked against
+// their device and inode.
+
+#include <sys/stat.h>
+
+#include <atomic>
+#include <string>
+#include <string_view>
+
+namespace platform {
+
+class WalkVisitor {
+ public:
+  virtual ~WalkVisitor() = default;
+
+  // An entry that isn't a folder (or the root itself when it isn't a folder). `status` is the
+  // entry's lstat; `folder` is the path of the folder that holds it ("" for the root).
+  virtual void entry(const std::string& folder, std::string_view name,
+                     const struct stat& status) = 0;
+
+  // A folder about to be entered (not called for the root); false skips it.
+  virtual bool enterFolder(const std::string& folder, std::string_view name,
+                           const struct stat& status) {
+    return true;
+  }
+
+  // `path` couldn't be opened, listed or examined; the walk goes on.
+  virtual void error(const std::string& path, int code) {}
+};
+
+struct WalkOptions {
+  // Folders on another file system than the root's are passed over.
+  bool stayOnFileSystem = false;
+  // Read between entries: once set, the walk ends within one entry.
+  const std::atomic<bool>* stop = nullptr;
+  // Regular files, links and other entries are lstat'ed only when this is true. Walks that only
+  // want regular files' sizes keep it true; walks that want names only may set it false, and
+  // then `status` carries only the file type bits for entries the directory listing typed.
+  bool statEntries = true;
+};
+
+// Walks `root`. Gives false when the root itself can't be examined (the error is also reported
+// to the visitor).
+bool walkTree(const std::string& root, WalkVisitor& visitor, const WalkOptions& options = {});
+
+}  // namespace platform
