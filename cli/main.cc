@@ -26,6 +26,7 @@ int main(int argc, char** argv) {
   app.fallthrough(false);
 
   cli::addDiskCommand(app);
+  cli::addDupesCommand(app);
   cli::addLargeCommand(app);
   cli::addMonitorCommand(app);
   try {

@@ -72,6 +72,16 @@ class MetadataQuery {
   virtual const std::vector<MetadataItem>& results() const = 0;
 };
 
+// True when the platform presents the folder at `path` as one item: a folder whose name ends in
+// one of the package extensions of macOS (".app", ".bundle", ".framework", ".photoslibrary",
+// ".sparsebundle", ...), so that such bundles on any disk compare as wholes. The caller knows
+// that `path` is a folder; only the name is looked at.
+bool isPackage(const std::string& path);
+
+// The total size of a package as the index knows it, 0 when unknown. Linux keeps no such
+// figure, and walking the package would cost what hashing it costs, so this is always 0.
+std::int64_t packageFileSize(const std::string& path);
+
 // A query over a walk of the file system: links are never followed and the walk stays on the
 // file system of each scope.
 std::unique_ptr<MetadataQuery> makeMetadataQuery(DispatchQueue delivery = DispatchQueue::main());

@@ -4,6 +4,7 @@
 #include <charconv>
 #include <mutex>
 
+#include "platform/Files.h"
 #include "platform/Locations.h"
 #include "platform/Metadata.h"
 #include "platform/TreeWalker.h"
@@ -213,6 +214,28 @@ const std::set<std::string>& diskImageExtensions() {
       ".qcow2", ".vdi", ".vmdk", ".vhd",         ".vhdx"};
   return kExtensions;
 }
+
+bool isPackage(const std::string& path) {
+  static const std::set<std::string> kPackageExtensions = {
+      "app",          "appex",       "aplibrary", "band",         "bundle",
+      "component",    "docset",      "fcpbundle", "framework",    "imovielibrary",
+      "kext",         "key",         "logicx",    "mdimporter",   "mpkg",
+      "musiclibrary", "numbers",     "pages",     "photolibrary", "photoslibrary",
+      "pkg",          "playground",  "plugin",    "prefpane",     "qlgenerator",
+      "rtfd",         "saver",       "scptd",     "sparsebundle", "systemextension",
+      "tvlibrary",    "vst",         "vst3",      "wdgt",         "xcarchive",
+      "xcodeproj",    "xcworkspace", "xpc"};
+  std::size_t end = path.size();
+  while (end > 1 && path[end - 1] == '/') --end;
+  std::size_t slash = path.rfind('/', end - 1);
+  std::size_t dot = path.rfind('.', end - 1);
+  if (dot == std::string::npos || (slash != std::string::npos && dot <= slash + 1)) return false;
+  std::string extension = path.substr(dot + 1, end - dot - 1);
+  for (auto& c : extension) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return kPackageExtensions.count(extension) > 0;
+}
+
+std::int64_t packageFileSize(const std::string&) { return 0; }
 
 std::unique_ptr<MetadataQuery> makeMetadataQuery(DispatchQueue delivery) {
   return std::make_unique<FileIndexQuery>(std::move(delivery));

@@ -1,0 +1,53 @@
+#include "dff/CoreDuplicateFileFinder.h"
+
+#include "platform/Dispatch.h"
+
+namespace Core {
+
+DuplicateFileFinder::DuplicateFileFinder() : slot_(std::make_shared<DelegateSlot>()) {}
+
+DuplicateFileFinder& DuplicateFileFinder::shared() {
+  static auto* instance = new DuplicateFileFinder;
+  return *instance;
+}
+
+void DuplicateFileFinder::setDelegate(std::weak_ptr<DuplicateFileFinderDelegate> delegate) {
+  slot_->delegate = std::move(delegate);
+}
+
+void DuplicateFileFinder::start() {
+  platform::DispatchQueue queue("start()", platform::QoS::userInitiated);
+  queue.async([this, slot = slot_] {
+    dff::DFFGroups found = find();
+    std::vector<std::vector<Duplicate>> groups;
+    groups.reserve(found.size());
+    for (const auto& group : found) {
+      auto& converted = groups.emplace_back();
+      converted.reserve(group.size());
+      for (const auto& entry : group) {
+        if (auto* photo = dynamic_cast<const dff::DFFPhoto*>(entry.get())) {
+          converted.push_back(Photo{photo->id, File{photo->url, photo->size}});
+        } else {
+          converted.push_back(File{entry->url, entry->size});
+        }
+      }
+    }
+    platform::DispatchQueue::main().async([slot, groups = std::move(groups)] {
+      if (auto delegate = slot->delegate.lock()) delegate->duplicateFileFinderCompleted(groups);
+    });
+  });
+}
+
+void DuplicateFileFinder::progress(double value) {
+  platform::DispatchQueue::main().async([slot = slot_, value] {
+    if (auto delegate = slot->delegate.lock()) delegate->duplicateFileFinderProgress(value);
+  });
+}
+
+void DuplicateFileFinder::current(const std::string& url) {
+  platform::DispatchQueue::main().async([slot = slot_, url] {
+    if (auto delegate = slot->delegate.lock()) delegate->duplicateFileFinderCurrent(url);
+  });
+}
+
+}  // namespace Core

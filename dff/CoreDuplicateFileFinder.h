@@ -1,0 +1,51 @@
+#pragma once
+
+// The duplicate search as a host uses it: set the properties, set `delegate`, call `start()`,
+// and receive the current path, progress and finally the groups, in that order, on the main
+// queue.
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Core/File.h"
+#include "dff/DFFDuplicateFileFinder.h"
+
+namespace Core {
+
+class DuplicateFileFinderDelegate {
+ public:
+  virtual ~DuplicateFileFinderDelegate() = default;
+  virtual void duplicateFileFinderCurrent(const std::string& url) = 0;
+  virtual void duplicateFileFinderProgress(double progress) = 0;
+  virtual void duplicateFileFinderCompleted(const std::vector<std::vector<Duplicate>>& groups) = 0;
+};
+
+// Runs searches on a serial queue of their own and reports on the main queue. The delegate is
+// held weakly and looked up on the main queue at each report; one that is gone makes the report
+// do nothing while the run goes on to its end. The object must outlive a run it started; the
+// `shared` instance lives for the process. A second `start()` must wait for the first to
+// complete.
+class DuplicateFileFinder : public dff::DFFDuplicateFileFinder {
+ public:
+  DuplicateFileFinder();
+
+  static DuplicateFileFinder& shared();
+
+  // Set and read on the main queue.
+  void setDelegate(std::weak_ptr<DuplicateFileFinderDelegate> delegate);
+
+  void start();
+
+ protected:
+  void progress(double value) override;
+  void current(const std::string& url) override;
+
+ private:
+  struct DelegateSlot {
+    std::weak_ptr<DuplicateFileFinderDelegate> delegate;
+  };
+  std::shared_ptr<DelegateSlot> slot_;
+};
+
+}  // namespace Core

@@ -1,0 +1,436 @@
+#include "dff/DuplicateFileFinder.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <strings.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <ctime>
+#include <exception>
+#include <new>
+
+#include "dff/Hash.h"
+#include "dff/PhotoLibraryReader.h"
+#include "platform/Metadata.h"
+
+namespace dff {
+
+namespace {
+
+// Processor-time reading of the last current-path report, for the whole process.
+std::atomic<std::clock_t> gLastPathReport{0};
+
+// The type of a directory entry as readdir gives it; file systems that don't type their entries
+// are asked through fstatat.
+unsigned char entryType(DIR* dir, const struct dirent* entry) {
+  if (entry->d_type != DT_UNKNOWN) return entry->d_type;
+  struct stat status;
+  if (::fstatat(::dirfd(dir), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) return DT_UNKNOWN;
+  return IFTODT(status.st_mode);
+}
+
+}  // namespace
+
+DuplicateFileFinder::DuplicateFileFinder(std::function<void(double)> progressCallback,
+                                         std::function<void(const Path&)> currentPathCallback)
+    : progressCallback_(std::move(progressCallback)),
+      currentPathCallback_(std::move(currentPathCallback)) {}
+
+void DuplicateFileFinder::stop() { stopped_.store(true); }
+
+void DuplicateFileFinder::releaseFiles() {
+  directories.clear();
+  photoLibraries.clear();
+}
+
+Result DuplicateFileFinder::find() {
+  stopped_.store(false);
+  Duplicate<long long, File*> filesBySize;
+  Duplicate<long long, Symlink*> linksBySize;
+  Duplicate<long long, Package*> packagesBySize;
+  std::deque<Package*> unsizedPackages;
+  Duplicate<HashValue, File*> fileDuplicates;
+  Duplicate<HashValue, Package*> packageDuplicates;
+  Duplicate<HashValue, Directory*> directoryDuplicates;
+
+  for (const Path& root : rootFolders) {
+    if (withExtension(root, ".photosLibrary")) {
+      if (auto library = scanPhotoLibrary(root, filesBySize, packagesBySize, unsizedPackages)) {
+        photoLibraries.push_back(std::move(library));
+      }
+    } else {
+      directories.push_back(
+          scanFiles(root, filesBySize, linksBySize, packagesBySize, unsizedPackages));
+    }
+  }
+  progressCallback_(0.3);
+  findDuplicateFiles(filesBySize, fileDuplicates);
+  findDuplicateLinks(linksBySize);
+  progressCallback_(0.5);
+  findDuplicatePackages(packagesBySize, unsizedPackages, packageDuplicates);
+  progressCallback_(0.8);
+  for (const auto& tree : directories) findDuplicateDirectories(tree.get(), directoryDuplicates);
+  markDuplicateContainers(directoryDuplicates);
+  progressCallback_(0.9);
+
+  Result result;
+  filter(fileDuplicates, result);
+  filter(packageDuplicates, result);
+  filter(directoryDuplicates, result);
+  return result;
+}
+
+std::shared_ptr<Directory> DuplicateFileFinder::scanFiles(
+    const Path& root, Duplicate<long long, File*>& filesBySize,
+    Duplicate<long long, Symlink*>& linksBySize, Duplicate<long long, Package*>& packagesBySize,
+    std::deque<Package*>& unsizedPackages) {
+  auto tree = std::make_shared<Directory>(root, nullptr);
+  if (stopped_.load()) return tree;
+
+  std::vector<Directory*> stack{tree.get()};
+  while (!stack.empty()) {
+    Directory* folder = stack.back();
+    stack.pop_back();
+    // A stop drains the stack, marking what wasn't visited.
+    if (stopped_.load()) {
+      folder->unique = true;
+      continue;
+    }
+    DIR* dir = ::opendir(folder->path.cStr());
+    if (dir == nullptr) {
+      folder->unique = true;
+      continue;
+    }
+    const int fd = ::dirfd(dir);
+    while (struct dirent* entry = ::readdir(dir)) {
+      if (stopped_.load()) {
+        folder->unique = true;
+        break;
+      }
+      const char* name = entry->d_name;
+      const std::size_t length = std::strlen(name);
+      struct stat status;
+      switch (entryType(dir, entry)) {
+        case DT_LNK: {
+          Path path = folder->path / name;
+          notifyCurrentPath(path);
+          if (::fstatat(fd, name, &status, AT_SYMLINK_NOFOLLOW) != 0 ||
+              status.st_size < minFileSize) {
+            folder->unique = true;
+            break;
+          }
+          auto link = std::make_shared<Symlink>(std::move(path), status.st_size, folder);
+          linksBySize.add(status.st_size, link.get());
+          folder->children.push_back(std::move(link));
+          break;
+        }
+        case DT_REG: {
+          // Finder's folder settings: neither counted nor spoiling the folder.
+          if (length == 9 && std::memcmp(name, ".DS_Store", 9) == 0) break;
+          if (exclude(name, length)) {
+            folder->unique = true;
+            break;
+          }
+          Path path = folder->path / name;
+          notifyCurrentPath(path);
+          if (::fstatat(fd, name, &status, AT_SYMLINK_NOFOLLOW) != 0 ||
+              status.st_size < minFileSize) {
+            folder->unique = true;
+            break;
+          }
+          auto file = std::make_shared<File>(std::move(path), status.st_size, folder);
+          filesBySize.add(status.st_size, file.get());
+          folder->children.push_back(std::move(file));
+          break;
+        }
+        case DT_DIR: {
+          if (specialDirectory(name, length)) break;
+          Path path = folder->path / name;
+          notifyCurrentPath(path);
+          if (isPackage(path)) {
+            if (exclude(name, length)) {
+              folder->unique = true;
+              break;
+            }
+            std::int64_t size = platform::packageFileSize(path.string());
+            if (size != 0 && size < minFileSize) {
+              folder->unique = true;
+              break;
+            }
+            auto package = std::make_shared<Package>(std::move(path), folder);
+            if (size != 0) {
+              packagesBySize.add(size, package.get());
+            } else {
+              unsizedPackages.push_back(package.get());
+            }
+            folder->children.push_back(std::move(package));
+            break;
+          }
+          if ((!includeHiddenFolders && name[0] == '.') || exclude(path)) {
+            folder->unique = true;
+            break;
+          }
+          auto child = std::make_shared<Directory>(std::move(path), folder);
+          stack.push_back(child.get());
+          folder->children.push_back(std::move(child));
+          break;
+        }
+        default:
+          // Devices, sockets, pipes, and entries that vanished before their type was known.
+          folder->unique = true;
+          break;
+      }
+    }
+    ::closedir(dir);
+  }
+  return tree;
+}
+
+std::shared_ptr<PhotoLibrary> DuplicateFileFinder::scanPhotoLibrary(
+    const Path& root, Duplicate<long long, File*>& filesBySize,
+    Duplicate<long long, Package*>& packagesBySize, std::deque<Package*>& unsizedPackages) {
+  std::int64_t size = platform::packageFileSize(root.string());
+  if (size != 0 && size < minFileSize) return nullptr;
+  auto library = std::make_shared<PhotoLibrary>(root, nullptr);
+  if (size != 0) {
+    packagesBySize.add(size, library.get());
+  } else {
+    unsizedPackages.push_back(library.get());
+  }
+  try {
+    PhotoLibraryReader::readPhotos(*library);
+  } catch (const std::bad_alloc&) {
+    throw;
+  } catch (const std::exception&) {
+    // An unreadable library is still compared as a package, without photos.
+    return library;
+  }
+  for (Photo& photo : library->photos) filesBySize.add(photo.size, &photo);
+  return library;
+}
+
+template <class Entry, class Hasher>
+void DuplicateFileFinder::resolve(std::vector<std::vector<Hasher*>>& work,
+                                  Duplicate<HashValue, Entry*>& finished,
+                                  Entry* Hasher::*entry) const {
+  while (!work.empty()) {
+    std::vector<Hasher*> group = std::move(work.back());
+    work.pop_back();
+    Duplicate<HashValue, Hasher*> stage;
+    for (Hasher* hasher : group) {
+      Entry* item = hasher->*entry;
+      if (stopped_.load()) {
+        item->unique = true;
+        delete hasher;
+        continue;
+      }
+      notifyCurrentPath(item->path);
+      bool done;
+      try {
+        done = hasher->update();
+      } catch (const std::bad_alloc&) {
+        throw;
+      } catch (const std::exception&) {
+        item->unique = true;
+        delete hasher;
+        continue;
+      }
+      hasher->hashValue(item->hash);
+      if (done) {
+        finished.add(item->hash, item);
+        delete hasher;
+      } else {
+        stage.add(item->hash, hasher);
+      }
+    }
+    // Parts of the split go on top of the stack and are taken next.
+    for (auto& node : stage) {
+      if (node.values.size() == 1) {
+        (node.values.front()->*entry)->unique = true;
+        delete node.values.front();
+      } else {
+        work.push_back(node.values);
+      }
+    }
+  }
+}
+
+void DuplicateFileFinder::findDuplicateFiles(const Duplicate<long long, File*>& filesBySize,
+                                             Duplicate<HashValue, File*>& fileDuplicates) const {
+  if (stopped_.load()) {
+    // Stopped before any file was compared: none of them may stand for a twin, or two folders
+    // of same-sized files would be grouped on digests that were never taken.
+    for (auto& node : filesBySize) {
+      for (File* file : node.values) file->unique = true;
+    }
+    return;
+  }
+  std::vector<std::vector<FileHash*>> work;
+  for (auto& node : filesBySize) {
+    if (node.values.size() == 1) {
+      node.values.front()->unique = true;  // a size nothing else has needs no reading
+      continue;
+    }
+    std::vector<FileHash*> group;
+    group.reserve(node.values.size());
+    for (File* file : node.values) group.push_back(new FileHash(file));
+    work.push_back(std::move(group));
+  }
+  resolve(work, fileDuplicates, &FileHash::file);
+  for (auto& node : fileDuplicates) {
+    if (node.values.size() == 1) node.values.front()->unique = true;
+  }
+}
+
+void DuplicateFileFinder::findDuplicateLinks(
+    const Duplicate<long long, Symlink*>& linksBySize) const {
+  SymbolicLinkHash hasher;
+  for (auto& node : linksBySize) {
+    if (node.values.size() == 1) {
+      node.values.front()->unique = true;
+      continue;
+    }
+    Duplicate<HashValue, Symlink*> byTarget;
+    for (Symlink* link : node.values) {
+      if (hasher.hash(link, link->hash)) {
+        byTarget.add(link->hash, link);
+      } else {
+        link->unique = true;
+      }
+    }
+    for (auto& target : byTarget) {
+      if (target.values.size() == 1) target.values.front()->unique = true;
+    }
+  }
+}
+
+void DuplicateFileFinder::findDuplicatePackages(
+    const Duplicate<long long, Package*>& packagesBySize,
+    const std::deque<Package*>& unsizedPackages,
+    Duplicate<HashValue, Package*>& packageDuplicates) const {
+  if (stopped_.load()) {
+    // As for files: a package that was never compared can't make its folder a duplicate.
+    for (auto& node : packagesBySize) {
+      for (Package* package : node.values) package->unique = true;
+    }
+    for (Package* package : unsizedPackages) package->unique = true;
+    return;
+  }
+  std::vector<std::vector<PackageHash*>> work;
+  if (!unsizedPackages.empty()) {
+    // A package of unknown size might equal any other: one group for all.
+    std::vector<PackageHash*> group;
+    for (auto& node : packagesBySize) {
+      for (Package* package : node.values) group.push_back(new PackageHash(package, minFileSize));
+    }
+    for (Package* package : unsizedPackages) {
+      group.push_back(new PackageHash(package, minFileSize));
+    }
+    work.push_back(std::move(group));
+  } else {
+    for (auto& node : packagesBySize) {
+      std::vector<PackageHash*> group;
+      for (Package* package : node.values) group.push_back(new PackageHash(package, minFileSize));
+      work.push_back(std::move(group));
+    }
+  }
+  resolve(work, packageDuplicates, &PackageHash::package);
+  markDuplicateContainers(packageDuplicates);
+}
+
+void DuplicateFileFinder::findDuplicateDirectories(
+    Directory* directory, Duplicate<HashValue, Directory*>& directoryDuplicates) const {
+  Hash hash;
+  std::vector<std::pair<Directory*, bool>> stack{{directory, true}};
+  while (!stack.empty()) {
+    auto& [folder, firstVisit] = stack.back();
+    if (firstVisit) {
+      firstVisit = false;
+      Directory* current = folder;
+      for (const auto& child : current->children) {
+        if (child->unique) current->unique = true;
+        if (fileTypeId(child.get()) == 1) {
+          stack.emplace_back(static_cast<Directory*>(child.get()), true);
+        }
+      }
+      continue;
+    }
+    Directory* current = folder;
+    stack.pop_back();
+    if (current->unique) {
+      if (current->parent != nullptr) current->parent->unique = true;
+      continue;
+    }
+    notifyCurrentPath(current->path);
+    // Names play no part: a folder is the multiset of (kind, size, digest) of what it holds,
+    // made an order by this sort.
+    std::sort(current->children.begin(), current->children.end(),
+              [](const std::shared_ptr<File>& a, const std::shared_ptr<File>& b) {
+                std::uint32_t ta = fileTypeId(a.get()), tb = fileTypeId(b.get());
+                if (ta != tb) return ta > tb;
+                if (a->size != b->size) return a->size > b->size;
+                return a->hash > b->hash;
+              });
+    hash.reset();
+    for (const auto& child : current->children) {
+      std::uint32_t type = fileTypeId(child.get());
+      hash.updateMD5(&type, sizeof(type));
+      hash.updateMD5(&child->size, sizeof(child->size));
+      hash.updateMD5(&child->hash, sizeof(child->hash));
+      current->size += child->size;
+    }
+    if (current->size >= minFileSize) {
+      hash.hashValue(current->hash);
+      directoryDuplicates.add(current->hash, current);
+    }
+  }
+}
+
+bool DuplicateFileFinder::exclude(const struct dirent* entry) const {
+  return exclude(entry->d_name, std::strlen(entry->d_name));
+}
+
+bool DuplicateFileFinder::exclude(const char* name, std::size_t length) const {
+  for (const auto& suffix : excludeExtensions) {
+    if (withExtension(name, length, suffix.c_str())) return true;
+  }
+  return false;
+}
+
+bool DuplicateFileFinder::exclude(const Path& path) const {
+  for (const auto& excluded : excludePaths) {
+    if (excluded.length() == path.length() &&
+        ::strncasecmp(excluded.cStr(), path.cStr(), path.length()) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+bool DuplicateFileFinder::isPackage(const Path& path) { return platform::isPackage(path.string()); }
+
+bool DuplicateFileFinder::withExtension(const char* name, std::size_t length, const char* suffix) {
+  std::size_t suffixLength = std::strlen(suffix);
+  if (suffixLength >= length) return false;
+  return ::strncasecmp(name + length - suffixLength, suffix, suffixLength) == 0;
+}
+
+bool DuplicateFileFinder::withExtension(const struct dirent* entry, const char* suffix) {
+  return withExtension(entry->d_name, std::strlen(entry->d_name), suffix);
+}
+
+bool DuplicateFileFinder::withExtension(const Path& path, const char* suffix) {
+  return withExtension(path.cStr(), path.length(), suffix);
+}
+
+void DuplicateFileFinder::notifyCurrentPath(const Path& path) const {
+  // At most 25 reports per second of processor time, for the whole process.
+  std::clock_t now = std::clock();
+  std::clock_t last = gLastPathReport.load(std::memory_order_relaxed);
+  if (static_cast<double>(now - last) / CLOCKS_PER_SEC < 0.04) return;
+  gLastPathReport.store(now, std::memory_order_relaxed);
+  currentPathCallback_(path);
+}
+
+}  // namespace dff

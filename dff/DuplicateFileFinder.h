@@ -1,0 +1,126 @@
+#pragma once
+
+// The duplicate engine's driver. `find` walks the chosen folders and photo libraries into one tree
+// of entries, sorts them into size tables, narrows files and packages by staged digests, digests
+// folders from their children and returns the groups of identical entries that a user should
+// see: file groups first, then packages, then folders.
+//
+// Everything runs on the thread that calls `find`; `stop` may come from any other thread.
+
+#include <atomic>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "dff/Duplicate.h"
+#include "dff/File.h"
+
+namespace dff {
+
+class FileHash;
+class PackageHash;
+
+using Group = std::vector<File*>;
+using Result = std::vector<Group>;
+
+class DuplicateFileFinder {
+ public:
+  // Both functions must be callable. `currentPathCallback` is throttled to 25 calls per second
+  // of processor time.
+  DuplicateFileFinder(std::function<void(double)> progressCallback,
+                      std::function<void(const Path&)> currentPathCallback);
+  DuplicateFileFinder(const DuplicateFileFinder&) = delete;
+  DuplicateFileFinder& operator=(const DuplicateFileFinder&) = delete;
+
+  // Runs a whole search and gives the groups. The entries stay valid until `releaseFiles`, which
+  // must be called between runs. A stop made before `find` begins has no effect.
+  Result find();
+  // Makes the running `find` wind down and return what it has settled.
+  void stop();
+  // Frees the whole tree of the last run.
+  void releaseFiles();
+
+  std::vector<Path> rootFolders;
+  std::vector<Path> excludePaths;
+  std::vector<std::string> excludeExtensions;
+  bool includeHiddenFolders = false;
+  std::int64_t minFileSize = 0;
+
+  // The passes, in the order `find` runs them.
+  std::shared_ptr<Directory> scanFiles(const Path& root, Duplicate<long long, File*>& filesBySize,
+                                       Duplicate<long long, Symlink*>& linksBySize,
+                                       Duplicate<long long, Package*>& packagesBySize,
+                                       std::deque<Package*>& unsizedPackages);
+  std::shared_ptr<PhotoLibrary> scanPhotoLibrary(const Path& root,
+                                                 Duplicate<long long, File*>& filesBySize,
+                                                 Duplicate<long long, Package*>& packagesBySize,
+                                                 std::deque<Package*>& unsizedPackages);
+  void findDuplicateFiles(const Duplicate<long long, File*>& filesBySize,
+                          Duplicate<HashValue, File*>& fileDuplicates) const;
+  void findDuplicateLinks(const Duplicate<long long, Symlink*>& linksBySize) const;
+  void findDuplicatePackages(const Duplicate<long long, Package*>& packagesBySize,
+                             const std::deque<Package*>& unsizedPackages,
+                             Duplicate<HashValue, Package*>& packageDuplicates) const;
+  void findDuplicateDirectories(Directory* directory,
+                                Duplicate<HashValue, Directory*>& directoryDuplicates) const;
+
+  // Single entries of `table` become `unique`; members of groups are marked `duplicate`.
+  template <class T>
+  void markDuplicateContainers(const Duplicate<HashValue, T*>& table) const {
+    for (auto& node : table) {
+      if (node.values.size() == 1) {
+        node.values.front()->unique = true;
+      } else {
+        for (T* value : node.values) value->duplicate = true;
+      }
+    }
+  }
+
+  // Appends the groups of `table` that a user should see: a group whose members all sit in
+  // duplicate containers is left out, since its containers are reported instead.
+  template <class T>
+  void filter(const Duplicate<HashValue, T*>& table, Result& result) const {
+    for (auto& node : table) {
+      if (node.values.size() < 2) continue;
+      bool allInDuplicates = true;
+      for (T* value : node.values) {
+        if (value->parent == nullptr || !value->parent->duplicate) {
+          allInDuplicates = false;
+          break;
+        }
+      }
+      if (allInDuplicates) continue;
+      result.emplace_back(node.values.begin(), node.values.end());
+    }
+  }
+
+  // True when the entry's name ends in one of `excludeExtensions`.
+  bool exclude(const struct dirent* entry) const;
+  bool exclude(const char* name, std::size_t length) const;
+  // True when `path` is one of `excludePaths`, compared whole and ignoring ASCII case.
+  bool exclude(const Path& path) const;
+  // True when the platform treats the folder as one item.
+  static bool isPackage(const Path& path);
+  // Case-insensitive suffix test; a name that is nothing but the suffix doesn't match.
+  static bool withExtension(const struct dirent* entry, const char* suffix);
+  static bool withExtension(const char* name, std::size_t length, const char* suffix);
+  static bool withExtension(const Path& path, const char* suffix);
+
+  void notifyCurrentPath(const Path& path) const;
+
+  std::vector<std::shared_ptr<Directory>> directories;
+  std::vector<std::shared_ptr<Package>> photoLibraries;
+
+ private:
+  template <class Entry, class Hasher>
+  void resolve(std::vector<std::vector<Hasher*>>& work, Duplicate<HashValue, Entry*>& finished,
+               Entry* Hasher::*entry) const;
+
+  std::function<void(double)> progressCallback_;
+  std::function<void(const Path&)> currentPathCallback_;
+  std::atomic<bool> stopped_{false};
+};
+
+}  // namespace dff

@@ -1,0 +1,209 @@
+#include "dff/Hash.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <functional>
+
+namespace dff {
+
+namespace {
+
+// Read buffers shared by all instances on a thread.
+char* readBuffer() {
+  thread_local char buffer[kReadBlock];
+  return buffer;
+}
+
+char* linkBuffer() {
+  thread_local char buffer[kLinkBuffer];
+  return buffer;
+}
+
+// Closes a descriptor on every way out of a stage.
+class OpenFile {
+ public:
+  explicit OpenFile(const char* path) : fd_(::open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY)) {
+    if (fd_ < 0) throw std::exception();
+  }
+  ~OpenFile() { ::close(fd_); }
+  OpenFile(const OpenFile&) = delete;
+  OpenFile& operator=(const OpenFile&) = delete;
+
+  // Reads up to one block at `offset`; a read of 0 bytes (the file ended early) or an error
+  // throws.
+  std::size_t readBlock(char* buffer, std::int64_t offset) {
+    for (;;) {
+      ssize_t n = ::pread(fd_, buffer, kReadBlock, offset);
+      if (n > 0) return static_cast<std::size_t>(n);
+      if (n < 0 && errno == EINTR) continue;
+      throw std::exception();
+    }
+  }
+
+ private:
+  int fd_;
+};
+
+}  // namespace
+
+void Hash::hashValue(HashValue& value) const {
+  MD5_CTX copy = state_;
+  unsigned char digest[MD5_DIGEST_LENGTH];
+  MD5_Final(digest, &copy);
+  std::memcpy(&value.first, digest, 8);
+  std::memcpy(&value.second, digest + 8, 8);
+}
+
+bool FileHash::update() {
+  if (file->size == 0) return true;
+  OpenFile input(file->path.cStr());
+  const int limit = offset == 0 ? kFirstStageBlocks : kLaterStageBlocks;
+  char* buffer = readBuffer();
+  for (int block = 0; block < limit; ++block) {
+    std::size_t n = input.readBlock(buffer, offset);
+    updateMD5(buffer, static_cast<std::uint32_t>(n));
+    offset += static_cast<std::int64_t>(n);
+    if (offset == file->size) return true;
+  }
+  return false;
+}
+
+bool SymbolicLinkHash::hash(const Symlink* link, HashValue& value) {
+  char* buffer = linkBuffer();
+  ssize_t length = ::readlink(link->path.cStr(), buffer, kLinkBuffer);
+  if (length != link->size) return false;
+  reset();
+  updateMD5(buffer, static_cast<std::uint32_t>(length));
+  hashValue(value);
+  return true;
+}
+
+PackageHash::PackageHash(Package* package, std::int64_t minFileSize)
+    : package(package), minFileSize(minFileSize) {
+  directories.push_back(package->path);
+}
+
+bool PackageHash::update() {
+  if (!calculateDirectories()) return false;
+  if (!calculateFiles()) return false;
+  return calculateSymlinks();
+}
+
+void PackageHash::addRecord(std::uint8_t type, const std::string& name, const std::int64_t* size) {
+  std::uint64_t length = name.size();
+  updateMD5(&type, 1);
+  updateMD5(&length, sizeof(length));
+  if (size != nullptr) updateMD5(size, sizeof(*size));
+  updateMD5(name.data(), static_cast<std::uint32_t>(name.size()));
+}
+
+bool PackageHash::calculateDirectories() {
+  if (directories.empty()) return true;
+  Path folder = std::move(directories.back());
+  directories.pop_back();
+
+  DIR* dir = ::opendir(folder.cStr());
+  if (dir == nullptr) throw std::exception();
+  std::vector<std::string> fileNames, linkNames, folderNames;
+  while (struct dirent* entry = ::readdir(dir)) {
+    unsigned char type = entry->d_type;
+    if (type == DT_UNKNOWN) {
+      // Some file systems don't type their entries; ask for the type instead of failing.
+      struct stat status;
+      if (::fstatat(::dirfd(dir), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        ::closedir(dir);
+        throw std::exception();
+      }
+      type = IFTODT(status.st_mode);
+    }
+    switch (type) {
+      case DT_REG:
+        fileNames.emplace_back(entry->d_name);
+        break;
+      case DT_LNK:
+        linkNames.emplace_back(entry->d_name);
+        break;
+      case DT_DIR:
+        if (!specialDirectory(entry)) folderNames.emplace_back(entry->d_name);
+        break;
+      default:
+        // A socket, pipe or device inside: the package has no digest.
+        ::closedir(dir);
+        throw std::exception();
+    }
+  }
+  ::closedir(dir);
+
+  // Descending byte order; folders are pushed in it and taken from the end, so subfolders are
+  // listed in ascending order, depth first.
+  auto descending = [](std::vector<std::string>& names) {
+    std::sort(names.begin(), names.end(), std::greater<>());
+  };
+  auto members = [&](std::vector<std::string>& names, std::uint8_t type,
+                     std::vector<File>& target) {
+    descending(names);
+    for (auto& name : names) {
+      Path path = folder / name;
+      struct stat status;
+      if (::lstat(path.cStr(), &status) != 0) throw std::exception();
+      package->size += status.st_size;
+      std::int64_t size = status.st_size;
+      addRecord(type, name, &size);
+      target.push_back(File{std::move(path), size});
+    }
+  };
+  members(fileNames, 0, files);
+  members(linkNames, 1, symlinks);
+  descending(folderNames);
+  for (auto& name : folderNames) {
+    addRecord(2, name, nullptr);
+    directories.push_back(folder / name);
+  }
+
+  if (!directories.empty()) return false;
+  if (package->size < minFileSize) throw std::exception();
+  return true;
+}
+
+bool PackageHash::calculateFiles() {
+  if (files.empty()) return true;
+  File& file = files.back();
+  if (file.size == 0) {
+    files.pop_back();
+    return files.empty();
+  }
+  OpenFile input(file.path.cStr());
+  const int limit = offset == 0 ? kFirstStageBlocks : kLaterStageBlocks;
+  char* buffer = readBuffer();
+  for (int block = 0; block < limit; ++block) {
+    std::size_t n = input.readBlock(buffer, offset);
+    updateMD5(buffer, static_cast<std::uint32_t>(n));
+    offset += static_cast<std::int64_t>(n);
+    if (offset == file.size) {
+      files.pop_back();
+      offset = 0;
+      break;
+    }
+  }
+  return files.empty();
+}
+
+bool PackageHash::calculateSymlinks() {
+  if (symlinks.empty()) return true;
+  const File& link = symlinks.back();
+  char* buffer = linkBuffer();
+  ssize_t length = ::readlink(link.path.cStr(), buffer, kLinkBuffer);
+  if (length != link.size) throw std::exception();
+  symlinks.pop_back();
+  updateMD5(buffer, static_cast<std::uint32_t>(length));
+  return symlinks.empty();
+}
+
+}  // namespace dff

@@ -1,0 +1,89 @@
+#pragma once
+
+// Digests of files, links and packages, built in stages so that a group of same-sized candidates
+// can fall apart after the first block and no file is read to its end unless another still
+// matches it all the way. Everything here runs on the one thread of `find`.
+
+#define OPENSSL_SUPPRESS_DEPRECATED
+#include <openssl/md5.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "dff/File.h"
+
+namespace dff {
+
+inline constexpr std::size_t kReadBlock = 4096;
+inline constexpr int kFirstStageBlocks = 1;
+inline constexpr int kLaterStageBlocks = 1000;
+inline constexpr std::size_t kLinkBuffer = 1024;
+
+// A running MD5 (RFC 1321). The low-level context is a plain value: no allocation per candidate,
+// and taking a digest mid-stream finalises a copy so that reading can go on.
+class Hash {
+ public:
+  Hash() { reset(); }
+  void reset() { MD5_Init(&state_); }
+  void updateMD5(const void* data, std::uint32_t length) { MD5_Update(&state_, data, length); }
+  // The digest of everything added so far.
+  void hashValue(HashValue& value) const;
+
+ private:
+  MD5_CTX state_;
+};
+
+// Reads one file a stage at a time: 1 block of 4096 bytes from offset 0, then 1000 blocks a
+// stage. The file is opened and closed once per stage.
+class FileHash : public Hash {
+ public:
+  explicit FileHash(File* file) : file(file) {}
+
+  // Reads one stage. True when the whole file (as long as the scan saw it) has been digested.
+  // Throws a standard exception when the file can't be opened, or ends before its recorded size.
+  bool update();
+
+  File* file;
+  std::int64_t offset = 0;
+};
+
+// The digest of a link's target text.
+class SymbolicLinkHash : public Hash {
+ public:
+  // Writes the digest of `link`'s target into `value`; false when the target can't be read, is
+  // longer than 1024 bytes, or no longer has the length the scan saw.
+  bool hash(const Symlink* link, HashValue& value);
+};
+
+// Digests a package as a whole, one small step at a time: member records of one folder, one
+// stage of one file, or one link target. Also adds up the package's size.
+class PackageHash : public Hash {
+ public:
+  struct File {
+    Path path;
+    std::int64_t size;
+  };
+
+  PackageHash(Package* package, std::int64_t minFileSize);
+
+  // One step. True when the whole package is digested. Throws a standard exception on any
+  // failure: then the package has no twin.
+  bool update();
+
+  bool calculateDirectories();
+  bool calculateFiles();
+  bool calculateSymlinks();
+
+  Package* package;
+  std::int64_t minFileSize;
+  std::vector<File> files;     // a stack
+  std::vector<File> symlinks;  // a stack
+  std::int64_t offset = 0;
+  std::vector<Path> directories;  // a stack
+
+ private:
+  void addRecord(std::uint8_t type, const std::string& name, const std::int64_t* size);
+};
+
+}  // namespace dff

@@ -1,0 +1,209 @@
+#include "dff/Hash.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <random>
+
+#include "testsupport/TestSupport.h"
+
+namespace dff {
+namespace {
+
+using testsupport::TempDir;
+
+std::string randomBytes(std::size_t n, unsigned seed) {
+  std::mt19937 random(seed);
+  std::string bytes(n, '\0');
+  for (auto& b : bytes) b = static_cast<char>(random());
+  return bytes;
+}
+
+HashValue md5Of(const std::string& bytes) {
+  Hash hash;
+  hash.updateMD5(bytes.data(), static_cast<std::uint32_t>(bytes.size()));
+  HashValue value;
+  hash.hashValue(value);
+  return value;
+}
+
+// Stages until `update` says done; the final digest.
+int stagesToFinish(File& file, HashValue& value) {
+  FileHash hash(&file);
+  int stages = 0;
+  bool done = false;
+  while (!done) {
+    done = hash.update();
+    hash.hashValue(value);
+    ++stages;
+  }
+  return stages;
+}
+
+TEST(FileHashTest, FinishesAtStageBoundaries) {
+  TempDir tmp;
+  const std::int64_t later = 4096 * 1000;
+  struct Case {
+    std::int64_t size;
+    int stages;
+  } cases[] = {{1, 1}, {4096, 1}, {4097, 2}, {4096 + later, 2}, {4096 + later + 1, 3}};
+  for (const auto& c : cases) {
+    std::string content = randomBytes(static_cast<std::size_t>(c.size), 1);
+    File file(tmp.write("f" + std::to_string(c.size), content), c.size, nullptr);
+    HashValue value;
+    EXPECT_EQ(stagesToFinish(file, value), c.stages) << c.size;
+    // Taking digests between stages doesn't disturb the running one.
+    EXPECT_EQ(value, md5Of(content)) << c.size;
+  }
+}
+
+TEST(FileHashTest, EmptyFileIsNeverOpened) {
+  File missing("/nonexistent/empty", 0, nullptr);
+  HashValue value;
+  EXPECT_EQ(stagesToFinish(missing, value), 1);
+  EXPECT_EQ(value, md5Of(""));
+}
+
+TEST(FileHashTest, FilesThatShrankGrewOrVanishedThrow) {
+  TempDir tmp;
+  // The first stage reads the one block there is; the next finds the end too early.
+  File shrunk(tmp.write("shrunk", std::string(100, 'x')), 200, nullptr);
+  FileHash shrinking(&shrunk);
+  EXPECT_FALSE(shrinking.update());
+  EXPECT_THROW(shrinking.update(), std::exception);
+
+  // Grown past a size that isn't a block boundary: read to the real end, which fails.
+  File grown(tmp.write("grown", std::string(5000, 'x')), 4500, nullptr);
+  FileHash growing(&grown);
+  EXPECT_FALSE(growing.update());
+  EXPECT_THROW(growing.update(), std::exception);
+
+  // Grown past a block boundary: the block ends on the recorded size and counts as finished.
+  File boundary(tmp.write("boundary", std::string(5000, 'x')), 4096, nullptr);
+  EXPECT_TRUE(FileHash(&boundary).update());
+
+  File vanished(tmp / "vanished", 10, nullptr);
+  EXPECT_THROW(FileHash(&vanished).update(), std::exception);
+}
+
+TEST(SymbolicLinkHashTest, TargetsUpToTheBufferAreDigested) {
+  TempDir tmp;
+  SymbolicLinkHash hasher;
+  std::string fits(1024, 'a');
+  std::string tooLong(1025, 'a');
+  Symlink a(tmp.symlink("a", fits), 1024, nullptr);
+  Symlink b(tmp.symlink("b", tooLong), 1025, nullptr);
+  Symlink changed(tmp.symlink("c", "short"), 9, nullptr);  // scan saw another length
+  HashValue value;
+  EXPECT_TRUE(hasher.hash(&a, value));
+  EXPECT_EQ(value, md5Of(fits));
+  EXPECT_FALSE(hasher.hash(&b, value));
+  EXPECT_FALSE(hasher.hash(&changed, value));
+}
+
+class PackageHashTest : public ::testing::Test {
+ protected:
+  // Steps until done; the digest and the number of steps, or nothing when it threw.
+  std::optional<std::pair<HashValue, int>> digest(Package& package, std::int64_t minSize = 0) {
+    PackageHash hash(&package, minSize);
+    int steps = 0;
+    try {
+      bool done = false;
+      HashValue value;
+      while (!done) {
+        done = hash.update();
+        hash.hashValue(value);
+        ++steps;
+      }
+      return std::make_pair(value, steps);
+    } catch (const std::exception&) {
+      return std::nullopt;
+    }
+  }
+  TempDir tmp_;
+};
+
+TEST_F(PackageHashTest, EmptyPackagesFinishInOneStepOrFailBelowTheMinimum) {
+  Package empty(tmp_.mkdir("Empty.app"), nullptr);
+  auto d = digest(empty);
+  ASSERT_TRUE(d);
+  EXPECT_EQ(d->second, 1);
+  EXPECT_FALSE(digest(empty, 1));
+}
+
+TEST_F(PackageHashTest, OwnNamesDontCountButMemberNamesSizesAndContentsDo) {
+  for (const char* name : {"One.app", "Two.app", "Three.app", "Four.app"}) {
+    tmp_.write(std::string(name) + "/Contents/Info.plist", "<plist/>");
+    tmp_.write(std::string(name) + "/Contents/MacOS/bin", randomBytes(9000, 3));
+    tmp_.symlink(std::string(name) + "/Contents/link", "MacOS/bin");
+  }
+  tmp_.write("Three.app/Contents/MacOS/bin", randomBytes(9000, 4));  // same size, other bytes
+  tmp_.write("Four.app/Contents/Info.plist", "<plist />");           // another size
+  Package one(tmp_ / "One.app", nullptr), two(tmp_ / "Two.app", nullptr),
+      three(tmp_ / "Three.app", nullptr), four(tmp_ / "Four.app", nullptr);
+  auto a = digest(one), b = digest(two), c = digest(three), d = digest(four);
+  ASSERT_TRUE(a && b && c && d);
+  EXPECT_EQ(a->first, b->first);
+  EXPECT_FALSE(a->first == c->first);
+  EXPECT_FALSE(a->first == d->first);
+  EXPECT_EQ(one.size, 8 + 9000 + 9);
+
+  // A different size shows with the listing of its folder, before any content is read: the
+  // first step lists the top folder, the second "Contents".
+  PackageHash first(&one, 0), fourth(&four, 0);
+  HashValue x, y;
+  for (int step = 0; step < 2; ++step) {
+    EXPECT_FALSE(first.update());
+    EXPECT_FALSE(fourth.update());
+    first.hashValue(x);
+    fourth.hashValue(y);
+    EXPECT_EQ(x == y, step == 0);
+  }
+  EXPECT_TRUE(first.files.size() == 1 && first.offset == 0);  // nothing read yet
+}
+
+TEST_F(PackageHashTest, NamesSortByBytesWithoutFoldingCase) {
+  tmp_.write("A.bundle/Readme", "1");
+  tmp_.write("A.bundle/readme", "2");
+  tmp_.write("B.bundle/Readme", "2");
+  tmp_.write("B.bundle/readme", "1");
+  Package a(tmp_ / "A.bundle", nullptr), b(tmp_ / "B.bundle", nullptr);
+  EXPECT_FALSE(digest(a)->first == digest(b)->first);
+}
+
+TEST_F(PackageHashTest, ZeroByteFileFinishesInTheListingStep) {
+  tmp_.write("Z.app/empty", "");
+  Package z(tmp_ / "Z.app", nullptr);
+  EXPECT_EQ(digest(z)->second, 1);
+}
+
+TEST_F(PackageHashTest, UnreadableOddOrTooLongMembersFailTheWholePackage) {
+  tmp_.write("Locked.app/ok", "x");
+  tmp_.write("Locked.app/secret", "y");
+  ::chmod((tmp_ / "Locked.app/secret").c_str(), 0);
+  Package locked(tmp_ / "Locked.app", nullptr);
+  testsupport::withoutPermissionOverride([&] { EXPECT_FALSE(digest(locked)); });
+
+  tmp_.symlink("Long.app/link", std::string(1025, 'l'));
+  Package longLink(tmp_ / "Long.app", nullptr);
+  EXPECT_FALSE(digest(longLink));
+
+  tmp_.mkdir("Socket.app");
+  int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::string socketPath = tmp_ / "Socket.app/s";
+  if (socketPath.size() < sizeof(address.sun_path)) {
+    std::strcpy(address.sun_path, socketPath.c_str());
+    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    Package socketPackage(tmp_ / "Socket.app", nullptr);
+    EXPECT_FALSE(digest(socketPackage));
+  }
+  ::close(fd);
+}
+
+}  // namespace
+}  // namespace dff
