@@ -57,7 +57,7 @@ void addDiskCommand(CLI::App& app) {
                   platform::formatByteCount((*info)->freeSize).c_str(),
                   ssd ? "solid state" : "not solid state");
       if (size) {
-        std::printf("%s  %s (%lld bytes in regular files)\n", utf8Safe(path).c_str(),
+        std::printf("%s  %s (%lld bytes in regular files)\n", displayText(path).c_str(),
                     platform::formatByteCount(*size).c_str(), static_cast<long long>(*size));
       }
     }

@@ -51,10 +51,10 @@ void printReport(const std::vector<std::vector<Core::Duplicate>>& groups, bool s
     std::printf("%zu × %s\n", group.size(), platform::formatByteCount(first.size).c_str());
     for (const auto& member : group) {
       if (auto* photo = std::get_if<Core::Photo>(&member)) {
-        std::printf("  %s  [photo %s]\n", utf8Safe(photo->file.url).c_str(),
-                    utf8Safe(photo->id).c_str());
+        std::printf("  %s  [photo %s]\n", displayText(photo->file.url).c_str(),
+                    displayText(photo->id).c_str());
       } else {
-        std::printf("  %s\n", utf8Safe(fileOf(member).url).c_str());
+        std::printf("  %s\n", displayText(fileOf(member).url).c_str());
       }
     }
     std::printf("\n");

@@ -74,6 +74,25 @@ std::string utf8Safe(std::string_view bytes) {
   return out;
 }
 
+std::string displayText(std::string_view bytes) {
+  std::string safe = utf8Safe(bytes);
+  std::string out;
+  out.reserve(safe.size());
+  for (char c : safe) {
+    unsigned char u = static_cast<unsigned char>(c);
+    if (c == '\n') {
+      out += "\\n";
+    } else if (c == '\t') {
+      out += "\\t";
+    } else if (u < 0x20 || u == 0x7F) {
+      out += fmt::format("\\x{:02X}", u);
+    } else {
+      out.push_back(c);
+    }
+  }
+  return out;
+}
+
 StatusLine::StatusLine() : enabled_(::isatty(STDERR_FILENO) == 1) {}
 
 StatusLine::~StatusLine() { clear(); }
@@ -83,10 +102,7 @@ void StatusLine::show(std::string_view text) {
   struct winsize size {};
   std::size_t width = 80;
   if (::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) width = size.ws_col;
-  std::string line = utf8Safe(text);
-  for (auto& c : line) {
-    if (c == '\n' || c == '\r' || c == '\t') c = ' ';
-  }
+  std::string line = displayText(text);
   if (line.size() > width - 1) {
     // Keep the end of a long path, which says most; cut at a character boundary.
     std::size_t cut = line.size() - (width - 4);

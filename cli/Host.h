@@ -28,6 +28,10 @@ std::optional<std::int64_t> parseSize(std::string_view text);
 // becomes the four characters "\xNN".
 std::string utf8Safe(std::string_view bytes);
 
+// Text for a person's terminal: as `utf8Safe`, with control characters (a newline in a file name)
+// written as "\n", "\t" or "\xNN" so that one path stays on one line.
+std::string displayText(std::string_view bytes);
+
 // A JSON string value for a path or name from the disk.
 inline nlohmann::json jsonText(std::string_view bytes) { return utf8Safe(bytes); }
 

@@ -40,5 +40,11 @@ TEST(Utf8SafeTest, KeepsValidTextAndEscapesInvalidBytes) {
   EXPECT_NO_THROW(jsonText("bad\xFE\xFF").dump());
 }
 
+TEST(DisplayTextTest, ControlCharactersCantBreakALine) {
+  EXPECT_EQ(displayText("a\nb\tc\x1b[2Jd\x7f"), "a\\nb\\tc\\x1B[2Jd\\x7F");
+  EXPECT_EQ(displayText("bad\xff"), "bad\\xFF");
+  EXPECT_EQ(displayText("caf\xC3\xA9"), "caf\xC3\xA9");
+}
+
 }  // namespace
 }  // namespace cli

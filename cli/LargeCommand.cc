@@ -81,7 +81,7 @@ void addLargeCommand(CLI::App& app) {
     }
     std::int64_t total = 0;
     for (const auto& f : report->files) {
-      std::printf("%10s  %s\n", f.sizeString().c_str(), utf8Safe(f.url).c_str());
+      std::printf("%10s  %s\n", f.sizeString().c_str(), displayText(f.url).c_str());
       total += f.size;
     }
     std::printf("%zu files of at least %s, %s in all\n", report->files.size(),

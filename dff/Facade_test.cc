@@ -1,1 +1,110 @@
 #include <gtest/gtest.h>
+
+#include <thread>
+
+#include "dff/CoreDuplicateFileFinder.h"
+#include "dff/SystemPhotoLibraryFinder.h"
+#include "testsupport/TestSupport.h"
+
+namespace Core {
+namespace {
+
+using testsupport::TempDir;
+
+class RecordingDelegate final : public DuplicateFileFinderDelegate {
+ public:
+  void duplicateFileFinderCurrent(const std::string& url) override {
+    events.push_back("current");
+    onMain &= std::this_thread::get_id() == mainThread;
+  }
+  void duplicateFileFinderProgress(double progress) override {
+    events.push_back("progress " + std::to_string(progress).substr(0, 3));
+    onMain &= std::this_thread::get_id() == mainThread;
+  }
+  void duplicateFileFinderCompleted(const std::vector<std::vector<Duplicate>>& found) override {
+    events.push_back("completed");
+    groups = found;
+    onMain &= std::this_thread::get_id() == mainThread;
+  }
+  bool completed() const { return !events.empty() && events.back() == "completed"; }
+
+  std::thread::id mainThread = std::this_thread::get_id();
+  std::vector<std::string> events;
+  std::vector<std::vector<Duplicate>> groups;
+  bool onMain = true;
+};
+
+class FacadeTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    tmp_.write("first/a", "same");
+    tmp_.write("first/b", "same");
+    tmp_.write("second/x/data.bin", "content");
+    tmp_.write("second/y/data.bin", "content");
+    tmp_.write("second/e1", "");
+    tmp_.write("second/e2", "");
+    finder_.setDelegate(delegate_);
+  }
+  TempDir tmp_;
+  DuplicateFileFinder finder_;
+  std::shared_ptr<RecordingDelegate> delegate_ = std::make_shared<RecordingDelegate>();
+};
+
+TEST_F(FacadeTest, ReportsProgressThenCompletionOnTheMainQueueWithTheLastRootsOnly) {
+  finder_.setRootFolderURLs({tmp_ / "first"});
+  finder_.setRootFolderURLs({tmp_ / "second"});
+  EXPECT_EQ(finder_.rootFolderURLs(), std::vector<std::string>{tmp_ / "second"});
+  finder_.start();
+  ASSERT_TRUE(testsupport::drainMainUntil([&] { return delegate_->completed(); }));
+  EXPECT_TRUE(delegate_->onMain);
+
+  std::vector<std::string> progress;
+  for (const auto& e : delegate_->events) {
+    if (e.rfind("progress", 0) == 0) progress.push_back(e);
+  }
+  EXPECT_EQ(progress, (std::vector<std::string>{"progress 0.3", "progress 0.5", "progress 0.8",
+                                                "progress 0.9"}));
+  // Empty files make a group with the default minimum of 0; the two folders another. Folders
+  // come back as plain files with their total size.
+  ASSERT_EQ(delegate_->groups.size(), 2u);
+  const auto& folders = delegate_->groups[1];
+  ASSERT_EQ(folders.size(), 2u);
+  const auto& folder = std::get<File>(folders[0]);
+  EXPECT_EQ(folder.size, 7);
+  EXPECT_TRUE(folder.url == tmp_ / "second/x" || folder.url == tmp_ / "second/y");
+  for (const auto& member : delegate_->groups[0]) EXPECT_EQ(std::get<File>(member).size, 0);
+}
+
+TEST_F(FacadeTest, SettingsWriteThroughAndADelegateThatIsGoneGetsNothing) {
+  finder_.setRootFolderURLs({tmp_ / "second"});
+  finder_.setMinFileSize(1);
+  finder_.setExcludeExtensions({".BIN"});  // every data file is left out: nothing to group
+  finder_.setIncludeHiddenFolders(true);
+  EXPECT_TRUE(finder_.find().empty());
+
+  finder_.setExcludeExtensions({});
+  auto groups = finder_.find();
+  ASSERT_EQ(groups.size(), 1u);  // the two folders; the empty files are below the minimum
+
+  std::weak_ptr<RecordingDelegate> watcher = delegate_;
+  delegate_.reset();
+  EXPECT_TRUE(watcher.expired());
+  finder_.start();
+  testsupport::drainMainUntil([] { return false; }, std::chrono::milliseconds(300));
+}
+
+TEST(SystemPhotoLibraryFinderTest, AnswersOnlyThroughAnInstalledSource) {
+  SystemPhotoLibraryFinder finder;
+  EXPECT_FALSE(finder.getSystemPhotoLibraryPath("com.apple.Photos"));
+  SystemPhotoLibraryFinder::setLocationSource([](const std::string& app) {
+    return app == "com.apple.Photos" ? std::optional<std::string>("/mnt/mac/Pictures.photoslibrary")
+                                     : std::nullopt;
+  });
+  EXPECT_EQ(finder.getSystemPhotoLibraryPath("com.apple.Photos"),
+            "/mnt/mac/Pictures.photoslibrary");
+  EXPECT_FALSE(finder.getSystemPhotoLibraryPath("other"));
+  SystemPhotoLibraryFinder::setLocationSource(nullptr);
+}
+
+}  // namespace
+}  // namespace Core
