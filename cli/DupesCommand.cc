@@ -67,24 +67,32 @@ void printReport(const std::vector<std::vector<Core::Duplicate>>& groups, bool s
               stopped ? " (search stopped: only what was settled before the stop)" : "");
 }
 
+// Streams the groups as one JSON document; a document object of a million members would cost
+// more memory than the search itself.
 void printJson(const std::vector<std::vector<Core::Duplicate>>& groups) {
-  nlohmann::json out = nlohmann::json::array();
-  for (const auto& group : groups) {
-    nlohmann::json members = nlohmann::json::array();
-    for (const auto& member : group) {
+  std::string out = "{\"groups\":[";
+  for (std::size_t g = 0; g < groups.size(); ++g) {
+    out += g == 0 ? "[" : ",[";
+    for (std::size_t m = 0; m < groups[g].size(); ++m) {
+      const auto& member = groups[g][m];
       const Core::File& file = fileOf(member);
-      nlohmann::json item{{"path", jsonText(file.url)}, {"size", file.size}};
+      out += m == 0 ? "{\"path\":" : ",{\"path\":";
+      out += jsonText(file.url).dump();
+      out += ",\"size\":" + std::to_string(file.size);
       if (auto* photo = std::get_if<Core::Photo>(&member)) {
-        item["kind"] = "photo";
-        item["id"] = jsonText(photo->id);
+        out += ",\"kind\":\"photo\",\"id\":" + jsonText(photo->id).dump() + "}";
       } else {
-        item["kind"] = "file";
+        out += ",\"kind\":\"file\"}";
       }
-      members.push_back(std::move(item));
+      if (out.size() > (1 << 16)) {
+        std::fwrite(out.data(), 1, out.size(), stdout);
+        out.clear();
+      }
     }
-    out.push_back(std::move(members));
+    out += "]";
   }
-  std::puts(nlohmann::json{{"groups", out}}.dump().c_str());
+  out += "]}\n";
+  std::fwrite(out.data(), 1, out.size(), stdout);
 }
 
 }  // namespace

@@ -51,9 +51,9 @@ DFFGroups DFFDuplicateFileFinder::convertResult(const Result& result) {
     for (File* entry : group) {
       if (auto* photo = dynamic_cast<Photo*>(entry)) {
         converted.push_back(
-            std::make_shared<DFFPhoto>(photo->id, photo->path.string(), photo->size));
+            std::make_shared<DFFPhoto>(photo->id, photo->path().string(), photo->size));
       } else {
-        converted.push_back(std::make_shared<DFFFile>(entry->path.string(), entry->size));
+        converted.push_back(std::make_shared<DFFFile>(entry->path().string(), entry->size));
       }
     }
   }

@@ -21,6 +21,18 @@ namespace {
 // Processor-time reading of the last current-path report, for the whole process.
 std::atomic<std::clock_t> gLastPathReport{0};
 
+// Reading the process's processor time is a system call; a coarse wall clock is not. Processor
+// time on the engine's one busy thread can't pass 0.04 seconds in less wall time than that, so
+// the processor clock is consulted only once enough wall time has passed since the last look.
+// This only ever makes a report come later, never sooner.
+thread_local std::int64_t tNextClockCheck = 0;
+
+std::int64_t coarseMilliseconds() {
+  struct timespec now;
+  ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return static_cast<std::int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
 // The type of a directory entry as readdir gives it; file systems that don't type their entries
 // are asked through fstatat.
 unsigned char entryType(DIR* dir, const struct dirent* entry) {
@@ -81,11 +93,11 @@ Result DuplicateFileFinder::find() {
   return result;
 }
 
-std::shared_ptr<Directory> DuplicateFileFinder::scanFiles(
+std::unique_ptr<Directory> DuplicateFileFinder::scanFiles(
     const Path& root, Duplicate<long long, File*>& filesBySize,
     Duplicate<long long, Symlink*>& linksBySize, Duplicate<long long, Package*>& packagesBySize,
     std::deque<Package*>& unsizedPackages) {
-  auto tree = std::make_shared<Directory>(root, nullptr);
+  auto tree = std::make_unique<Directory>(root, nullptr);
   if (stopped_.load()) return tree;
 
   std::vector<Directory*> stack{tree.get()};
@@ -97,14 +109,15 @@ std::shared_ptr<Directory> DuplicateFileFinder::scanFiles(
       folder->unique = true;
       continue;
     }
-    DIR* dir = ::opendir(folder->path.cStr());
+    const Path folderPath = folder->path();
+    DIR* dir = ::opendir(folderPath.cStr());
     if (dir == nullptr) {
       folder->unique = true;
       continue;
     }
     const int fd = ::dirfd(dir);
     while (struct dirent* entry = ::readdir(dir)) {
-      if (stopped_.load()) {
+      if (stopped_.load(std::memory_order_relaxed)) {
         folder->unique = true;
         break;
       }
@@ -113,14 +126,13 @@ std::shared_ptr<Directory> DuplicateFileFinder::scanFiles(
       struct stat status;
       switch (entryType(dir, entry)) {
         case DT_LNK: {
-          Path path = folder->path / name;
-          notifyCurrentPath(path);
+          notifyCurrentPath(folderPath, name);
           if (::fstatat(fd, name, &status, AT_SYMLINK_NOFOLLOW) != 0 ||
               status.st_size < minFileSize) {
             folder->unique = true;
             break;
           }
-          auto link = std::make_shared<Symlink>(std::move(path), status.st_size, folder);
+          auto link = std::make_unique<Symlink>(Name{{name, length}}, status.st_size, folder);
           linksBySize.add(status.st_size, link.get());
           folder->children.push_back(std::move(link));
           break;
@@ -132,33 +144,32 @@ std::shared_ptr<Directory> DuplicateFileFinder::scanFiles(
             folder->unique = true;
             break;
           }
-          Path path = folder->path / name;
-          notifyCurrentPath(path);
+          notifyCurrentPath(folderPath, name);
           if (::fstatat(fd, name, &status, AT_SYMLINK_NOFOLLOW) != 0 ||
               status.st_size < minFileSize) {
             folder->unique = true;
             break;
           }
-          auto file = std::make_shared<File>(std::move(path), status.st_size, folder);
+          auto file = std::make_unique<File>(Name{{name, length}}, status.st_size, folder);
           filesBySize.add(status.st_size, file.get());
           folder->children.push_back(std::move(file));
           break;
         }
         case DT_DIR: {
           if (specialDirectory(name, length)) break;
-          Path path = folder->path / name;
-          notifyCurrentPath(path);
-          if (isPackage(path)) {
+          notifyCurrentPath(folderPath, name);
+          // Only the name decides, so the path isn't built for the question.
+          if (platform::isPackage(name)) {
             if (exclude(name, length)) {
               folder->unique = true;
               break;
             }
-            std::int64_t size = platform::packageFileSize(path.string());
+            std::int64_t size = platform::packageFileSize((folderPath / name).string());
             if (size != 0 && size < minFileSize) {
               folder->unique = true;
               break;
             }
-            auto package = std::make_shared<Package>(std::move(path), folder);
+            auto package = std::make_unique<Package>(Name{{name, length}}, folder);
             if (size != 0) {
               packagesBySize.add(size, package.get());
             } else {
@@ -167,11 +178,12 @@ std::shared_ptr<Directory> DuplicateFileFinder::scanFiles(
             folder->children.push_back(std::move(package));
             break;
           }
-          if ((!includeHiddenFolders && name[0] == '.') || exclude(path)) {
+          if ((!includeHiddenFolders && name[0] == '.') ||
+              (!excludePaths.empty() && exclude(folderPath / name))) {
             folder->unique = true;
             break;
           }
-          auto child = std::make_shared<Directory>(std::move(path), folder);
+          auto child = std::make_unique<Directory>(Name{{name, length}}, folder);
           stack.push_back(child.get());
           folder->children.push_back(std::move(child));
           break;
@@ -187,12 +199,12 @@ std::shared_ptr<Directory> DuplicateFileFinder::scanFiles(
   return tree;
 }
 
-std::shared_ptr<PhotoLibrary> DuplicateFileFinder::scanPhotoLibrary(
+std::unique_ptr<PhotoLibrary> DuplicateFileFinder::scanPhotoLibrary(
     const Path& root, Duplicate<long long, File*>& filesBySize,
     Duplicate<long long, Package*>& packagesBySize, std::deque<Package*>& unsizedPackages) {
   std::int64_t size = platform::packageFileSize(root.string());
   if (size != 0 && size < minFileSize) return nullptr;
-  auto library = std::make_shared<PhotoLibrary>(root, nullptr);
+  auto library = std::make_unique<PhotoLibrary>(root, nullptr);
   if (size != 0) {
     packagesBySize.add(size, library.get());
   } else {
@@ -210,53 +222,80 @@ std::shared_ptr<PhotoLibrary> DuplicateFileFinder::scanPhotoLibrary(
   return library;
 }
 
-template <class Entry, class Hasher>
-void DuplicateFileFinder::resolve(std::vector<std::vector<Hasher*>>& work,
-                                  Duplicate<HashValue, Entry*>& finished,
-                                  Entry* Hasher::*entry) const {
-  while (!work.empty()) {
-    std::vector<Hasher*> group = std::move(work.back());
-    work.pop_back();
-    Duplicate<HashValue, Hasher*> stage;
-    for (Hasher* hasher : group) {
-      Entry* item = hasher->*entry;
-      if (stopped_.load()) {
-        item->unique = true;
-        delete hasher;
-        continue;
-      }
-      notifyCurrentPath(item->path);
-      bool done;
-      try {
-        done = hasher->update();
-      } catch (const std::bad_alloc&) {
-        throw;
-      } catch (const std::exception&) {
-        item->unique = true;
-        delete hasher;
-        continue;
-      }
-      hasher->hashValue(item->hash);
-      if (done) {
-        finished.add(item->hash, item);
-        delete hasher;
-      } else {
-        stage.add(item->hash, hasher);
-      }
+template <class Entry, class Hasher, class Make>
+void DuplicateFileFinder::resolve(std::vector<std::vector<Entry*>>& groups,
+                                  Duplicate<HashValue, Entry*>& finished, Entry* Hasher::*entry,
+                                  Make make) const {
+  // One stage of one member. False when the member dropped out (stopped or failed) or finished;
+  // true when it goes on, filed in `stage` under its digest so far.
+  auto treat = [&](Hasher& hasher, Entry* item, bool& goesOn) {
+    goesOn = false;
+    if (stopped_.load(std::memory_order_relaxed)) {
+      item->unique = true;
+      return;
     }
-    // Parts of the split go on top of the stack and are taken next.
+    notifyCurrentPath(item);
+    bool done;
+    try {
+      done = hasher.update();
+    } catch (const std::bad_alloc&) {
+      throw;
+    } catch (const std::exception&) {
+      item->unique = true;
+      return;
+    }
+    hasher.hashValue(item->hash);
+    if (done) {
+      finished.add(item->hash, item);
+    } else {
+      goesOn = true;
+    }
+  };
+  // Parts of a split go on top of the work stack and are taken next; a lone member is unique.
+  auto split = [&](Duplicate<HashValue, Hasher*>& stage, std::vector<std::vector<Hasher*>>& work) {
     for (auto& node : stage) {
       if (node.values.size() == 1) {
         (node.values.front()->*entry)->unique = true;
-        delete node.values.front();
       } else {
-        work.push_back(node.values);
+        work.push_back(std::move(node.values));
       }
+    }
+  };
+
+  // The groups are worked from the last, and each is settled completely before the one below it
+  // is begun. So a group's hashers can be made when it is taken and dropped with it; and since
+  // most members finish or drop out in their first stage, a member gets a hasher that outlives
+  // its first stage only when it goes on. Memory follows what is still undecided.
+  while (!groups.empty()) {
+    std::vector<Entry*> entries = std::move(groups.back());
+    groups.pop_back();
+    std::deque<Hasher> goingOn;  // stable addresses
+    std::vector<std::vector<Hasher*>> work;
+    {
+      Duplicate<HashValue, Hasher*> stage;
+      for (Entry* item : entries) {
+        Hasher hasher = make(item);
+        bool goesOn;
+        treat(hasher, item, goesOn);
+        if (goesOn) stage.add(item->hash, &goingOn.emplace_back(std::move(hasher)));
+      }
+      split(stage, work);
+    }
+    while (!work.empty()) {
+      std::vector<Hasher*> group = std::move(work.back());
+      work.pop_back();
+      Duplicate<HashValue, Hasher*> stage;
+      for (Hasher* hasher : group) {
+        bool goesOn;
+        treat(*hasher, hasher->*entry, goesOn);
+        if (goesOn) stage.add((hasher->*entry)->hash, hasher);
+      }
+      split(stage, work);
     }
   }
 }
 
-void DuplicateFileFinder::findDuplicateFiles(const Duplicate<long long, File*>& filesBySize,
+void DuplicateFileFinder::findDuplicateFiles(Duplicate<long long, File*>& filesBySize,
                                              Duplicate<HashValue, File*>& fileDuplicates) const {
   if (stopped_.load()) {
     // Stopped before any file was compared: none of them may stand for a twin, or two folders
@@ -266,18 +305,15 @@ void DuplicateFileFinder::findDuplicateFiles(const Duplicate<long long, File*>& 
     }
     return;
   }
-  std::vector<std::vector<FileHash*>> work;
+  std::vector<std::vector<File*>> groups;
   for (auto& node : filesBySize) {
     if (node.values.size() == 1) {
       node.values.front()->unique = true;  // a size nothing else has needs no reading
-      continue;
+    } else {
+      groups.push_back(std::move(node.values));  // the scan's table is done with
     }
-    std::vector<FileHash*> group;
-    group.reserve(node.values.size());
-    for (File* file : node.values) group.push_back(new FileHash(file));
-    work.push_back(std::move(group));
   }
-  resolve(work, fileDuplicates, &FileHash::file);
+  resolve(groups, fileDuplicates, &FileHash::file, [](File* file) { return FileHash(file); });
   for (auto& node : fileDuplicates) {
     if (node.values.size() == 1) node.values.front()->unique = true;
   }
@@ -306,8 +342,7 @@ void DuplicateFileFinder::findDuplicateLinks(
 }
 
 void DuplicateFileFinder::findDuplicatePackages(
-    const Duplicate<long long, Package*>& packagesBySize,
-    const std::deque<Package*>& unsizedPackages,
+    Duplicate<long long, Package*>& packagesBySize, const std::deque<Package*>& unsizedPackages,
     Duplicate<HashValue, Package*>& packageDuplicates) const {
   if (stopped_.load()) {
     // As for files: a package that was never compared can't make its folder a duplicate.
@@ -317,25 +352,17 @@ void DuplicateFileFinder::findDuplicatePackages(
     for (Package* package : unsizedPackages) package->unique = true;
     return;
   }
-  std::vector<std::vector<PackageHash*>> work;
+  std::vector<std::vector<Package*>> groups;
   if (!unsizedPackages.empty()) {
     // A package of unknown size might equal any other: one group for all.
-    std::vector<PackageHash*> group;
-    for (auto& node : packagesBySize) {
-      for (Package* package : node.values) group.push_back(new PackageHash(package, minFileSize));
-    }
-    for (Package* package : unsizedPackages) {
-      group.push_back(new PackageHash(package, minFileSize));
-    }
-    work.push_back(std::move(group));
+    auto& all = groups.emplace_back();
+    for (auto& node : packagesBySize) all.insert(all.end(), node.values.begin(), node.values.end());
+    all.insert(all.end(), unsizedPackages.begin(), unsizedPackages.end());
   } else {
-    for (auto& node : packagesBySize) {
-      std::vector<PackageHash*> group;
-      for (Package* package : node.values) group.push_back(new PackageHash(package, minFileSize));
-      work.push_back(std::move(group));
-    }
+    for (auto& node : packagesBySize) groups.push_back(std::move(node.values));
   }
-  resolve(work, packageDuplicates, &PackageHash::package);
+  resolve(groups, packageDuplicates, &PackageHash::package,
+          [this](Package* package) { return PackageHash(package, minFileSize); });
   markDuplicateContainers(packageDuplicates);
 }
 
@@ -362,11 +389,11 @@ void DuplicateFileFinder::findDuplicateDirectories(
       if (current->parent != nullptr) current->parent->unique = true;
       continue;
     }
-    notifyCurrentPath(current->path);
+    notifyCurrentPath(current);
     // Names play no part: a folder is the multiset of (kind, size, digest) of what it holds,
     // made an order by this sort.
     std::sort(current->children.begin(), current->children.end(),
-              [](const std::shared_ptr<File>& a, const std::shared_ptr<File>& b) {
+              [](const std::unique_ptr<File>& a, const std::unique_ptr<File>& b) {
                 std::uint32_t ta = fileTypeId(a.get()), tb = fileTypeId(b.get());
                 if (ta != tb) return ta > tb;
                 if (a->size != b->size) return a->size > b->size;
@@ -424,13 +451,28 @@ bool DuplicateFileFinder::withExtension(const Path& path, const char* suffix) {
   return withExtension(path.cStr(), path.length(), suffix);
 }
 
-void DuplicateFileFinder::notifyCurrentPath(const Path& path) const {
+bool DuplicateFileFinder::mayReportPath() const {
   // At most 25 reports per second of processor time, for the whole process.
+  std::int64_t wall = coarseMilliseconds();
+  if (wall < tNextClockCheck) return false;
+  tNextClockCheck = wall + 10;
   std::clock_t now = std::clock();
   std::clock_t last = gLastPathReport.load(std::memory_order_relaxed);
-  if (static_cast<double>(now - last) / CLOCKS_PER_SEC < 0.04) return;
+  if (static_cast<double>(now - last) / CLOCKS_PER_SEC < 0.04) return false;
   gLastPathReport.store(now, std::memory_order_relaxed);
-  currentPathCallback_(path);
+  return true;
+}
+
+void DuplicateFileFinder::notifyCurrentPath(const Path& path) const {
+  if (mayReportPath()) currentPathCallback_(path);
+}
+
+void DuplicateFileFinder::notifyCurrentPath(const Path& folder, const char* name) const {
+  if (mayReportPath()) currentPathCallback_(folder / name);
+}
+
+void DuplicateFileFinder::notifyCurrentPath(const File* entry) const {
+  if (mayReportPath()) currentPathCallback_(entry->path());
 }
 
 }  // namespace dff

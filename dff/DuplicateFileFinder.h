@@ -48,19 +48,20 @@ class DuplicateFileFinder {
   bool includeHiddenFolders = false;
   std::int64_t minFileSize = 0;
 
-  // The passes, in the order `find` runs them.
-  std::shared_ptr<Directory> scanFiles(const Path& root, Duplicate<long long, File*>& filesBySize,
+  // The passes, in the order `find` runs them. The resolution passes take the values out of the
+  // size tables they are given: the tables are done with afterwards.
+  std::unique_ptr<Directory> scanFiles(const Path& root, Duplicate<long long, File*>& filesBySize,
                                        Duplicate<long long, Symlink*>& linksBySize,
                                        Duplicate<long long, Package*>& packagesBySize,
                                        std::deque<Package*>& unsizedPackages);
-  std::shared_ptr<PhotoLibrary> scanPhotoLibrary(const Path& root,
+  std::unique_ptr<PhotoLibrary> scanPhotoLibrary(const Path& root,
                                                  Duplicate<long long, File*>& filesBySize,
                                                  Duplicate<long long, Package*>& packagesBySize,
                                                  std::deque<Package*>& unsizedPackages);
-  void findDuplicateFiles(const Duplicate<long long, File*>& filesBySize,
+  void findDuplicateFiles(Duplicate<long long, File*>& filesBySize,
                           Duplicate<HashValue, File*>& fileDuplicates) const;
   void findDuplicateLinks(const Duplicate<long long, Symlink*>& linksBySize) const;
-  void findDuplicatePackages(const Duplicate<long long, Package*>& packagesBySize,
+  void findDuplicatePackages(Duplicate<long long, Package*>& packagesBySize,
                              const std::deque<Package*>& unsizedPackages,
                              Duplicate<HashValue, Package*>& packageDuplicates) const;
   void findDuplicateDirectories(Directory* directory,
@@ -109,14 +110,23 @@ class DuplicateFileFinder {
   static bool withExtension(const Path& path, const char* suffix);
 
   void notifyCurrentPath(const Path& path) const;
+  // The same for `folder` / `name` or for an entry; the path is built only when it is reported.
+  void notifyCurrentPath(const Path& folder, const char* name) const;
+  void notifyCurrentPath(const File* entry) const;
 
-  std::vector<std::shared_ptr<Directory>> directories;
-  std::vector<std::shared_ptr<Package>> photoLibraries;
+  // The trees of the last run; they own every entry.
+  std::vector<std::unique_ptr<Directory>> directories;
+  std::vector<std::unique_ptr<Package>> photoLibraries;
 
  private:
-  template <class Entry, class Hasher>
-  void resolve(std::vector<std::vector<Hasher*>>& work, Duplicate<HashValue, Entry*>& finished,
-               Entry* Hasher::*entry) const;
+  // Narrows `groups` stage by stage: finished entries go to `finished`, entries left alone in
+  // their part become `unique`. `make` builds the hasher of an entry.
+  // True when a current-path report may go out now; then the caller reports.
+  bool mayReportPath() const;
+
+  template <class Entry, class Hasher, class Make>
+  void resolve(std::vector<std::vector<Entry*>>& groups, Duplicate<HashValue, Entry*>& finished,
+               Entry* Hasher::*entry, Make make) const;
 
   std::function<void(double)> progressCallback_;
   std::function<void(const Path&)> currentPathCallback_;

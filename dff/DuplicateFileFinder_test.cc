@@ -48,7 +48,7 @@ class FinderTest : public ::testing::Test {
     std::vector<std::vector<std::string>> groups;
     for (const auto& group : result) {
       auto& names = groups.emplace_back();
-      for (File* entry : group) names.push_back(relative(entry->path.string()));
+      for (File* entry : group) names.push_back(relative(entry->path().string()));
       std::sort(names.begin(), names.end());
     }
     finder_.releaseFiles();
@@ -193,7 +193,7 @@ TEST_F(FinderTest, FileThatVanishesBeforeHashingDropsOut) {
   finder_.findDuplicateFiles(files, found);
   std::vector<std::string> grouped, unique;
   for (const auto& child : tree->children) {
-    (child->unique ? unique : grouped).push_back(relative(child->path.string()));
+    (child->unique ? unique : grouped).push_back(relative(child->path().string()));
   }
   std::sort(grouped.begin(), grouped.end());
   EXPECT_EQ(grouped, (std::vector<std::string>{"a", "c"}));

@@ -1,8 +1,26 @@
 #include "dff/File.h"
 
 #include <typeinfo>
+#include <vector>
 
 namespace dff {
+
+Path File::path() const {
+  if (absolute_) return Path(name_);
+  // Gather the names up to the nearest entry that keeps a whole path, then join them.
+  std::vector<const File*> chain;
+  std::size_t length = 0;
+  const File* entry = this;
+  for (; !entry->absolute_; entry = entry->parent) {
+    chain.push_back(entry);
+    length += entry->name_.size() + 1;
+  }
+  std::string path;
+  path.reserve(entry->name_.size() + length);
+  path.append(entry->name_);
+  for (auto it = chain.rbegin(); it != chain.rend(); ++it) path.append(1, '/').append((*it)->name_);
+  return Path(std::move(path));
+}
 
 std::uint32_t fileTypeId(const File* file) {
   const std::type_info& type = typeid(*file);

@@ -12,6 +12,7 @@
 #include <deque>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -28,6 +29,8 @@ class Path {
   const char* cStr() const { return path_.c_str(); }
   const std::string& string() const { return path_; }
   std::size_t length() const { return path_.size(); }
+  // The bytes, moved out of a path that is done with.
+  std::string take() && { return std::move(path_); }
 
   // This path, one "/" and `name`. A path that ends in a separator gains a second one.
   Path operator/(const std::string& name) const { return Path(path_ + "/" + name); }
@@ -62,41 +65,55 @@ struct HashValue {
 
 class Container;
 
+// The name of an entry below its parent, for entries that the scan builds inside a folder.
+struct Name {
+  std::string_view text;
+};
+
 // An entry of the tree. Every entry starts with `unique` false and a zero `hash`: a pass writes
 // the digest before another reads it, and an entry that never got one still digests the same
 // way every time.
+//
+// An entry made inside a folder keeps only its name and builds its path from its parents when
+// asked: a tree of a million entries would otherwise hold a million copies of the same folder
+// paths. Roots, photos and entries made from a whole path keep that path.
 class File {
  public:
   File(const Path& path, std::int64_t size, Container* parent)
-      : path(path), size(size), parent(parent) {}
+      : size(size), parent(parent), name_(path.string()), absolute_(true) {}
   File(Path&& path, std::int64_t size, Container* parent)
-      : path(std::move(path)), size(size), parent(parent) {}
-
-  // Entries are owned through shared owners made from their concrete pointers; the destructor
-  // is virtual all the same, so that no way of deleting one can go wrong.
+      : size(size), parent(parent), name_(std::move(path).take()), absolute_(true) {}
+  File(Name name, std::int64_t size, Container* parent)
+      : size(size), parent(parent), name_(name.text), absolute_(parent == nullptr) {}
   virtual ~File() = default;
 
   // Gives every entry run-time type information; nothing calls it.
   virtual void typeInfo() {}
 
-  Path path;
+  // The absolute path of the entry.
+  Path path() const;
+  // The entry's own name below its parent, or its whole path when it keeps one.
+  const std::string& name() const { return name_; }
+
   std::int64_t size;
   Container* parent;
   HashValue hash;
   bool unique = false;
+
+ private:
+  std::string name_;
+  bool absolute_;
 };
 
 class Symlink final : public File {
  public:
-  Symlink(Path&& path, std::int64_t size, Container* parent)
-      : File(std::move(path), size, parent) {}
+  using File::File;
 };
 
 class Container : public File {
  public:
   Container(const Path& path, std::int64_t size, Container* parent) : File(path, size, parent) {}
-  Container(Path&& path, std::int64_t size, Container* parent)
-      : File(std::move(path), size, parent) {}
+  Container(Name name, std::int64_t size, Container* parent) : File(name, size, parent) {}
 
   // True once the entry belongs to a group of two or more identical folders or packages.
   bool duplicate = false;
@@ -105,16 +122,17 @@ class Container : public File {
 class Directory final : public Container {
  public:
   Directory(const Path& path, Container* parent) : Container(path, 0, parent) {}
-  Directory(Path&& path, Container* parent) : Container(std::move(path), 0, parent) {}
+  Directory(Name name, Container* parent) : Container(name, 0, parent) {}
 
-  // What the scan met, in its order: `File`, `Symlink`, `Directory` or `Package` entries.
-  std::vector<std::shared_ptr<File>> children;
+  // What the scan met, in its order: `File`, `Symlink`, `Directory` or `Package` entries, each
+  // owned by its folder.
+  std::vector<std::unique_ptr<File>> children;
 };
 
 class Package : public Container {
  public:
   Package(const Path& path, Container* parent) : Container(path, 0, parent) {}
-  Package(Path&& path, Container* parent) : Container(std::move(path), 0, parent) {}
+  Package(Name name, Container* parent) : Container(name, 0, parent) {}
 };
 
 class Photo final : public File {

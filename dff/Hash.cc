@@ -10,15 +10,16 @@
 #include <cstring>
 #include <exception>
 #include <functional>
+#include <memory>
 
 namespace dff {
 
 namespace {
 
-// Read buffers shared by all instances on a thread.
-char* readBuffer() {
-  thread_local char buffer[kReadBlock];
-  return buffer;
+// The stage buffer, shared by all instances on a thread: a whole later stage, 1000 blocks.
+char* stageBuffer() {
+  thread_local std::unique_ptr<char[]> buffer(new char[kReadBlock * kLaterStageBlocks]);
+  return buffer.get();
 }
 
 char* linkBuffer() {
@@ -26,30 +27,42 @@ char* linkBuffer() {
   return buffer;
 }
 
-// Closes a descriptor on every way out of a stage.
-class OpenFile {
- public:
-  explicit OpenFile(const char* path) : fd_(::open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY)) {
-    if (fd_ < 0) throw std::exception();
-  }
-  ~OpenFile() { ::close(fd_); }
-  OpenFile(const OpenFile&) = delete;
-  OpenFile& operator=(const OpenFile&) = delete;
-
-  // Reads up to one block at `offset`; a read of 0 bytes (the file ended early) or an error
-  // throws.
-  std::size_t readBlock(char* buffer, std::int64_t offset) {
-    for (;;) {
-      ssize_t n = ::pread(fd_, buffer, kReadBlock, offset);
-      if (n > 0) return static_cast<std::size_t>(n);
-      if (n < 0 && errno == EINTR) continue;
+// Reads one stage of a file into the digest: `blocks` blocks of 4096 bytes from `offset`, or
+// fewer when the file reaches `size` on a block boundary. The stage is fetched with as few
+// reads as the kernel allows instead of one call per block; what enters the digest, where the
+// stage ends and when it fails are the same as reading block by block: the stage ends when a
+// block brings `offset` to `size`, and a file that ends first fails. Gives true when `size` was
+// reached. Throws when the file can't be opened or ends early.
+bool readStage(Hash& hash, const char* path, std::int64_t size, std::int64_t& offset, int blocks) {
+  int fd = ::open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0) throw std::exception();
+  const std::size_t wanted = kReadBlock * static_cast<std::size_t>(blocks);
+  if (blocks > 1) ::posix_fadvise(fd, offset, static_cast<off_t>(wanted), POSIX_FADV_SEQUENTIAL);
+  char* buffer = stageBuffer();
+  std::size_t got = 0;
+  while (got < wanted) {
+    ssize_t n = ::pread(fd, buffer + got, wanted - got, offset + static_cast<std::int64_t>(got));
+    if (n > 0) {
+      got += static_cast<std::size_t>(n);
+    } else if (n < 0 && errno == EINTR) {
+      continue;
+    } else if (n < 0) {
+      ::close(fd);
       throw std::exception();
+    } else {
+      break;  // the end of the file
     }
   }
-
- private:
-  int fd_;
-};
+  ::close(fd);
+  for (std::size_t at = 0; at < wanted; at += kReadBlock) {
+    if (at >= got) throw std::exception();  // a block read would have found the end
+    std::size_t n = std::min(kReadBlock, got - at);
+    hash.updateMD5(buffer + at, static_cast<std::uint32_t>(n));
+    offset += static_cast<std::int64_t>(n);
+    if (offset == size) return true;
+  }
+  return false;
+}
 
 }  // namespace
 
@@ -63,21 +76,13 @@ void Hash::hashValue(HashValue& value) const {
 
 bool FileHash::update() {
   if (file->size == 0) return true;
-  OpenFile input(file->path.cStr());
-  const int limit = offset == 0 ? kFirstStageBlocks : kLaterStageBlocks;
-  char* buffer = readBuffer();
-  for (int block = 0; block < limit; ++block) {
-    std::size_t n = input.readBlock(buffer, offset);
-    updateMD5(buffer, static_cast<std::uint32_t>(n));
-    offset += static_cast<std::int64_t>(n);
-    if (offset == file->size) return true;
-  }
-  return false;
+  return readStage(*this, file->path().cStr(), file->size, offset,
+                   offset == 0 ? kFirstStageBlocks : kLaterStageBlocks);
 }
 
 bool SymbolicLinkHash::hash(const Symlink* link, HashValue& value) {
   char* buffer = linkBuffer();
-  ssize_t length = ::readlink(link->path.cStr(), buffer, kLinkBuffer);
+  ssize_t length = ::readlink(link->path().cStr(), buffer, kLinkBuffer);
   if (length != link->size) return false;
   reset();
   updateMD5(buffer, static_cast<std::uint32_t>(length));
@@ -87,7 +92,7 @@ bool SymbolicLinkHash::hash(const Symlink* link, HashValue& value) {
 
 PackageHash::PackageHash(Package* package, std::int64_t minFileSize)
     : package(package), minFileSize(minFileSize) {
-  directories.push_back(package->path);
+  directories.push_back(package->path());
 }
 
 bool PackageHash::update() {
@@ -179,18 +184,10 @@ bool PackageHash::calculateFiles() {
     files.pop_back();
     return files.empty();
   }
-  OpenFile input(file.path.cStr());
-  const int limit = offset == 0 ? kFirstStageBlocks : kLaterStageBlocks;
-  char* buffer = readBuffer();
-  for (int block = 0; block < limit; ++block) {
-    std::size_t n = input.readBlock(buffer, offset);
-    updateMD5(buffer, static_cast<std::uint32_t>(n));
-    offset += static_cast<std::int64_t>(n);
-    if (offset == file.size) {
-      files.pop_back();
-      offset = 0;
-      break;
-    }
+  if (readStage(*this, file.path.cStr(), file.size, offset,
+                offset == 0 ? kFirstStageBlocks : kLaterStageBlocks)) {
+    files.pop_back();
+    offset = 0;
   }
   return files.empty();
 }

@@ -66,7 +66,7 @@ std::optional<std::string> sqlite3_column_string(sqlite3_stmt* statement, int co
 }
 
 void PhotoLibraryReader::readPhotos(PhotoLibrary& library) {
-  sqlite3* db = openReadOnly(library.path / "database/photos.db");
+  sqlite3* db = openReadOnly(library.path() / "database/photos.db");
   sqlite3_stmt* statement = nullptr;
   int version = databaseVersion(db, statement);
   if (version < kFirstVersion5) {
@@ -75,7 +75,7 @@ void PhotoLibraryReader::readPhotos(PhotoLibrary& library) {
     return;
   }
   sqlite3_close(db);
-  db = openReadOnly(library.path / "database/Photos.sqlite");
+  db = openReadOnly(library.path() / "database/Photos.sqlite");
   readDatabase5(library, db, statement);
   sqlite3_close(db);
 }
@@ -102,7 +102,7 @@ std::map<std::int32_t, std::string> PhotoLibraryReader::database4Volumes(sqlite3
 
 void PhotoLibraryReader::readDatabase4(PhotoLibrary& library, sqlite3* db,
                                        sqlite3_stmt*& statement) {
-  const Path base = library.path / "Masters";
+  const Path base = library.path() / "Masters";
   auto volumes = database4Volumes(db, statement);
   prepare(db, kOldPhotosQuery, statement);
   while (stepRow(statement)) {
@@ -150,7 +150,7 @@ std::int32_t PhotoLibraryReader::database5ModelVersion(sqlite3* db, sqlite3_stmt
 
 void PhotoLibraryReader::readDatabase5(PhotoLibrary& library, sqlite3* db,
                                        sqlite3_stmt*& statement) {
-  const Path base = library.path / "originals";
+  const Path base = library.path() / "originals";
   std::int32_t model = database5ModelVersion(db, statement);
   prepare(db, model >= 13000 && model <= 13999 ? kGenericAssetQuery : kAssetQuery, statement);
   while (stepRow(statement)) {
@@ -162,7 +162,7 @@ void PhotoLibraryReader::readDatabase5(PhotoLibrary& library, sqlite3* db,
     Path path;
     if (sqlite3_column_type(statement, 3) != SQLITE_NULL) {
       // A shared-album picture.
-      path = library.path / "resources/cloudsharing/data" / *directory / *filename;
+      path = library.path() / "resources/cloudsharing/data" / *directory / *filename;
     } else if (!directory->empty() && directory->front() == '/') {
       path = Path(*directory) / *filename;  // referenced from outside the library
     } else {

@@ -36,7 +36,7 @@ std::vector<std::pair<std::string, std::string>> photosOf(PhotoLibrary& library,
                                                           const std::string& base) {
   std::vector<std::pair<std::string, std::string>> photos;
   for (const auto& photo : library.photos) {
-    std::string path = photo.path.string();
+    std::string path = photo.path().string();
     if (path.rfind(base, 0) == 0) path = path.substr(base.size());
     photos.emplace_back(photo.id, path);
     EXPECT_EQ(photo.parent, &library);

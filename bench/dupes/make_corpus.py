@@ -18,7 +18,10 @@ import sys
 
 
 def content(rng, size):
-    return rng.randbytes(size)
+    chunk = 1 << 20
+    if size <= chunk:
+        return rng.randbytes(size)
+    return b"".join(rng.randbytes(min(chunk, size - at)) for at in range(0, size, chunk))
 
 
 def write(path, data):
@@ -49,7 +52,7 @@ def large(root, rng):
         data = bytearray(content(rng, size * mib))
         write(os.path.join(root, "orig%d.bin" % n), data)
         write(os.path.join(root, "copy%d.bin" % n), data)
-        if size >= 4:
+        if size in (4, 16, 64, 256):
             first = bytearray(data)
             first[0] ^= 1
             write(os.path.join(root, "first%d.bin" % n), first)
