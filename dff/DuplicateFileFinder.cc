@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <strings.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -313,7 +314,13 @@ void DuplicateFileFinder::findDuplicateFiles(Duplicate<long long, File*>& filesB
       groups.push_back(std::move(node.values));  // the scan's table is done with
     }
   }
-  resolve(groups, fileDuplicates, &FileHash::file, [](File* file) { return FileHash(file); });
+  // Files are opened by name relative to their folder; a quarter of the descriptors this process
+  // may open go to folders.
+  struct rlimit limit {};
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  DirectoryHandles handles(std::min<rlim_t>(1024, limit.rlim_cur / 4));
+  resolve(groups, fileDuplicates, &FileHash::file,
+          [&handles](File* file) { return FileHash(file, &handles); });
   for (auto& node : fileDuplicates) {
     if (node.values.size() == 1) node.values.front()->unique = true;
   }

@@ -94,6 +94,8 @@ class File {
   Path path() const;
   // The entry's own name below its parent, or its whole path when it keeps one.
   const std::string& name() const { return name_; }
+  // True when `name()` is the whole path rather than a name below `parent`.
+  bool keepsWholePath() const { return absolute_; }
 
   std::int64_t size;
   Container* parent;

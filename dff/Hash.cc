@@ -33,25 +33,26 @@ char* linkBuffer() {
 // stage ends and when it fails are the same as reading block by block: the stage ends when a
 // block brings `offset` to `size`, and a file that ends first fails. Gives true when `size` was
 // reached. Throws when the file can't be opened or ends early.
-bool readStage(Hash& hash, const char* path, std::int64_t size, std::int64_t& offset, int blocks) {
-  int fd = ::open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY);
+bool readStage(Hash& hash, int fd, std::int64_t size, std::int64_t& offset, int blocks) {
   if (fd < 0) throw std::exception();
   const std::size_t wanted = kReadBlock * static_cast<std::size_t>(blocks);
-  if (blocks > 1) ::posix_fadvise(fd, offset, static_cast<off_t>(wanted), POSIX_FADV_SEQUENTIAL);
+  // Long stages tell the kernel to read ahead; short ones aren't worth the call.
+  if (blocks > 1 && size - offset > static_cast<std::int64_t>(kReadBlock * 64)) {
+    ::posix_fadvise(fd, offset, static_cast<off_t>(wanted), POSIX_FADV_SEQUENTIAL);
+  }
   char* buffer = stageBuffer();
+  // A regular file gives fewer bytes than asked only at its end, so a short read ends the stage's
+  // reading without a further call to find nothing.
   std::size_t got = 0;
   while (got < wanted) {
     ssize_t n = ::pread(fd, buffer + got, wanted - got, offset + static_cast<std::int64_t>(got));
-    if (n > 0) {
-      got += static_cast<std::size_t>(n);
-    } else if (n < 0 && errno == EINTR) {
-      continue;
-    } else if (n < 0) {
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
       ::close(fd);
       throw std::exception();
-    } else {
-      break;  // the end of the file
     }
+    got += static_cast<std::size_t>(n);
+    if (static_cast<std::size_t>(n) < wanted) break;
   }
   ::close(fd);
   for (std::size_t at = 0; at < wanted; at += kReadBlock) {
@@ -64,7 +65,36 @@ bool readStage(Hash& hash, const char* path, std::int64_t size, std::int64_t& of
   return false;
 }
 
+int openForReading(const char* path) { return ::open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY); }
+
 }  // namespace
+
+DirectoryHandles::DirectoryHandles(std::size_t capacity) : capacity_(capacity) {}
+
+DirectoryHandles::~DirectoryHandles() {
+  for (auto& [folder, fd] : recent_) {
+    if (fd >= 0) ::close(fd);
+  }
+}
+
+int DirectoryHandles::descriptor(const Container* folder) {
+  auto found = index_.find(folder);
+  if (found != index_.end()) {
+    recent_.splice(recent_.begin(), recent_, found->second);
+    return found->second->second;
+  }
+  if (capacity_ == 0) return -1;
+  if (recent_.size() >= capacity_) {
+    auto& [oldest, fd] = recent_.back();
+    if (fd >= 0) ::close(fd);
+    index_.erase(oldest);
+    recent_.pop_back();
+  }
+  int fd = ::open(folder->path().cStr(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  recent_.emplace_front(folder, fd);
+  index_[folder] = recent_.begin();
+  return fd;
+}
 
 void Hash::hashValue(HashValue& value) const {
   MD5_CTX copy = state_;
@@ -76,7 +106,16 @@ void Hash::hashValue(HashValue& value) const {
 
 bool FileHash::update() {
   if (file->size == 0) return true;
-  return readStage(*this, file->path().cStr(), file->size, offset,
+  int fd = -1;
+  int folder = handles != nullptr && !file->keepsWholePath() && file->parent != nullptr
+                   ? handles->descriptor(file->parent)
+                   : -1;
+  if (folder >= 0) {
+    fd = ::openat(folder, file->name().c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+  } else {
+    fd = openForReading(file->path().cStr());
+  }
+  return readStage(*this, fd, file->size, offset,
                    offset == 0 ? kFirstStageBlocks : kLaterStageBlocks);
 }
 
@@ -184,7 +223,7 @@ bool PackageHash::calculateFiles() {
     files.pop_back();
     return files.empty();
   }
-  if (readStage(*this, file.path.cStr(), file.size, offset,
+  if (readStage(*this, openForReading(file.path.cStr()), file.size, offset,
                 offset == 0 ? kFirstStageBlocks : kLaterStageBlocks)) {
     files.pop_back();
     offset = 0;

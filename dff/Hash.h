@@ -8,7 +8,9 @@
 #include <openssl/md5.h>
 
 #include <cstdint>
+#include <list>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "dff/File.h"
@@ -34,11 +36,32 @@ class Hash {
   MD5_CTX state_;
 };
 
+// Open descriptors of recently used folders, so that files are opened by name relative to their
+// folder instead of by walking their whole path again. Least recently used folders are closed
+// first. Owned by one pass of one run: folder pointers are keys only while the tree lives.
+class DirectoryHandles {
+ public:
+  explicit DirectoryHandles(std::size_t capacity);
+  ~DirectoryHandles();
+  DirectoryHandles(const DirectoryHandles&) = delete;
+  DirectoryHandles& operator=(const DirectoryHandles&) = delete;
+
+  // A descriptor of `folder`, or -1 when it can't be opened.
+  int descriptor(const Container* folder);
+
+ private:
+  std::size_t capacity_;
+  std::list<std::pair<const Container*, int>> recent_;  // most recent first
+  std::unordered_map<const Container*, std::list<std::pair<const Container*, int>>::iterator>
+      index_;
+};
+
 // Reads one file a stage at a time: 1 block of 4096 bytes from offset 0, then 1000 blocks a
 // stage. The file is opened and closed once per stage.
 class FileHash : public Hash {
  public:
-  explicit FileHash(File* file) : file(file) {}
+  explicit FileHash(File* file, DirectoryHandles* handles = nullptr)
+      : file(file), handles(handles) {}
 
   // Reads one stage. True when the whole file (as long as the scan saw it) has been digested.
   // Throws a standard exception when the file can't be opened, or ends before its recorded size.
@@ -46,6 +69,7 @@ class FileHash : public Hash {
 
   File* file;
   std::int64_t offset = 0;
+  DirectoryHandles* handles;  // optional, not owned
 };
 
 // The digest of a link's target text.

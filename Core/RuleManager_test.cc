@@ -1,0 +1,152 @@
+#include "Core/RuleManager.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+namespace Core {
+namespace {
+
+const platform::Locations& fixture() {
+  static const auto* locations = new platform::Locations(platform::Locations::underRoot("/r"));
+  return *locations;
+}
+
+std::optional<RuleManager> load(const std::string& document, std::string* error = nullptr) {
+  return RuleManager::load(document, fixture(), error);
+}
+
+TEST(RuleKeyTest, KeysBecomeRuleIDs) {
+  EXPECT_FALSE(parseRuleKey(""));
+  EXPECT_TRUE(std::holds_alternative<BaseRule>(*parseRuleKey("*")));
+  EXPECT_TRUE(std::holds_alternative<BlackRule>(*parseRuleKey("@")));
+  EXPECT_TRUE(std::holds_alternative<SystemRule>(*parseRuleKey("#")));
+  auto regex = parseRuleKey("*x");
+  ASSERT_TRUE(regex && std::holds_alternative<BundleIDRegexRule>(*regex));
+  EXPECT_EQ(std::get<BundleIDRegexRule>(*regex).regex.pattern(), "^x$");
+  EXPECT_TRUE(std::get<BundleIDRegexRule>(*regex).regex.caseInsensitive());
+  // A sign followed by more is a plain identifier.
+  EXPECT_EQ(std::get<BundleIDRule>(*parseRuleKey("@x")).id, CaseInsensitiveString("@x"));
+  EXPECT_EQ(std::get<BundleIDRule>(*parseRuleKey("#x")).id, CaseInsensitiveString("#x"));
+  EXPECT_FALSE(parseRuleKey("*("));
+  EXPECT_EQ(*parseRuleKey("com.A"), *parseRuleKey("COM.a"));
+  EXPECT_EQ(hashOf(*parseRuleKey("com.A")), hashOf(*parseRuleKey("COM.a")));
+  EXPECT_FALSE(*parseRuleKey("*a") == *parseRuleKey("*b"));
+}
+
+TEST(PathStringTest, RootsPrioritiesAndComponents) {
+  auto cache = parsePathString("50:Lib/Caches/*com\\.example\\..*", 40, fixture());
+  ASSERT_TRUE(cache);
+  EXPECT_EQ(cache->root, "/r/home/.local/share");
+  EXPECT_EQ(cache->priority, 50);
+  ASSERT_EQ(cache->pathMatchers.size(), 1u);
+  EXPECT_EQ(std::get<StringMatcher>(cache->pathMatchers[0]).text, CaseInsensitiveString("caches"));
+  EXPECT_TRUE(std::get<RegexMatcher>(cache->nameMatcher).regex.matches("COM.EXAMPLE.tool"));
+
+  auto logs = parsePathString("/Library/Logs/**", 90, fixture());
+  ASSERT_TRUE(logs);
+  EXPECT_EQ(logs->root, "/");
+  EXPECT_EQ(logs->priority, 90);
+  EXPECT_EQ(logs->pathMatchers.size(), 2u);
+  EXPECT_TRUE(std::holds_alternative<IdMatcher>(logs->nameMatcher));
+
+  auto tmp = parsePathString("Tmp//x//*", 10, fixture());
+  ASSERT_TRUE(tmp);
+  EXPECT_EQ(tmp->root, "/r/tmp");  // the temporary folder itself
+  EXPECT_TRUE(std::holds_alternative<AnyMatcher>(tmp->nameMatcher));
+  EXPECT_EQ(parsePathString("7:Home/x", 90, fixture())->priority, 7);
+  EXPECT_TRUE(parsePathString("/x", 10, fixture())->pathMatchers.empty());
+}
+
+TEST(PathStringTest, StringsThatGiveNoMatcher) {
+  for (const char* bad : {"Home", "Lib", "/", "home/x", "Elsewhere/x", "Home/***", "Home/*(",
+                          "99999999999999999999:Home/x", ""}) {
+    EXPECT_FALSE(parsePathString(bad, 10, fixture())) << bad;
+  }
+}
+
+TEST(RuleManagerTest, LoadsEntriesAndExtraInformation) {
+  std::string error;
+  auto manager = load(R"(
+com.Example.App:
+  ids: [com.example.helper, com.example.agent]
+  organization: Example
+  caches:
+    cache: [Home/.cache/example]
+  logs:
+    crash: [Home/.example/crashes]
+'*com\.example\..*':
+  ids: [com.example.shared]
+  organization: FromRegex
+com.example.quiet:
+  ids: []
+'*':
+  support:
+    support: [Home/.config/**]
+'#':
+  caches:
+    cache: [Home/.cache/fontconfig]
+com.bare: {}
+)",
+                      &error);
+  ASSERT_TRUE(manager) << error;
+  EXPECT_EQ(manager->bundleIDs.size(), 3u);
+  EXPECT_TRUE(manager->bundleIDs.count(CaseInsensitiveString("COM.EXAMPLE.APP")));
+  EXPECT_EQ(manager->bundleIDs.find(CaseInsensitiveString("com.example.app"))->origin(),
+            "com.Example.App");
+
+  const Rule& app = manager->rules.at(BundleIDRule{"com.example.app"});
+  ASSERT_TRUE(app.caches && app.logs);
+  EXPECT_FALSE(app.support);
+  EXPECT_EQ(app.logs->front().first, AppFile::Kind(AppFile::Other{"crash"}));
+  EXPECT_EQ(app.caches->front().second.front().priority, 40);
+  EXPECT_EQ(manager->rules.at(SystemRule{}).caches->front().second.front().priority, 90);
+  const Rule& bare = manager->rules.at(BundleIDRule{"com.bare"});
+  EXPECT_FALSE(bare.caches || bare.logs || bare.support);
+
+  // The exact entry decides the organization, also when it has none.
+  auto [ids, organization] = manager->extraInfo("COM.EXAMPLE.APP");
+  std::sort(ids.begin(), ids.end());
+  EXPECT_EQ(ids, (std::vector<CaseInsensitiveString>{"com.example.agent", "com.example.helper",
+                                                     "com.example.shared"}));
+  EXPECT_EQ(organization, CaseInsensitiveString("example"));
+  EXPECT_FALSE(manager->extraInfo("com.example.quiet").second);
+  EXPECT_EQ(manager->extraInfo("com.example.other").second, CaseInsensitiveString("FromRegex"));
+  EXPECT_TRUE(manager->extraInfo("org.unknown").first.empty());
+}
+
+TEST(RuleManagerTest, DefectsEndTheLoadAndNameWhatIsAtFault) {
+  struct Case {
+    const char* document;
+    const char* mentions;
+  } cases[] = {
+      {"'': {}", "key \"\""},
+      {"'*(': {}", "key \"*(\""},
+      {"com.x:\n  caches:\n    cache: [Home]", "\"Home\""},
+      {"com.x:\n  caches:\n    cache: [Home/***]", "\"Home/***\""},
+      {"com.x:\n  caches: [Home/x]", "\"caches\""},
+      {"com.x:\n  ids: notalist", "\"ids\""},
+      {"- a\n- b", "not a mapping"},
+      {"com.x: {}\ncom.x: {}", "twice"},
+      {"com.x: {}\nCOM.X: {}", "same rule key"},
+      {"com.x: [", "line"},
+      {"a: 1\n---\nb: 2", "more than one document"},
+  };
+  for (const auto& c : cases) {
+    std::string error;
+    EXPECT_FALSE(load(c.document, &error)) << c.document;
+    EXPECT_NE(error.find(c.mentions), std::string::npos) << c.document << " -> " << error;
+  }
+}
+
+TEST(RuleManagerTest, TheShippedDocumentLoads) {
+  const RuleManager* manager = RuleManager::shared();
+  ASSERT_NE(manager, nullptr) << RuleManager::sharedLoadError();
+  EXPECT_TRUE(manager->rules.count(BaseRule{}));
+  EXPECT_TRUE(manager->rules.count(BlackRule{}));
+  EXPECT_TRUE(manager->bundleIDs.count(CaseInsensitiveString("firefox")));
+  EXPECT_EQ(manager->extraInfo("jetbrains-idea").second, CaseInsensitiveString("jetbrains"));
+}
+
+}  // namespace
+}  // namespace Core
