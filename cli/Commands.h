@@ -11,6 +11,7 @@ void addDiskCommand(CLI::App& app);
 void addDupesCommand(CLI::App& app);
 void addLargeCommand(CLI::App& app);
 void addMonitorCommand(CLI::App& app);
+void addRulesCommand(CLI::App& app);
 
 // The absolute path of a FOLDER argument; a usage error when it doesn't exist or isn't a folder.
 std::string resolveFolderArgument(const std::string& folder);

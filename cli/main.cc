@@ -29,6 +29,7 @@ int main(int argc, char** argv) {
   cli::addDupesCommand(app);
   cli::addLargeCommand(app);
   cli::addMonitorCommand(app);
+  cli::addRulesCommand(app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
