@@ -7,6 +7,7 @@ namespace cli {
 
 // Each subcommand adds itself to the application; its callback runs the command and throws
 // `CommandError` to end with a message.
+void addAppsCommand(CLI::App& app);
 void addDiskCommand(CLI::App& app);
 void addDupesCommand(CLI::App& app);
 void addLargeCommand(CLI::App& app);

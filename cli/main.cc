@@ -25,6 +25,7 @@ int main(int argc, char** argv) {
   app.require_subcommand(1, 1);
   app.fallthrough(false);
 
+  cli::addAppsCommand(app);
   cli::addDiskCommand(app);
   cli::addDupesCommand(app);
   cli::addLargeCommand(app);
