@@ -4,7 +4,9 @@
 
 #include <algorithm>
 
+#include "Core/IOSAppUUIDMapper.h"
 #include "platform/Applications.h"
+#include "ravelin/Version.h"
 #include "platform/Files.h"
 #include "platform/Locations.h"
 #include "platform/Plist.h"
@@ -178,6 +180,12 @@ void DesktopAppBundle::loadNestedBundles() {
       ".service");
 }
 
+AppBundleLoader::AppBundleLoader() {
+  if constexpr (ravelin::kArm64Build) {
+    uuidMapper = std::make_shared<IOSAppUUIDMapper>(platform::currentLocations().home);
+  }
+}
+
 std::unique_ptr<AppBundle> AppBundleLoader::bundle(const std::string& url) const {
   if (url.ends_with(".desktop")) {
     std::string id = platform::lastPathComponent(url);
@@ -190,8 +198,13 @@ std::unique_ptr<AppBundle> AppBundleLoader::bundle(const std::string& url) const
     auto desktop = DesktopAppBundle::make(url, id);
     return desktop ? std::make_unique<DesktopAppBundle>(std::move(*desktop)) : nullptr;
   }
-  auto mac = MacAppBundle::make(url);
-  return mac ? std::make_unique<MacAppBundle>(std::move(*mac)) : nullptr;
+  if (auto mac = MacAppBundle::make(url)) return std::make_unique<MacAppBundle>(std::move(*mac));
+  if (uuidMapper) {
+    if (auto wrapped = WrappedBundle::make(url, uuidMapper)) {
+      return std::make_unique<WrappedBundle>(std::move(*wrapped));
+    }
+  }
+  return nullptr;
 }
 
 std::vector<std::string> applicationURLs() {

@@ -55,11 +55,20 @@ class DesktopAppBundle final : public AppBundle {
   void loadNestedBundles() override;
 };
 
+class IOSAppUUIDMapper;
+
 class AppBundleLoader {
  public:
+  // In an arm64 build the loader also makes bundles of iPhone and iPad applications, with a
+  // mapper of its own over the home folder's containers.
+  AppBundleLoader();
+
   // The bundle at `url`: a desktop entry (its ID from the application folders, else its file
-  // name) or a macOS-layout bundle; nothing when it has no identity.
+  // name), a macOS-layout bundle, or in an arm64 build a wrapped iPhone or iPad application;
+  // nothing when it has no identity.
   std::unique_ptr<AppBundle> bundle(const std::string& url) const;
+
+  std::shared_ptr<IOSAppUUIDMapper> uuidMapper;  // arm64 builds only
 };
 
 // The top-level applications of this machine, as the platform lists them.
