@@ -6,10 +6,10 @@
 
 #include "Core/IOSAppUUIDMapper.h"
 #include "platform/Applications.h"
-#include "ravelin/Version.h"
 #include "platform/Files.h"
 #include "platform/Locations.h"
 #include "platform/Plist.h"
+#include "ravelin/Version.h"
 
 namespace Core {
 

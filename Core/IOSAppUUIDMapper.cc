@@ -46,8 +46,9 @@ CaseInsensitiveString IOSAppUUIDMapper::uuid(const CaseInsensitiveString& bundle
       bool known = std::any_of(uuids.begin(), uuids.end(),
                                [&](const auto& pair) { return pair.second == name; });
       if (known) continue;
-      auto metadata = platform::plist::readFile(platform::joinPath(
-          platform::joinPath(containers, entry.name), ".com.apple.containermanagerd.metadata.plist"));
+      auto metadata = platform::plist::readFile(
+          platform::joinPath(platform::joinPath(containers, entry.name),
+                             ".com.apple.containermanagerd.metadata.plist"));
       const auto* owner = metadata ? metadata->find("MCMMetadataIdentifier") : nullptr;
       if (owner == nullptr || owner->string() == nullptr) continue;
       uuids[CaseInsensitiveString(*owner->string())] = name;
