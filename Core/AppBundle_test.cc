@@ -58,6 +58,8 @@ TEST(MacAppBundleTest, NestedBundlesAreFoundThroughTheirContainersOnly) {
   macBundle(tmp, "Outer.app/Contents/Frameworks/Kit.framework/Versions/A/XPCServices/Svc.xpc",
             "com.example.svc", "Svc");
   tmp.symlink("Outer.app/Contents/Frameworks/Kit.framework/Versions/Current", "A");
+  // A framework's own identity is never read: it is entered through its versions only.
+  macBundle(tmp, "Outer.app/Contents/Frameworks/Kit.framework", "com.example.kit", "Kit");
   // A bundle without executable gives no identity, but its Contents is walked.
   macBundle(tmp, "Outer.app/Contents/PlugIns/Plain.bundle", "com.example.plain", "Plain", false);
   macBundle(tmp, "Outer.app/Contents/PlugIns/Plain.bundle/Contents/PlugIns/Deep.appex",
