@@ -1,8 +1,8 @@
 #include "Core/PublicSuffixList.h"
 
-#include <mutex>
 #include <vector>
 
+#include "Core/BuiltInResource.h"
 #include "resources/Resources.h"
 
 namespace Core {
@@ -58,24 +58,22 @@ std::optional<PublicSuffixList> PublicSuffixList::load(std::string_view text, st
   return list;
 }
 
-const PublicSuffixList* PublicSuffixList::shared() {
-  static std::once_flag once;
-  static const PublicSuffixList* list = nullptr;
-  std::call_once(once, [] {
-    std::string error;
-    if (auto loaded = load(resources::publicSuffixList(), &error)) {
-      list = new PublicSuffixList(std::move(*loaded));
-    } else {
-      const_cast<std::string&>(sharedLoadError()) = "public_suffix_list.dat: " + error;
-    }
-  });
-  return list;
+namespace {
+
+// Made on first use; function-local statics are initialised once even when threads race.
+const BuiltInResource<PublicSuffixList>& builtIn() {
+  static const auto* resource = new BuiltInResource<PublicSuffixList>(
+      loadBuiltIn<PublicSuffixList>("public_suffix_list.dat", [](std::string* error) {
+        return PublicSuffixList::load(resources::publicSuffixList(), error);
+      }));
+  return *resource;
 }
 
-const std::string& PublicSuffixList::sharedLoadError() {
-  static auto* error = new std::string;
-  return *error;
-}
+}  // namespace
+
+const PublicSuffixList* PublicSuffixList::shared() { return builtIn().value.get(); }
+
+const std::string& PublicSuffixList::sharedLoadError() { return builtIn().error; }
 
 std::optional<std::string> PublicSuffixList::organization(std::string_view identifier) const {
   std::vector<std::string_view> labels = split(identifier, '.');

@@ -1,8 +1,8 @@
 #include "Core/RuleManager.h"
 
 #include <charconv>
-#include <mutex>
 
+#include "Core/BuiltInResource.h"
 #include "platform/Yaml.h"
 #include "resources/Resources.h"
 
@@ -242,24 +242,23 @@ std::optional<RuleManager> RuleManager::load(std::string_view document,
   return manager;
 }
 
-const RuleManager* RuleManager::shared() {
-  static std::once_flag once;
-  static const RuleManager* manager = nullptr;
-  std::call_once(once, [] {
-    std::string error;
-    if (auto loaded = load(resources::ruleDocument(), platform::currentLocations(), &error)) {
-      manager = new RuleManager(std::move(*loaded));
-    } else {
-      const_cast<std::string&>(sharedLoadError()) = "rule.yaml: " + error;
-    }
-  });
-  return manager;
+namespace {
+
+// Made on first use, with the locations in force then; function-local statics are initialised
+// once even when threads race.
+const BuiltInResource<RuleManager>& builtIn() {
+  static const auto* resource = new BuiltInResource<RuleManager>(
+      loadBuiltIn<RuleManager>("rule.yaml", [](std::string* error) {
+        return RuleManager::load(resources::ruleDocument(), platform::currentLocations(), error);
+      }));
+  return *resource;
 }
 
-const std::string& RuleManager::sharedLoadError() {
-  static auto* error = new std::string;
-  return *error;
-}
+}  // namespace
+
+const RuleManager* RuleManager::shared() { return builtIn().value.get(); }
+
+const std::string& RuleManager::sharedLoadError() { return builtIn().error; }
 
 std::pair<std::vector<CaseInsensitiveString>, std::optional<CaseInsensitiveString>>
 RuleManager::extraInfo(std::string_view bundleID) const {

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstring>
 #include <ctime>
-#include <random>
 
 #include "testsupport/TestSupport.h"
 
@@ -16,12 +15,7 @@ namespace {
 
 using testsupport::TempDir;
 
-std::string bytes(std::size_t n, unsigned seed) {
-  std::mt19937 random(seed);
-  std::string s(n, '\0');
-  for (auto& c : s) c = static_cast<char>(random());
-  return s;
-}
+using testsupport::randomBytes;
 
 // Burns processor time, so that the engine's next current-path report passes its throttle of
 // 0.04 seconds of processor time.
@@ -78,19 +72,19 @@ class FinderTest : public ::testing::Test {
 using Groups = std::vector<std::vector<std::string>>;
 
 TEST_F(FinderTest, IdenticalFoldersAreOneGroupAndAThirdCopyKeepsItsFileGroup) {
-  std::string a = bytes(10000, 1), b = bytes(5000, 2);
+  std::string a = randomBytes(10000, 1), b = randomBytes(5000, 2);
   tmp_.write("A/one", a);
   tmp_.write("A/sub/two", b);
   tmp_.write("B/uno", a);  // names don't count for folders
   tmp_.write("B/sub/dos", b);
   tmp_.write("C/copy", a);
-  tmp_.write("C/other", bytes(5000, 3));  // same size as "two", other bytes
+  tmp_.write("C/other", randomBytes(5000, 3));  // same size as "two", other bytes
   EXPECT_EQ(run(), (Groups{{"A/one", "B/uno", "C/copy"}, {"A", "B"}}));
   EXPECT_EQ(progress_, (std::vector<double>{0.3, 0.5, 0.8, 0.9}));
 }
 
 TEST_F(FinderTest, FileGroupsComeFirstThenPackagesThenFolders) {
-  std::string content = bytes(3000, 4);
+  std::string content = randomBytes(3000, 4);
   tmp_.write("X/Tool.app/Contents/MacOS/tool", content);
   tmp_.write("X/Copy.app/Contents/MacOS/tool", content);
   tmp_.write("Y/f", "same");
@@ -109,7 +103,7 @@ TEST_F(FinderTest, FileGroupsComeFirstThenPackagesThenFolders) {
 TEST_F(FinderTest, PackagesCompareAsUnitsAndOneUnreadableMemberMakesThemUnique) {
   for (const char* app : {"P/One.app", "P/Two.app", "P/Three.app"}) {
     tmp_.write(std::string(app) + "/Contents/Info.plist", "<plist/>");
-    tmp_.write(std::string(app) + "/Contents/Resources/data", bytes(9000, 5));
+    tmp_.write(std::string(app) + "/Contents/Resources/data", randomBytes(9000, 5));
   }
   ::chmod((tmp_ / "P/Three.app/Contents/Resources/data").c_str(), 0);
   testsupport::withoutPermissionOverride([&] {
@@ -127,7 +121,7 @@ TEST_F(FinderTest, EmptyFilesFormOneGroupUnlessAMinimumSizeExcludesThem) {
 }
 
 TEST_F(FinderTest, SmallFilesDsStoreAndHiddenFoldersMarkOrSpareTheirFolders) {
-  std::string content = bytes(2000, 6);
+  std::string content = randomBytes(2000, 6);
   // Only ".DS_Store" differs: the folders are still the same.
   tmp_.write("ds/A/f", content);
   tmp_.write("ds/A/.DS_Store", "x");
@@ -153,7 +147,7 @@ TEST_F(FinderTest, SmallFilesDsStoreAndHiddenFoldersMarkOrSpareTheirFolders) {
 }
 
 TEST_F(FinderTest, ExclusionsBySuffixAndByWholePath) {
-  std::string content = bytes(2000, 7);
+  std::string content = randomBytes(2000, 7);
   tmp_.write("A/f", content);
   tmp_.write("A/skip.TMP", "1");
   tmp_.write("B/f", content);
@@ -174,14 +168,14 @@ TEST_F(FinderTest, LinksAreDigestedByTargetButNeverReported) {
 }
 
 TEST_F(FinderTest, LinksToFoldersAreNotFollowed) {
-  std::string content = bytes(2000, 8);
+  std::string content = randomBytes(2000, 8);
   tmp_.write("real/f", content);
   tmp_.symlink("via", "real");
   EXPECT_TRUE(run().empty());
 }
 
 TEST_F(FinderTest, FileThatVanishesBeforeHashingDropsOut) {
-  std::string content = bytes(6000, 9);
+  std::string content = randomBytes(6000, 9);
   for (const char* name : {"a", "b", "c"}) tmp_.write(name, content);
   Duplicate<long long, File*> files;
   Duplicate<long long, Symlink*> links;
@@ -201,7 +195,7 @@ TEST_F(FinderTest, FileThatVanishesBeforeHashingDropsOut) {
 }
 
 TEST_F(FinderTest, LargeFilesDifferingOnlyInTheirLastByteAreToldApart) {
-  std::string content = bytes(4096 + 4096000 + 10, 10);
+  std::string content = randomBytes(4096 + 4096000 + 10, 10);
   tmp_.write("big1", content);
   tmp_.write("big2", content);
   content.back() ^= 1;
@@ -212,7 +206,7 @@ TEST_F(FinderTest, LargeFilesDifferingOnlyInTheirLastByteAreToldApart) {
 }
 
 TEST_F(FinderTest, OverlappingRootsAndHardLinksCompareAsTheirOwnDuplicates) {
-  tmp_.write("d/f", bytes(3000, 11));
+  tmp_.write("d/f", randomBytes(3000, 11));
   ::link((tmp_ / "d/f").c_str(), (tmp_ / "d/hard").c_str());
   EXPECT_EQ(run({"d"}), (Groups{{"d/f", "d/hard"}}));
 }
@@ -268,7 +262,7 @@ TEST_F(FinderTest, StopBeforeFindIsLost) {
 }
 
 TEST_F(FinderTest, StopDuringTheScanLeavesNothingToGroup) {
-  std::string content = bytes(2000, 12);
+  std::string content = randomBytes(2000, 12);
   tmp_.write("A/f", content);
   tmp_.write("B/f", content);
   tmp_.write("C/f", content);
@@ -281,8 +275,8 @@ TEST_F(FinderTest, StopDuringTheScanLeavesNothingToGroup) {
 TEST_F(FinderTest, StopAfterTheScanGroupsNoFolderOnUncomparedFiles) {
   // Same sizes, different contents: had the files kept digests that were never taken, the two
   // folders would look alike.
-  tmp_.write("A/f", bytes(2000, 13));
-  tmp_.write("B/f", bytes(2000, 14));
+  tmp_.write("A/f", randomBytes(2000, 13));
+  tmp_.write("B/f", randomBytes(2000, 14));
   progressHook_ = [&](double v) {
     if (v == 0.3) finder_.stop();
   };
@@ -311,7 +305,7 @@ TEST_F(FinderTest, StopDuringFileHashingKeepsGroupsFinishedBefore) {
 }
 
 TEST_F(FinderTest, StopBeforePackagesLeavesFileGroupsAndNoPackageGroups) {
-  std::string content = bytes(2000, 15);
+  std::string content = randomBytes(2000, 15);
   tmp_.write("x/One.app/bin", content);
   tmp_.write("x/Two.app/bin", content);
   tmp_.write("y/f", "same");

@@ -6,8 +6,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <random>
-
 #include "testsupport/TestSupport.h"
 
 namespace dff {
@@ -15,12 +13,7 @@ namespace {
 
 using testsupport::TempDir;
 
-std::string randomBytes(std::size_t n, unsigned seed) {
-  std::mt19937 random(seed);
-  std::string bytes(n, '\0');
-  for (auto& b : bytes) b = static_cast<char>(random());
-  return bytes;
-}
+using testsupport::randomBytes;
 
 HashValue md5Of(const std::string& bytes) {
   Hash hash;

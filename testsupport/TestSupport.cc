@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <stdexcept>
 #include <thread>
 
@@ -104,6 +105,13 @@ void withoutPermissionOverride(const std::function<void()>& body) {
     body();
   });
   thread.join();
+}
+
+std::string randomBytes(std::size_t n, unsigned seed) {
+  std::mt19937 random(seed);
+  std::string bytes(n, '\0');
+  for (auto& b : bytes) b = static_cast<char>(random());
+  return bytes;
 }
 
 bool drainMainUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {

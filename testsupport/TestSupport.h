@@ -45,6 +45,9 @@ class TempDir {
 // tests use it so that they test something when the suite runs as root.
 void withoutPermissionOverride(const std::function<void()>& body);
 
+// `n` bytes of deterministic noise: different seeds give different contents of the same size.
+std::string randomBytes(std::size_t n, unsigned seed);
+
 // Drains the main queue until `done` or the timeout; gives `done()`.
 bool drainMainUntil(const std::function<bool()>& done,
                     std::chrono::milliseconds timeout = std::chrono::seconds(10));

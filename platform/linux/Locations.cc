@@ -6,13 +6,13 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <fstream>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <sstream>
 
 #include "platform/Files.h"
+#include "platform/SystemRoots.h"
 
 namespace platform {
 
@@ -149,10 +149,8 @@ Locations Locations::fromEnvironment() {
   l.systemLogs = "/var/log";
 
   l.trashes.push_back(joinPath(l.library, "Trash/files"));
-  std::ifstream mountinfo("/proc/self/mountinfo");
-  std::stringstream text;
-  text << mountinfo.rdbuf();
-  for (auto& folder : mountTrashFolders(parseMountInfo(text.str()), ::getuid())) {
+  std::string mountinfo = readSmallFile("/proc/self/mountinfo").value_or("");
+  for (auto& folder : mountTrashFolders(parseMountInfo(mountinfo), ::getuid())) {
     appendUnique(l.trashes, folder);
   }
 
