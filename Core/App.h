@@ -24,17 +24,17 @@ struct Organization {
 };
 using MacAppID = std::variant<BundleID, BundleName, Organization>;
 
-// The owner of an application file: an installed application, or a name that no installed
-// application answers to.
-struct MacApp {
+// The owner of an application file: an installed application, by the name the file was tied
+// to, or a name that no installed application answers to.
+struct InstalledApp {
   MacAppID id;
-  friend bool operator==(const MacApp&, const MacApp&) = default;
+  friend bool operator==(const InstalledApp&, const InstalledApp&) = default;
 };
 struct AppName {
   CaseInsensitiveString id;
   friend bool operator==(const AppName&, const AppName&) = default;
 };
-using App = std::variant<MacApp, AppName>;
+using App = std::variant<InstalledApp, AppName>;
 
 // A file that belongs to an application, with what kind of file it is.
 struct AppFile {

@@ -3,6 +3,9 @@
 #include <glib.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <set>
+#include <utility>
 
 #include "Core/IOSAppUUIDMapper.h"
 #include "platform/Applications.h"
@@ -91,10 +94,16 @@ std::optional<MacAppBundle> MacAppBundle::make(const std::string& url) {
 
 void MacAppBundle::loadNestedBundles() {
   std::vector<std::string> stack{platform::joinPath(url, "Contents")};
+  // A folder met again (through a bind mount) isn't walked again.
+  std::set<std::pair<std::uint64_t, std::uint64_t>> entered;
   while (!stack.empty()) {
     std::string folder = std::move(stack.back());
     stack.pop_back();
-    auto entries = platform::listDirectory(folder, platform::Follow::yes);
+    auto self = platform::fileStatus(folder, platform::Follow::no);
+    if (!self.ok() || !entered.insert({self->device, self->inode}).second) continue;
+    // Only real folders are entered: a link (to "..", say) has no directory flag here, or the
+    // walk could go round for ever.
+    auto entries = platform::listDirectory(folder, platform::Follow::no);
     if (!entries.ok()) continue;
     for (const auto& entry : *entries) {
       if (!entry.isDirectory()) continue;
@@ -128,9 +137,11 @@ void MacAppBundle::loadNestedBundles() {
 
 std::optional<DesktopAppBundle> DesktopAppBundle::make(const std::string& url,
                                                        const std::string& id) {
+  auto content = platform::readDesktopEntry(url);
+  if (!content) return std::nullopt;
   GKeyFile* file = g_key_file_new();
   std::optional<DesktopAppBundle> result;
-  if (g_key_file_load_from_file(file, url.c_str(), G_KEY_FILE_NONE, nullptr)) {
+  if (g_key_file_load_from_data(file, content->data(), content->size(), G_KEY_FILE_NONE, nullptr)) {
     gchar* type = g_key_file_get_string(file, "Desktop Entry", "Type", nullptr);
     gchar* name = g_key_file_get_string(file, "Desktop Entry", "Name", nullptr);
     gchar* exec = g_key_file_get_string(file, "Desktop Entry", "Exec", nullptr);

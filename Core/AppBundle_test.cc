@@ -79,6 +79,21 @@ TEST(MacAppBundleTest, NestedBundlesAreFoundThroughTheirContainersOnly) {
   EXPECT_EQ(outer->bundleNames.front(), CaseInsensitiveString("Outer"));
 }
 
+// A link inside a bundle is no folder to walk: a link to ".." would make the walk endless.
+TEST(MacAppBundleTest, LinksInsideABundleAreNotWalked) {
+  TempDir tmp;
+  macBundle(tmp, "Outer.app", "com.example.outer", "Outer");
+  macBundle(tmp, "Outer.app/Contents/Library/LoginItems/Helper.app", "com.example.helper");
+  tmp.mkdir("Outer.app/Contents/Library/Frameworks");
+  tmp.symlink("Outer.app/Contents/Library/Frameworks/Loop.framework", "..");
+  tmp.symlink("Outer.app/Contents/Library/Frameworks/Up", "../..");
+  tmp.symlink("Outer.app/Contents/Library/PlugIns", "../Library");
+  auto outer = MacAppBundle::make(tmp / "Outer.app");
+  ASSERT_TRUE(outer);
+  outer->loadNestedBundles();
+  EXPECT_EQ(texts(outer->bundleIDs), std::vector<std::string>{"com.example.helper"});
+}
+
 class DesktopAppsTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -110,19 +125,46 @@ TEST_F(DesktopAppsTest, FirstFolderWinsHiddenEntriesHideAndIDsComeFromPaths) {
   tmp_.write("usr/share/applications/broken.desktop", "not a desktop file at all [[[");
   entry("usr/share/applications/link.desktop", "Type=Link\nName=Web\nURL=https://x\n");
 
+  // Helpers a desktop never shows as applications of their own.
+  entry("usr/share/applications/vlc.desktop", "Type=Application\nName=VLC\nExec=vlc\n");
+  entry("usr/share/applications/vlc-openbd.desktop",
+        "Type=Application\nName=VLC\nExec=vlc bluray://\nNoDisplay=true\n");
+
   auto urls = Core::applicationURLs();
   EXPECT_EQ(urls, (std::vector<std::string>{tmp_ / "home/.local/share/applications/firefox.desktop",
-                                            tmp_ / "usr/share/applications/broken.desktop",
                                             tmp_ / "usr/share/applications/kde4/konsole.desktop",
-                                            tmp_ / "usr/share/applications/link.desktop"}));
+                                            tmp_ / "usr/share/applications/link.desktop",
+                                            tmp_ / "usr/share/applications/vlc.desktop"}));
   AppBundleLoader loader;
   auto firefox = loader.bundle(urls[0]);
   ASSERT_TRUE(firefox);
   EXPECT_EQ(firefox->bundleID.origin(), "firefox");
   EXPECT_EQ(texts(firefox->bundleNames), (std::vector<std::string>{"My Firefox", "firefox-bin"}));
-  EXPECT_FALSE(loader.bundle(urls[1]));  // broken
-  EXPECT_EQ(loader.bundle(urls[2])->bundleID.origin(), "kde4-konsole");
-  EXPECT_FALSE(loader.bundle(urls[3]));  // not an application
+  EXPECT_FALSE(loader.bundle(tmp_ / "usr/share/applications/broken.desktop"));
+  EXPECT_EQ(loader.bundle(urls[1])->bundleID.origin(), "kde4-konsole");
+  EXPECT_FALSE(loader.bundle(urls[2]));  // not an application
+}
+
+// Application folders are read from the machine: a pipe named like an entry must not hang the
+// listing, and links back up the tree must not multiply it. A linked entry still counts, since
+// flatpak exports its entries as links.
+TEST_F(DesktopAppsTest, PipesAndLinkLoopsInApplicationFolders) {
+  entry("usr/share/applications/real.desktop", "Type=Application\nName=Real\nExec=real\n");
+  entry("elsewhere/linked.desktop", "Type=Application\nName=Linked\nExec=linked\n");
+  tmp_.symlink("usr/share/applications/linked.desktop", tmp_ / "elsewhere/linked.desktop");
+  for (const char* name : {"a", "b", "c", "d", "e", "f"}) {
+    tmp_.symlink(std::string("usr/share/applications/") + name, ".");
+  }
+  tmp_.symlink("usr/share/applications/up", "..");
+  testsupport::FifoGuard guard(tmp_ / "usr/share/applications/pipe.desktop");
+
+  auto urls = Core::applicationURLs();
+  EXPECT_FALSE(guard.fired()) << "a pipe was opened and waited for";
+  EXPECT_EQ(urls, (std::vector<std::string>{tmp_ / "usr/share/applications/linked.desktop",
+                                            tmp_ / "usr/share/applications/real.desktop"}));
+  AppBundleLoader loader;
+  EXPECT_FALSE(loader.bundle(tmp_ / "usr/share/applications/pipe.desktop"));
+  EXPECT_FALSE(guard.fired());
 }
 
 TEST_F(DesktopAppsTest, FlatpaksExportTheirNestedEntriesAndServices) {

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <climits>
+#include <cstdint>
 
 namespace Core {
 
@@ -15,48 +17,114 @@ std::int64_t nextNodeNumber() { return ++gNodeCounter; }
 bool isAny(const Matcher& m) { return std::holds_alternative<AnyMatcher>(m); }
 bool isId(const Matcher& m) { return std::holds_alternative<IdMatcher>(m); }
 
-// Enters the folder level `wanted` in `list`: the existing node, or a new one at the end.
-// Nothing when a catch-all file node or a file node of the same pattern closes the way.
-DirectoryMatcher* enter(std::vector<MatcherNode>& list, const Matcher& wanted,
-                        MatcherIDSet& idSet) {
-  for (auto& node : list) {
-    if (auto* file = std::get_if<FileMatcher>(&node)) {
-      if (isAny(file->matcher) || isId(file->matcher) || file->matcher == wanted) return nullptr;
-    } else {
-      auto& directory = std::get<std::shared_ptr<DirectoryMatcher>>(node);
-      if (directory->matcher == wanted) {
-        idSet.matcherIDs.insert(directory->id);
-        return directory.get();
-      }
-    }
+// Where the nodes of one list stand, so that each step of the compile looks its list up instead
+// of walking it: the first node of each pattern decides, and nodes are only ever appended, so the
+// first position of each pattern never changes. Keeps the compile near linear in the number of
+// path strings however many siblings a folder level gets.
+class ListIndex {
+ public:
+  static constexpr std::size_t kNone = SIZE_MAX;
+
+  std::size_t firstFile(const std::string& key) const { return find(files_, key); }
+  std::size_t directory(const std::string& key) const { return find(directories_, key); }
+  std::size_t firstAnyFile() const { return firstAny_; }
+  std::size_t firstIdFile() const { return firstId_; }
+
+  void addFile(const Matcher& matcher, const std::string& key, std::size_t position) {
+    files_.try_emplace(key, position);
+    if (isAny(matcher) && firstAny_ == kNone) firstAny_ = position;
+    if (isId(matcher) && firstId_ == kNone) firstId_ = position;
   }
-  auto directory = std::make_shared<DirectoryMatcher>(
-      DirectoryMatcher{nextNodeNumber(), wanted, std::vector<MatcherNode>{}});
-  idSet.matcherIDs.insert(directory->id);
-  list.emplace_back(directory);
-  return directory.get();
+  void addDirectory(const std::string& key, std::size_t position) {
+    directories_.try_emplace(key, position);
+  }
+
+ private:
+  static std::size_t find(const std::unordered_map<std::string, std::size_t>& map,
+                          const std::string& key) {
+    auto found = map.find(key);
+    return found == map.end() ? kNone : found->second;
+  }
+  std::unordered_map<std::string, std::size_t> files_;
+  std::unordered_map<std::string, std::size_t> directories_;
+  std::size_t firstAny_ = kNone;
+  std::size_t firstId_ = kNone;
+};
+
+// Equal matchers have equal keys: strings by their case folding, expressions by pattern and
+// options.
+std::string matcherKey(const Matcher& matcher) {
+  switch (matcher.index()) {
+    case 0:
+      return "s" + std::get<StringMatcher>(matcher).text.folded();
+    case 1: {
+      const auto& regex = std::get<RegexMatcher>(matcher).regex;
+      return (regex.caseInsensitive() ? "r" : "R") + regex.pattern();
+    }
+    case 3:
+      return "i";
+    default:
+      return "a";
+  }
 }
 
-// Adds the file node of `context` to `list`, unless a node already there has precedence.
-void insertFile(std::vector<MatcherNode>& list, const MatcherContext& context) {
-  const Matcher& wanted = context.matcher.nameMatcher;
-  for (auto& node : list) {
-    if (auto* file = std::get_if<FileMatcher>(&node)) {
-      if (isAny(file->matcher) && !isAny(wanted)) return;
-      if (isId(file->matcher) && !isId(wanted)) return;
-      if (file->matcher == wanted) {
-        if (file->priority != context.matcher.priority) return;
-        break;  // the same claim at the same priority: both stand
-      }
-    } else if (std::get<std::shared_ptr<DirectoryMatcher>>(node)->matcher == wanted) {
-      return;
+class Compiler {
+ public:
+  // Enters the folder level `wanted` in `list`: the existing node, or a new one at the end.
+  // Nothing when a catch-all file node or a file node of the same pattern closes the way; then
+  // `closedBy` is that node's number.
+  DirectoryMatcher* enter(std::vector<MatcherNode>& list, const Matcher& wanted,
+                          MatcherIDSet& idSet, std::int64_t& closedBy) {
+    ListIndex& index = indexes_[&list];
+    const std::string key = matcherKey(wanted);
+    std::size_t file = std::min({index.firstAnyFile(), index.firstIdFile(), index.firstFile(key)});
+    std::size_t directory = index.directory(key);
+    if (file < directory) {
+      closedBy = std::get<FileMatcher>(list[file]).id;
+      return nullptr;
     }
+    if (directory != ListIndex::kNone) {
+      auto& node = std::get<std::shared_ptr<DirectoryMatcher>>(list[directory]);
+      idSet.matcherIDs.insert(node->id);
+      return node.get();
+    }
+    auto node = std::make_shared<DirectoryMatcher>(
+        DirectoryMatcher{nextNodeNumber(), wanted, std::vector<MatcherNode>{}});
+    idSet.matcherIDs.insert(node->id);
+    index.addDirectory(key, list.size());
+    list.emplace_back(node);
+    return node.get();
   }
-  FileMatcher file{nextNodeNumber(), wanted, context.matcher.priority, context.kind,
-                   context.ruleID};
-  context.idSet->matcherIDs.insert(file.id);
-  list.emplace_back(std::move(file));
-}
+
+  // Adds the file node of `context` to `list`, unless a node already there has precedence;
+  // false when it has.
+  bool insertFile(std::vector<MatcherNode>& list, const MatcherContext& context) {
+    const Matcher& wanted = context.matcher.nameMatcher;
+    ListIndex& index = indexes_[&list];
+    const std::string key = matcherKey(wanted);
+    // The first node that decides: a catch-all of another kind, a folder of the pattern, or the
+    // first file node of the same pattern.
+    std::size_t closing =
+        std::min({isAny(wanted) ? ListIndex::kNone : index.firstAnyFile(),
+                  isId(wanted) ? ListIndex::kNone : index.firstIdFile(), index.directory(key)});
+    std::size_t same = index.firstFile(key);
+    if (closing < same) return false;
+    if (same != ListIndex::kNone &&
+        std::get<FileMatcher>(list[same]).priority != context.matcher.priority) {
+      return false;
+    }
+    // New, or the same claim at the same priority: both stand.
+    FileMatcher file{nextNodeNumber(), wanted, context.matcher.priority, context.kind,
+                     context.ruleID};
+    context.idSet->matcherIDs.insert(file.id);
+    index.addFile(wanted, key, list.size());
+    list.emplace_back(std::move(file));
+    return true;
+  }
+
+ private:
+  std::unordered_map<const std::vector<MatcherNode>*, ListIndex> indexes_;
+};
 
 void collect(const std::optional<KindMatchers>& section, const RuleID& id,
              const std::shared_ptr<MatcherIDSet>& idSet, std::vector<MatcherContext>& contexts) {
@@ -130,19 +198,40 @@ AppFileRule::AppFileRule(bool includeSupport, const RuleManager& manager) {
   // merge never leaves its bounds whatever the comparison says.
   std::stable_sort(contexts.begin(), contexts.end(), insertsBefore);
 
+  Compiler compiler;
   for (const auto& context : contexts) {
     std::vector<MatcherNode>* list = &rules[context.matcher.root];
-    bool abandoned = false;
+    bool inserted = true;
+    bool covered = false;
     for (const auto& level : context.matcher.pathMatchers) {
-      DirectoryMatcher* directory = enter(*list, level, *context.idSet);
+      std::int64_t closedBy = 0;
+      DirectoryMatcher* directory = compiler.enter(*list, level, *context.idSet, closedBy);
       if (directory == nullptr) {
-        abandoned = true;  // numbers already added to the set stay there
+        // Numbers already added to the set stay there. A folder that the same rule claims
+        // whole holds what this path would have found: nothing is lost.
+        inserted = false;
+        covered = context.idSet->matcherIDs.count(closedBy) > 0;
         break;
       }
       list = &directory->children;
     }
-    if (!abandoned) insertFile(*list, context);
+    if (inserted) inserted = compiler.insertFile(*list, context);
+    if (!inserted && !covered) {
+      shadowed.push_back({ruleKeyText(context.ruleID), context.matcher.source});
+    }
   }
+}
+
+std::string ruleKeyText(const RuleID& id) {
+  if (auto* bundle = std::get_if<BundleIDRule>(&id)) return bundle->id.origin();
+  if (auto* pattern = std::get_if<BundleIDRegexRule>(&id)) {
+    // The key's expression, without the anchors the compile added.
+    const std::string& text = pattern->regex.pattern();
+    return "*" + (text.size() >= 2 ? text.substr(1, text.size() - 2) : text);
+  }
+  if (std::holds_alternative<BaseRule>(id)) return "*";
+  if (std::holds_alternative<BlackRule>(id)) return "@";
+  return "#";
 }
 
 std::set<std::int64_t> AppFileRule::matcherIDs(std::string_view bundleID) const {

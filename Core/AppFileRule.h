@@ -68,6 +68,16 @@ class AppFileRule {
   // The number of nodes in the tree of each root.
   std::map<std::string, std::size_t> nodeCounts() const;
 
+  // A path string that the compile shut out: a node inserted before it (a catch-all, the same
+  // pattern at another priority, a folder where it claims a file or the other way round) has
+  // precedence at its place, so the forest doesn't hold what the document says. A path inside a
+  // folder that its own rule claims whole is not listed: the folder's claim finds its files.
+  struct ShadowedPath {
+    std::string key;   // the rule key, as the document writes it
+    std::string path;  // the path string
+  };
+  std::vector<ShadowedPath> shadowed;  // in the order of insertion
+
   std::map<std::string, std::vector<MatcherNode>> rules;  // root folder to top-level nodes
   std::unordered_map<CaseInsensitiveString, std::shared_ptr<MatcherIDSet>> matcherIDSet;
   std::unordered_map<platform::Regex, std::shared_ptr<MatcherIDSet>, RegexHash> regexMatcherIDSet;
@@ -81,6 +91,9 @@ struct MatchResult {
   std::optional<std::string> identifier;
 };
 MatchResult match(const Matcher& matcher, std::string_view name);
+
+// The document's key of a rule: the identifier, "*" and the expression, "*", "@" or "#".
+std::string ruleKeyText(const RuleID& id);
 
 // Specificity: string 4, regex 3, id 2, any 1.
 int rank(const Matcher& matcher);

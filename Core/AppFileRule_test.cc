@@ -2,6 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <map>
+
+#include "platform/Locations.h"
+
 namespace Core {
 namespace {
 
@@ -137,12 +142,108 @@ TEST(MatcherTest, NamedGroupsByLookupAndByScanningThePattern) {
   EXPECT_EQ(namedGroup(regex, "id", *regex.firstMatch("xxy")), "xx");
 }
 
-TEST(AppFileRuleTest, TheShippedRulesCompile) {
+// The compile says which path strings it shut out, so that a document means what it says; a path
+// inside a folder its own rule claims whole is found through that claim and isn't listed.
+TEST(AppFileRuleTest, ShutOutPathsAreReported) {
+  AppFileRule rule(true, rulesOf("app.a:\n"
+                                 "  caches: {cache: [Home/.config/A/Cache]}\n"
+                                 "  support: {support: [Home/.config/A]}\n"
+                                 "app.b:\n"
+                                 "  caches: {cache: [Home/.config/B/Cache]}\n"
+                                 "  support: {support: [41:Home/.config/B]}\n"
+                                 "app.c: {caches: {cache: [50:Home/.cache/shared]}}\n"
+                                 "app.d: {caches: {cache: [Home/.cache/shared]}}\n"));
+  ASSERT_EQ(rule.shadowed.size(), 2u);
+  // The deeper path made a folder node first, so A's claim of the whole folder was dropped; D's
+  // claim met C's of the same pattern at a higher priority.
+  std::set<std::pair<std::string, std::string>> lost;
+  for (const auto& s : rule.shadowed) lost.insert({s.key, s.path});
+  EXPECT_EQ(lost, (std::set<std::pair<std::string, std::string>>{{"app.a", "Home/.config/A"},
+                                                                 {"app.d", "Home/.cache/shared"}}));
+  EXPECT_EQ(ruleKeyText(RuleID{BundleIDRegexRule{*platform::Regex::compile("^x.*$", true)}}),
+            "*x.*");
+}
+
+// Thousands of rules share one folder level, each with a claim of its own: every one stands, each
+// in its own rule's set. (What compiling many rules costs is measured by bench/rules/run.)
+TEST(AppFileRuleTest, ManyRulesUnderOneFolderEachKeepTheirClaim) {
+  std::string document;
+  for (int i = 0; i < 5000; ++i) {
+    document += "app" + std::to_string(i) + ": {caches: {cache: [Home/.cache/app" +
+                std::to_string(i) + ", Home/.cache/shared]}}\n";
+  }
+  AppFileRule rule(false, rulesOf(document));
+  const auto& cache = directory(top(rule).at(0));
+  EXPECT_EQ(cache.children.size(), 10000u);  // its own folder and the shared one, for each
+  EXPECT_TRUE(rule.shadowed.empty());
+  auto ids = rule.matcherIDs("app4321");
+  EXPECT_EQ(ids.size(), 3u);  // the .cache folder and its two claims
+}
+
+TEST(AppFileRuleTest, TheShippedRulesCompileWhole) {
   const RuleManager* shared = RuleManager::shared();
   ASSERT_NE(shared, nullptr);
-  AppFileRule rule(true, *shared);
-  EXPECT_FALSE(rule.rules.empty());
-  EXPECT_FALSE(rule.matcherIDs("firefox").empty());
+  for (bool includeSupport : {true, false}) {
+    AppFileRule rule(includeSupport, *shared);
+    EXPECT_FALSE(rule.rules.empty());
+    for (const auto& lost : rule.shadowed) {
+      ADD_FAILURE() << lost.key << ": " << lost.path << " is shut out (support " << includeSupport
+                    << ")";
+    }
+  }
+}
+
+// The paths a serving node leads to, written as in a document below Home.
+std::set<std::string> servedPaths(const AppFileRule& rule, const std::string& id,
+                                  const std::string& home) {
+  std::set<std::string> paths;
+  auto ids = rule.matcherIDs(id);
+  std::function<void(const std::vector<MatcherNode>&, const std::string&)> walk =
+      [&](const std::vector<MatcherNode>& list, const std::string& prefix) {
+        for (const auto& node : list) {
+          if (auto* file = std::get_if<FileMatcher>(&node)) {
+            if (ids.count(file->id) && file->matcher.index() == 0) {
+              paths.insert(prefix + "/" + std::get<StringMatcher>(file->matcher).text.origin());
+            }
+          } else {
+            const auto& folder = directory(node);
+            if (ids.count(folder.id) && folder.matcher.index() == 0) {
+              walk(folder.children,
+                   prefix + "/" + std::get<StringMatcher>(folder.matcher).text.origin());
+            }
+          }
+        }
+      };
+  auto it = rule.rules.find(home);
+  if (it != rule.rules.end()) walk(it->second, "Home");
+  return paths;
+}
+
+// Debian 12 installs these desktop-file IDs; each must reach its own cache folder in the junk
+// scan, not only the generic paths every application gets.
+TEST(AppFileRuleTest, DebianDesktopIdsGetTheirOwnCachePaths) {
+  const RuleManager* shared = RuleManager::shared();
+  ASSERT_NE(shared, nullptr);
+  AppFileRule junk(false, *shared);
+  const std::string home = platform::currentLocations().home;
+  std::map<std::string, std::string> expected = {
+      {"firefox-esr", "Home/.cache/mozilla/firefox"},
+      {"thunderbird", "Home/.cache/thunderbird"},
+      {"chromium", "Home/.cache/chromium"},
+      {"gimp", "Home/.cache/gimp"},
+      {"vlc", "Home/.cache/vlc"},
+      {"mpv", "Home/.cache/mpv"},
+      {"audacity", "Home/.cache/audacity"},
+      {"transmission-gtk", "Home/.cache/transmission"},
+      {"libreoffice-writer", "Home/.config/libreoffice/4/cache"},
+      {"libreoffice-calc", "Home/.config/libreoffice/4/cache"},
+      {"org.gnome.Evince", "Home/.cache/evince"},
+  };
+  for (const auto& [id, path] : expected) {
+    EXPECT_EQ(servedPaths(junk, id, home).count(path), 1u) << id;
+  }
+  // A flatpak's ID is served through the generic ~/.var/app/ID of every application.
+  EXPECT_FALSE(junk.matcherIDs("org.gimp.GIMP").empty());
 }
 
 }  // namespace

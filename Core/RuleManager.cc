@@ -139,6 +139,7 @@ std::optional<PathMatcher> parsePathString(std::string_view text, std::int64_t p
   std::vector<std::string_view> pieces = components(location);
   PathMatcher matcher;
   matcher.priority = priority;
+  matcher.source = std::string(text);
   if (location.starts_with("/")) {
     if (pieces.empty()) return std::nullopt;
     matcher.root = "/";
@@ -185,16 +186,20 @@ std::optional<RuleManager> RuleManager::load(std::string_view document,
     auto id = parseRuleKey(key);
     if (!id) return fail(where + ": not a rule key");
     const auto* fields = value.mapping();
+    static const platform::yaml::Mapping kNoFields;
+    if (value.null) fields = &kNoFields;  // a key with nothing after it: an entry with no fields
     if (fields == nullptr) return fail(where + ": the entry is not a mapping");
 
     ExtraInfo extra;
     Rule rule;
     for (const auto& [field, content] : *fields) {
+      if (content.null) continue;  // a null is the same as no field
       if (field == "ids") {
         const auto* list = content.list();
         if (list == nullptr) return fail(where + ": \"ids\" is not a list");
         extra.ids.emplace();
         for (const auto& item : *list) {
+          if (item.null) continue;
           if (item.string() == nullptr) return fail(where + ": an id that is not a string");
           extra.ids->emplace_back(*item.string());
         }
@@ -206,12 +211,14 @@ std::optional<RuleManager> RuleManager::load(std::string_view document,
         if (kinds == nullptr) return fail(where + ": \"" + field + "\" is not a mapping");
         KindMatchers section;
         for (const auto& [kindName, paths] : *kinds) {
+          if (paths.null) continue;
           const auto* list = paths.list();
           if (list == nullptr) {
             return fail(where + ": \"" + field + "/" + kindName + "\" is not a list");
           }
           std::vector<PathMatcher> matchers;
           for (const auto& path : *list) {
+            if (path.null) continue;
             if (path.string() == nullptr) return fail(where + ": a path that is not a string");
             auto matcher = parsePathString(*path.string(), defaultPriority(*id), locations);
             if (!matcher) {

@@ -66,6 +66,7 @@ struct PathMatcher {
   std::int64_t priority = 0;
   std::vector<Matcher> pathMatchers;
   Matcher nameMatcher;
+  std::string source;  // the path string as the document has it, for messages
 };
 
 using KindMatchers = std::vector<std::pair<AppFile::Kind, std::vector<PathMatcher>>>;

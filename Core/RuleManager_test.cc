@@ -117,7 +117,7 @@ com.bare: {}
 
 TEST(RuleManagerTest, DefectsEndTheLoadAndNameWhatIsAtFault) {
   struct Case {
-    const char* document;
+    std::string document;
     const char* mentions;
   } cases[] = {
       {"'': {}", "key \"\""},
@@ -131,6 +131,9 @@ TEST(RuleManagerTest, DefectsEndTheLoadAndNameWhatIsAtFault) {
       {"com.x: {}\nCOM.X: {}", "same rule key"},
       {"com.x: [", "line"},
       {"a: 1\n---\nb: 2", "more than one document"},
+      // Bytes the reader refuses are placed on their own line, not the document's first.
+      {"a: {}\nb: {}\nc: {}\nd: {ids: [x\xFF]}", "line 4"},
+      {std::string("a: {}\nb: {}\nc: {}\nd: {ids: [x\0]}", 32), "line 4"},
   };
   for (const auto& c : cases) {
     std::string error;
@@ -139,12 +142,54 @@ TEST(RuleManagerTest, DefectsEndTheLoadAndNameWhatIsAtFault) {
   }
 }
 
+// A document holds strings, lists and mappings: a graph of aliases, or a nesting deeper than any
+// rule needs, is refused at once instead of growing without bound.
+TEST(RuleManagerTest, HostileDocumentsAreRefusedQuickly) {
+  const std::string bomb =
+      "a: &a [lol, lol, lol, lol, lol, lol, lol, lol, lol]\n"
+      "b: &b [*a, *a, *a, *a, *a, *a, *a, *a, *a]\n"
+      "c: &c [*b, *b, *b, *b, *b, *b, *b, *b, *b]\n"
+      "d: &d [*c, *c, *c, *c, *c, *c, *c, *c, *c]\n"
+      "e: [*d, *d, *d, *d, *d, *d, *d, *d, *d]\n";
+  std::string error;
+  EXPECT_FALSE(load(bomb, &error));
+  EXPECT_NE(error.find("anchor"), std::string::npos) << error;
+  EXPECT_FALSE(load("a: *nothing", &error));
+  EXPECT_NE(error.find("alias"), std::string::npos) << error;
+  EXPECT_FALSE(load("a: !!str x", &error));
+  EXPECT_NE(error.find("tag"), std::string::npos) << error;
+
+  std::string deep = "a: " + std::string(200000, '[') + std::string(200000, ']');
+  EXPECT_FALSE(load(deep, &error));
+  EXPECT_NE(error.find("nested too deeply"), std::string::npos) << error;
+  EXPECT_FALSE(load(std::string(9 << 20, '#'), &error));
+  EXPECT_NE(error.find("larger than"), std::string::npos) << error;
+}
+
+// YAML writes "nothing" as an empty value, "~" or "null": each means the field isn't there.
+TEST(RuleManagerTest, NullsAreAbsentFields) {
+  auto manager = load(
+      "com.x:\n  ids:\n  organization: ~\n  caches:\n    cache:\n  logs: null\n"
+      "com.y:\ncom.z:\n  ids: [a, ~, b]\n  organization: \"~\"\n");
+  ASSERT_TRUE(manager);
+  const Rule& x = manager->rules.at(BundleIDRule{CaseInsensitiveString("com.x")});
+  ASSERT_TRUE(x.caches);
+  EXPECT_TRUE(x.caches->empty());
+  EXPECT_FALSE(x.logs);
+  EXPECT_TRUE(manager->extraInfo("com.x").first.empty());
+  EXPECT_FALSE(manager->extraInfo("com.x").second);
+  EXPECT_TRUE(manager->bundleIDs.count(CaseInsensitiveString("com.y")));
+  EXPECT_EQ(manager->extraInfo("com.z").first.size(), 2u);
+  // A quoted "~" is text.
+  EXPECT_EQ(manager->extraInfo("com.z").second, CaseInsensitiveString("~"));
+}
+
 TEST(RuleManagerTest, TheShippedDocumentLoads) {
   const RuleManager* manager = RuleManager::shared();
   ASSERT_NE(manager, nullptr) << RuleManager::sharedLoadError();
   EXPECT_TRUE(manager->rules.count(BaseRule{}));
   EXPECT_TRUE(manager->rules.count(BlackRule{}));
-  EXPECT_TRUE(manager->bundleIDs.count(CaseInsensitiveString("firefox")));
+  EXPECT_TRUE(manager->bundleIDs.count(CaseInsensitiveString("firefox-esr")));
   EXPECT_EQ(manager->extraInfo("jetbrains-idea").second, CaseInsensitiveString("jetbrains"));
 }
 

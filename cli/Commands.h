@@ -9,10 +9,15 @@ namespace cli {
 // `CommandError` to end with a message.
 void addAppsCommand(CLI::App& app);
 void addDiskCommand(CLI::App& app);
+void addDeleteCommand(CLI::App& app);
 void addDupesCommand(CLI::App& app);
+void addHelperCommand(CLI::App& app);
+void addJunkCommand(CLI::App& app);
 void addLargeCommand(CLI::App& app);
+void addLeftoversCommand(CLI::App& app);
 void addMonitorCommand(CLI::App& app);
 void addRulesCommand(CLI::App& app);
+void addStartupCommand(CLI::App& app);
 
 // The absolute path of a FOLDER argument; a usage error when it doesn't exist or isn't a folder.
 std::string resolveFolderArgument(const std::string& folder);

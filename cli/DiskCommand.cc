@@ -1,7 +1,6 @@
 #include <fmt/format.h>
 
 #include <cstdio>
-#include <cstring>
 #include <thread>
 
 #include "cli/Commands.h"
@@ -19,37 +18,50 @@ void addDiskCommand(CLI::App& app) {
   command->add_flag("--json", *json,
                     "Print {\"total\": N, \"free\": N, \"ssd\": true|false} (and \"size\")");
   command->add_option("--size", *folder, "Also add up the sizes of the regular files below FOLDER");
+  auto* sizeOption = command->get_option("--size");
+  command->footer(
+      "Exit status 1 when some entries below FOLDER could not be read (the size of the rest is\n"
+      "printed, as du does) or Ctrl-C stopped the measuring.");
   command->callback([=] {
+    if (sizeOption->count() > 0 && folder->empty()) {
+      throw CommandError{kUsage, "--size: an empty path"};
+    }
     std::string path = folder->empty() ? "" : resolveFolderArgument(*folder);
     auto info = monitor::DiskInfoReader::shared().readInfo();
     if (!info) throw CommandError{kFailure, "cannot read the start-up disk"};
     bool ssd = monitor::DiskInfoReader::shared().isSSD();
 
     std::optional<std::int64_t> size;
-    int error = 0;
+    std::vector<platform::WalkError> walkErrors;
     if (!path.empty()) {
       InterruptGuard interrupt;
       std::atomic<bool> stop{false};
-      std::atomic<bool> done{false};
-      // The walk reads the stop flag between entries; Ctrl-C sets it.
-      std::thread watcher([&] {
-        while (!done.load()) {
+      // The walk reads the stop flag between entries; Ctrl-C sets it. The watcher is joined on
+      // every way out.
+      std::jthread watcher([&](std::stop_token token) {
+        while (!token.stop_requested()) {
           if (interrupt.interrupted()) stop.store(true);
           std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
       });
       StatusLine status;
       status.show("Measuring " + path);
-      size = monitor::GetDirectorySize(path.c_str(), &stop, &error);
-      done.store(true);
-      watcher.join();
+      int error = 0;
+      size = monitor::GetDirectorySize(path.c_str(), &stop, &error, &walkErrors);
+      watcher.request_stop();
       status.clear();
-      if (stop.load()) throw CommandError{kFailure, "interrupted"};
+      if (stop.load()) throw CommandError{kFailure, "stopped"};
     }
+    std::vector<ReadError> errors;
+    for (const auto& e : walkErrors) errors.push_back({e.path, e.code});
 
     if (*json) {
       nlohmann::json out{{"total", (*info)->totalSize}, {"free", (*info)->freeSize}, {"ssd", ssd}};
-      if (size) out["size"] = *size;
+      if (size) {
+        out["size"] = *size;
+        out["complete"] = errors.empty();
+        out["errors"] = errorsJson(errors);
+      }
       std::puts(out.dump().c_str());
     } else {
       std::printf("Start-up disk  %s total, %s free, %s\n",
@@ -61,12 +73,8 @@ void addDiskCommand(CLI::App& app) {
                     platform::formatByteCount(*size).c_str(), static_cast<long long>(*size));
       }
     }
-    if (error != 0) {
-      // Like du: the sum of what could be read is printed, and the exit status says it isn't all.
-      throw CommandError{
-          kFailure, fmt::format("some entries could not be read ({}); the size leaves them out",
-                                std::strerror(error))};
-    }
+    // Like du: the sum of what could be read is printed, and the exit status says it isn't all.
+    if (!errors.empty()) failIncomplete(errors);
   });
 }
 

@@ -1,10 +1,15 @@
+#include <dirent.h>
 #include <fmt/format.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <filesystem>
 
 #include "cli/Commands.h"
+#include "cli/Deletion.h"
 #include "cli/Host.h"
 #include "dff/CoreDuplicateFileFinder.h"
+#include "dff/DuplicateGroups.h"
 #include "platform/ByteCountFormatter.h"
 #include "platform/Dispatch.h"
 #include "platform/Locations.h"
@@ -38,52 +43,71 @@ class DupesReport final : public Core::DuplicateFileFinderDelegate {
   bool finished = false;
 };
 
-const Core::File& fileOf(const Core::Duplicate& member) {
-  if (auto* photo = std::get_if<Core::Photo>(&member)) return photo->file;
-  return std::get<Core::File>(member);
+const char* kindName(Core::MemberKind kind) {
+  switch (kind) {
+    case Core::MemberKind::folder:
+      return "folder";
+    case Core::MemberKind::package:
+      return "package";
+    case Core::MemberKind::photo:
+      return "photo";
+    case Core::MemberKind::file:
+      break;
+  }
+  return "file";
 }
 
-void printReport(const std::vector<std::vector<Core::Duplicate>>& groups, bool stopped) {
-  std::size_t files = 0;
-  std::int64_t reclaimable = 0;
+void printReport(const std::vector<Core::DuplicateGroup>& groups, const Core::KeepOnePlan& plan,
+                 bool stopped) {
+  std::size_t items = 0;
   for (const auto& group : groups) {
-    const Core::File& first = fileOf(group.front());
-    std::printf("%zu × %s\n", group.size(), platform::formatByteCount(first.size).c_str());
+    std::printf("%zu × %s\n", group.size(),
+                platform::formatByteCount(group.front().file().size).c_str());
     for (const auto& member : group) {
-      if (auto* photo = std::get_if<Core::Photo>(&member)) {
-        std::printf("  %s  [photo %s]\n", displayText(photo->file.url).c_str(),
-                    displayText(photo->id).c_str());
-      } else {
-        std::printf("  %s\n", displayText(fileOf(member).url).c_str());
+      std::string line = "  " + displayText(member.file().url);
+      if (auto* photo = std::get_if<Core::Photo>(&member.item)) {
+        line += "  [photo " + displayText(photo->id) + "]";
+      } else if (member.kind != Core::MemberKind::file) {
+        line += std::string("  [") + kindName(member.kind) + "]";
+      }
+      std::printf("%s\n", line.c_str());
+      for (const auto& name : member.otherNames) {
+        std::printf("    = %s\n", displayText(name).c_str());
       }
     }
     std::printf("\n");
-    files += group.size();
-    // Keeping one of each frees the rest.
-    for (std::size_t i = 1; i < group.size(); ++i) reclaimable += fileOf(group[i]).size;
+    items += group.size();
   }
   std::printf("%zu groups, %zu items, %s could be freed by keeping one of each%s\n", groups.size(),
-              files, platform::formatByteCount(reclaimable).c_str(),
+              items, platform::formatByteCount(plan.bytesFreed).c_str(),
               stopped ? " (search stopped: only what was settled before the stop)" : "");
 }
 
 // Streams the groups as one JSON document; a document object of a million members would cost
 // more memory than the search itself.
-void printJson(const std::vector<std::vector<Core::Duplicate>>& groups) {
+void printJson(const std::vector<Core::DuplicateGroup>& groups, const Core::KeepOnePlan& plan,
+               bool stopped, const std::vector<ReadError>& errors) {
   std::string out = "{\"groups\":[";
   for (std::size_t g = 0; g < groups.size(); ++g) {
     out += g == 0 ? "[" : ",[";
     for (std::size_t m = 0; m < groups[g].size(); ++m) {
       const auto& member = groups[g][m];
-      const Core::File& file = fileOf(member);
       out += m == 0 ? "{\"path\":" : ",{\"path\":";
-      out += jsonText(file.url).dump();
-      out += ",\"size\":" + std::to_string(file.size);
-      if (auto* photo = std::get_if<Core::Photo>(&member)) {
-        out += ",\"kind\":\"photo\",\"id\":" + jsonText(photo->id).dump() + "}";
-      } else {
-        out += ",\"kind\":\"file\"}";
+      out += jsonText(member.file().url).dump();
+      out += ",\"size\":" + std::to_string(member.file().size);
+      out += std::string(",\"kind\":\"") + kindName(member.kind) + "\"";
+      if (auto* photo = std::get_if<Core::Photo>(&member.item)) {
+        out += ",\"id\":" + jsonText(photo->id).dump();
       }
+      if (!member.otherNames.empty()) {
+        out += ",\"also\":[";
+        for (std::size_t n = 0; n < member.otherNames.size(); ++n) {
+          if (n > 0) out += ",";
+          out += jsonText(member.otherNames[n]).dump();
+        }
+        out += "]";
+      }
+      out += "}";
       if (out.size() > (1 << 16)) {
         std::fwrite(out.data(), 1, out.size(), stdout);
         out.clear();
@@ -91,8 +115,48 @@ void printJson(const std::vector<std::vector<Core::Duplicate>>& groups) {
     }
     out += "]";
   }
-  out += "]}\n";
+  out += "],\"reclaimable\":" + std::to_string(plan.bytesFreed);
+  out += std::string(",\"stopped\":") + (stopped ? "true" : "false");
+  out += std::string(",\"complete\":") + (stopped || !errors.empty() ? "false" : "true");
+  out += ",\"errors\":" + errorsJson(errors).dump() + "}\n";
   std::fwrite(out.data(), 1, out.size(), stdout);
+}
+
+// Keeps one member of each group by `rule` and deletes the others, each only once it has been
+// found byte for byte the same as the member kept: the digests decide what is shown, only bytes
+// decide what is deleted.
+void deleteDuplicates(const std::vector<Core::DuplicateGroup>& groups, const Core::KeepRule& rule,
+                      bool yes, bool dryRun, bool json) {
+  Core::KeepOnePlan plan = Core::planKeepingOne(groups, rule);
+  DeletionRequest request;
+  request.kept = plan.kept;
+  for (const auto& target : plan.deletions) {
+    if (auto refused = hostRefusal(target.path)) {
+      request.leftAlone.emplace_back(target.path, "refused: " + *refused);
+    } else if (!Core::sameContents(target.path, target.keptPath)) {
+      request.leftAlone.emplace_back(
+          target.path, "changed since the search, or not the same bytes as the kept " +
+                           displayText(target.keptPath));
+    } else if (target.photoID) {
+      request.photos.push_back(
+          Core::Photo{*target.photoID, Core::File{target.path, bytesAt(target.path)}});
+    } else {
+      request.paths.push_back(target.path);
+    }
+  }
+  confirmAndDelete(request, yes, dryRun, json);
+}
+
+// An excluded folder as the search will meet it: absolute, links resolved, no "." or "..", no
+// trailing slash; the engine compares whole paths.
+std::string normalizeExclude(const std::string& path) {
+  std::error_code error;
+  auto absolute = std::filesystem::absolute(path, error);
+  if (error) return path;
+  auto canonical = std::filesystem::weakly_canonical(absolute, error);
+  std::string text = (error ? absolute.lexically_normal() : canonical).string();
+  while (text.size() > 1 && text.back() == '/') text.pop_back();
+  return text;
 }
 
 }  // namespace
@@ -106,6 +170,13 @@ void addDupesCommand(CLI::App& app) {
   auto excludes = std::make_shared<std::vector<std::string>>();
   auto excludeExtensions = std::make_shared<std::vector<std::string>>();
   auto roots = std::make_shared<std::vector<std::string>>();
+  auto hardLinks = std::make_shared<bool>(false);
+  auto jobs = std::make_shared<unsigned>(0);
+  auto remove = std::make_shared<bool>(false);
+  auto keep = std::make_shared<std::string>("first");
+  auto keepUnder = std::make_shared<std::string>();
+  auto yes = std::make_shared<bool>(false);
+  auto dryRun = std::make_shared<bool>(false);
   command->add_option("--min-size", *minSize, "Leave out files smaller than SIZE (default 0)");
   command->add_flag("--hidden", *hidden, "Enter folders whose name starts with a dot");
   command->add_option("--exclude", *excludes, "Leave out this folder (repeatable)")
@@ -114,22 +185,72 @@ void addDupesCommand(CLI::App& app) {
       ->add_option("--exclude-ext", *excludeExtensions,
                    "Leave out names ending in SUFFIX, e.g. .tmp (repeatable)")
       ->allow_extra_args(false);
+  command->add_flag("--delete", *remove,
+                    "Delete all but one member of each group (asks first, or needs --yes)");
+  command
+      ->add_option("--keep", *keep,
+                   "With --delete: the member kept: first, newest, oldest or shortest-path")
+      ->check(CLI::IsMember({"first", "newest", "oldest", "shortest-path"}));
+  command->add_option("--keep-under", *keepUnder,
+                      "With --delete: keep the member below DIR when a group has one");
+  command->add_flag("--yes,-y", *yes, "With --delete: delete without asking");
+  command->add_flag("--dry-run,-n", *dryRun, "With --delete: show the plan, delete nothing");
+  command
+      ->add_option("--jobs,-j", *jobs,
+                   "Read and digest files on N threads (default: one per processor); the "
+                   "result is the same for any N")
+      ->check(CLI::Range(1u, 1024u));
+  command->add_flag("--hard-links", *hardLinks,
+                    "List each name of a hard-linked file as a member of its own");
   command->add_flag("--json", *json,
-                    "Print {\"groups\": [[{\"path\", \"size\", \"kind\", \"id\"}, ...], ...]}");
+                    "Print {\"groups\": [[{\"path\", \"size\", \"kind\", \"id\", \"also\"}, "
+                    "...], ...], \"reclaimable\": N, \"stopped\": BOOL, \"complete\": BOOL, "
+                    "\"errors\": [{\"path\", \"error\"}, ...]}");
+  command->footer(
+      "Exit status 1 when Ctrl-C stopped the search or a root could not be read; what was\n"
+      "settled is printed all the same.");
   command->add_option("ROOT", *roots, "Folders or photo libraries to search (default: home)");
   command->callback([=] {
     auto bytes = parseSize(*minSize);
     if (!bytes) throw CommandError{kUsage, fmt::format("--min-size: not a size: {}", *minSize)};
-    std::vector<std::string> folders;
-    for (const auto& root : *roots) folders.push_back(resolveFolderArgument(root));
-    if (folders.empty()) folders.push_back(platform::currentLocations().home);
+    for (const auto& suffix : *excludeExtensions) {
+      if (suffix.empty())
+        throw CommandError{kUsage, "--exclude-ext: an empty suffix matches every name"};
+    }
+    // Each root must be a folder; the roots are then resolved together, as the user gave them.
+    for (const auto& root : *roots) resolveFolderArgument(root);
+    std::vector<std::string> given = *roots;
+    if (given.empty()) given.push_back(platform::currentLocations().home);
+    // A folder given twice, or inside another root, is searched once: otherwise every file in it
+    // would be its own duplicate.
+    Core::ResolvedRoots resolved = Core::resolveRoots(given);
+    for (const auto& dropped : resolved.dropped) {
+      std::fprintf(stderr, "ravelin dupes: %s is searched once: %s\n",
+                   displayText(dropped.root).c_str(), displayText(dropped.reason).c_str());
+    }
+    // A root that can't be listed would give an empty, and so wrong, answer: it is an error.
+    std::vector<ReadError> errors;
+    for (const auto& root : resolved.roots) {
+      if (Core::isPhotoLibraryPath(root)) continue;
+      if (DIR* dir = ::opendir(root.c_str())) {
+        ::closedir(dir);
+      } else {
+        errors.push_back({root, errno});
+      }
+    }
+    std::vector<std::string> excluded;
+    for (const auto& path : *excludes) {
+      if (path.empty()) throw CommandError{kUsage, "--exclude: an empty path"};
+      excluded.push_back(normalizeExclude(path));
+    }
 
     auto& finder = Core::DuplicateFileFinder::shared();
-    finder.setRootFolderURLs(folders);
-    finder.setExcludePaths(*excludes);
+    finder.setRootFolderURLs(resolved.roots);
+    finder.setExcludePaths(excluded);
     finder.setExcludeExtensions(*excludeExtensions);
     finder.setIncludeHiddenFolders(*hidden);
     finder.setMinFileSize(*bytes);
+    finder.setJobs(*jobs);
     auto report = std::make_shared<DupesReport>();
     finder.setDelegate(report);
 
@@ -147,11 +268,29 @@ void addDupesCommand(CLI::App& app) {
         },
         std::chrono::hours(24 * 365));
     report->status.clear();
-    if (*json) {
-      printJson(report->groups);
-    } else {
-      printReport(report->groups, stopped);
+    Core::RefineOptions options;
+    options.keepHardLinks = *hardLinks;
+    auto groups = Core::refineGroups(report->groups, options);
+    if (*remove) {
+      if (stopped) throw CommandError{kFailure, "stopped: nothing deleted"};
+      Core::KeepRule rule;
+      rule.choice = *keep == "newest"          ? Core::KeepRule::Choice::newest
+                    : *keep == "oldest"        ? Core::KeepRule::Choice::oldest
+                    : *keep == "shortest-path" ? Core::KeepRule::Choice::shortestPath
+                                               : Core::KeepRule::Choice::first;
+      if (!keepUnder->empty()) rule.keepUnder = absolutePath(*keepUnder);
+      deleteDuplicates(groups, rule, *yes, *dryRun, *json);
+      if (!errors.empty()) failIncomplete(errors);
+      return;
     }
+    auto plan = Core::planKeepingOne(groups);
+    if (*json) {
+      printJson(groups, plan, stopped, errors);
+    } else {
+      printReport(groups, plan, stopped);
+    }
+    if (stopped) throw CommandError{kFailure, "stopped"};
+    if (!errors.empty()) failIncomplete(errors);
   });
 }
 

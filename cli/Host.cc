@@ -4,7 +4,6 @@
 #include <fmt/format.h>
 #include <signal.h>
 #include <sys/ioctl.h>
-#include <unicode/utf8.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +11,10 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+
+#include "platform/Dispatch.h"
+#include "platform/Text.h"
 
 namespace cli {
 
@@ -53,26 +56,7 @@ std::optional<std::int64_t> parseSize(std::string_view text) {
   return static_cast<std::int64_t>(std::llround(value));
 }
 
-std::string utf8Safe(std::string_view bytes) {
-  std::string out;
-  out.reserve(bytes.size());
-  const auto* data = reinterpret_cast<const uint8_t*>(bytes.data());
-  const int32_t size = static_cast<int32_t>(bytes.size());
-  int32_t i = 0;
-  while (i < size) {
-    int32_t start = i;
-    UChar32 c;
-    U8_NEXT(data, i, size, c);
-    if (c < 0) {
-      out += fmt::format("\\x{:02X}", data[start]);
-      i = start + 1;
-    } else {
-      out.append(
-          bytes.substr(static_cast<std::size_t>(start), static_cast<std::size_t>(i - start)));
-    }
-  }
-  return out;
-}
+std::string utf8Safe(std::string_view bytes) { return platform::escapedText(bytes); }
 
 std::string displayText(std::string_view bytes) {
   std::string safe = utf8Safe(bytes);
@@ -93,22 +77,66 @@ std::string displayText(std::string_view bytes) {
   return out;
 }
 
+std::optional<std::string> unescapeText(std::string_view text) {
+  return platform::unescapedText(text);
+}
+
+bool runMainUntilDoneOrInterrupted(const std::function<bool()>& done,
+                                   const InterruptGuard& interrupt) {
+  while (!done() && !interrupt.interrupted()) {
+    platform::runMainUntil([&] { return done() || interrupt.interrupted(); },
+                           std::chrono::milliseconds(50));
+  }
+  // A Ctrl-C that came while the work was ending still counts: the user asked to stop, and the
+  // answer must not depend on which of the two the main thread noticed first.
+  return !interrupt.interrupted();
+}
+
+nlohmann::json errorsJson(const std::vector<ReadError>& errors) {
+  nlohmann::json out = nlohmann::json::array();
+  for (const auto& e : errors) {
+    out.push_back({{"path", jsonText(e.path)}, {"error", std::strerror(e.code)}});
+  }
+  return out;
+}
+
+void failIncomplete(const std::vector<ReadError>& errors) {
+  std::string message = fmt::format("incomplete: {} {} could not be read", errors.size(),
+                                    errors.size() == 1 ? "path" : "paths");
+  for (std::size_t i = 0; i < errors.size() && i < 3; ++i) {
+    message += fmt::format("{} {} ({})", i == 0 ? ":" : ",", displayText(errors[i].path),
+                           std::strerror(errors[i].code));
+  }
+  if (errors.size() > 3) message += ", ...";
+  throw CommandError{kFailure, message};
+}
+
 StatusLine::StatusLine() : enabled_(::isatty(STDERR_FILENO) == 1) {}
 
 StatusLine::~StatusLine() { clear(); }
 
+std::string StatusLine::fitted(std::string_view text, std::size_t width) {
+  if (width == 0) width = 80;
+  if (width < 2) return "";
+  const std::size_t room = width - 1;
+  std::string line = displayText(text);
+  // Columns are counted as characters: a display text is printable UTF-8.
+  std::vector<std::size_t> starts;
+  for (std::size_t i = 0; i < line.size(); ++i) {
+    if ((static_cast<unsigned char>(line[i]) & 0xC0) != 0x80) starts.push_back(i);
+  }
+  if (starts.size() <= room) return line;
+  // Keep the end of a long path, which says most.
+  if (room <= 3) return line.substr(starts[starts.size() - room]);
+  return "..." + line.substr(starts[starts.size() - (room - 3)]);
+}
+
 void StatusLine::show(std::string_view text) {
   if (!enabled_) return;
   struct winsize size {};
-  std::size_t width = 80;
-  if (::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) width = size.ws_col;
-  std::string line = displayText(text);
-  if (line.size() > width - 1) {
-    // Keep the end of a long path, which says most; cut at a character boundary.
-    std::size_t cut = line.size() - (width - 4);
-    while (cut < line.size() && (static_cast<unsigned char>(line[cut]) & 0xC0) == 0x80) ++cut;
-    line = "..." + line.substr(cut);
-  }
+  std::size_t width = 0;
+  if (::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0) width = size.ws_col;
+  std::string line = fitted(text, width);
   std::fprintf(stderr, "\r\033[K%s", line.c_str());
   std::fflush(stderr);
   shown_ = true;

@@ -46,5 +46,39 @@ TEST(DisplayTextTest, ControlCharactersCantBreakALine) {
   EXPECT_EQ(displayText("caf\xC3\xA9"), "caf\xC3\xA9");
 }
 
+// Paths printed by one command are read back by another: every byte value, and names that
+// spell an escape themselves, must come back as they were and never collide.
+TEST(EscapedTextTest, EveryByteRoundTripsAndLiteralEscapesStayApart) {
+  for (int byte = 0; byte < 256; ++byte) {
+    std::string name = std::string("a") + static_cast<char>(byte) + "b";
+    ASSERT_EQ(unescapeText(utf8Safe(name)), name) << byte;
+    ASSERT_EQ(unescapeText(displayText(name)), name) << byte;
+  }
+  for (const std::string name : {"a\\xFF", "b\\n", "\\", "c\\\\xFF", "caf\xC3\xA9\xC3"}) {
+    EXPECT_EQ(unescapeText(utf8Safe(name)), name);
+    EXPECT_EQ(unescapeText(displayText(name)), name);
+  }
+  EXPECT_NE(utf8Safe("a\\xFF"), utf8Safe("a\xFF"));
+  EXPECT_NE(displayText("b\\n"), displayText("b\n"));
+  for (const char* bad : {"\\", "\\q", "\\x4", "\\xZZ", "\\xff"}) {
+    EXPECT_FALSE(unescapeText(bad)) << bad;
+  }
+}
+
+// A status line is drawn on terminals of any width, never wider than the terminal.
+TEST(StatusLineTest, FitsAnyWidth) {
+  const std::string path = "/home/user/a/rather/long/path/to/some/file/caf\xC3\xA9.txt";
+  for (std::size_t width = 1; width < 100; ++width) {
+    std::string line = StatusLine::fitted(path, width);
+    std::size_t characters = 0;
+    for (char c : line) characters += (static_cast<unsigned char>(c) & 0xC0) != 0x80;
+    EXPECT_LE(characters, width - 1) << width;
+  }
+  EXPECT_EQ(StatusLine::fitted(path, 1), "");
+  EXPECT_EQ(StatusLine::fitted("short", 0), "short");  // unknown width
+  EXPECT_EQ(StatusLine::fitted(path, 12), "...caf\xC3\xA9.txt");
+  EXPECT_EQ(StatusLine::fitted(path, 3), "xt");
+}
+
 }  // namespace
 }  // namespace cli

@@ -1,5 +1,6 @@
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstdio>
 
 #include "Core/LargeFileFinder.h"
@@ -50,43 +51,70 @@ void addLargeCommand(CLI::App& app) {
   auto minSize = std::make_shared<std::string>("100M");
   auto folder = std::make_shared<std::string>();
   command->add_option("--min-size", *minSize, "Smallest size to list (default 100M)");
-  command->add_flag("--json", *json, "Print {\"files\": [{\"path\": ..., \"size\": N}, ...]}");
-  command->add_option("FOLDER", *folder, "Folder to search (default: the home folder)");
+  command->add_flag("--json", *json,
+                    "Print {\"files\": [{\"path\": ..., \"size\": N}, ...], \"complete\": BOOL, "
+                    "\"stopped\": BOOL, \"errors\": [{\"path\", \"error\"}, ...]}");
+  auto* folderOption =
+      command->add_option("FOLDER", *folder, "Folder to search (default: the home folder)");
+  command->footer(
+      "Exit status 1 when Ctrl-C stopped the search or some folders could not be read; what was\n"
+      "found is printed all the same.");
   command->callback([=] {
     auto bytes = parseSize(*minSize);
     if (!bytes) throw CommandError{kUsage, fmt::format("--min-size: not a size: {}", *minSize)};
+    if (folderOption->count() > 0 && folder->empty()) {
+      throw CommandError{kUsage, "FOLDER: an empty path"};
+    }
     std::string scope =
         folder->empty() ? platform::currentLocations().home : checkedFolder(*folder);
 
     auto report = std::make_shared<LargeFilesReport>();
-    Core::LargeFileFinder finder;
+    auto query = platform::makeMetadataQuery();
+    platform::MetadataQuery* index = query.get();  // owned by the finder, which outlives its use
+    Core::LargeFileFinder finder(std::move(query));
     finder.delegate = report;
     finder.searchScopes = {scope};
     InterruptGuard interrupt;
     finder.start(*bytes);
-    platform::runMainUntil([&] { return report->finished || interrupt.interrupted(); },
-                           std::chrono::hours(24 * 365));
+    bool stopped = !runMainUntilDoneOrInterrupted([&] { return report->finished; }, interrupt);
     report->status.clear();
-    if (!report->finished) {
+    if (stopped) {
+      // What the index had gathered before the stop, largest first.
       finder.stop();
-      throw CommandError{kFailure, "interrupted"};
+      report->files.clear();
+      for (const auto& item : index->results()) {
+        if (item.path && item.size) report->files.push_back(Core::File{*item.path, *item.size});
+      }
+      std::stable_sort(report->files.begin(), report->files.end(),
+                       [](const auto& a, const auto& b) { return a.size > b.size; });
     }
+    std::vector<ReadError> errors;
+    for (const auto& e : index->errors()) errors.push_back({e.path, e.code});
 
     if (*json) {
-      nlohmann::json files = nlohmann::json::array();
-      for (const auto& f : report->files)
-        files.push_back({{"path", jsonText(f.url)}, {"size", f.size}});
-      std::puts(nlohmann::json{{"files", files}}.dump().c_str());
-      return;
+      std::string out = "{\"files\":[";
+      for (std::size_t i = 0; i < report->files.size(); ++i) {
+        const auto& f = report->files[i];
+        out += (i == 0 ? "{\"path\":" : ",{\"path\":") + jsonText(f.url).dump() +
+               ",\"size\":" + std::to_string(f.size) + "}";
+      }
+      out += "],\"complete\":" + std::string(stopped || !errors.empty() ? "false" : "true");
+      out += ",\"stopped\":" + std::string(stopped ? "true" : "false");
+      out += ",\"errors\":" + errorsJson(errors).dump() + "}\n";
+      std::fputs(out.c_str(), stdout);
+    } else {
+      std::int64_t total = 0;
+      for (const auto& f : report->files) {
+        std::printf("%10s  %s\n", f.sizeString().c_str(), displayText(f.url).c_str());
+        total += f.size;
+      }
+      std::printf("%zu files of at least %s, %s in all%s\n", report->files.size(),
+                  platform::formatByteCount(*bytes).c_str(),
+                  platform::formatByteCount(total).c_str(),
+                  stopped ? " (search stopped: only what was found before the stop)" : "");
     }
-    std::int64_t total = 0;
-    for (const auto& f : report->files) {
-      std::printf("%10s  %s\n", f.sizeString().c_str(), displayText(f.url).c_str());
-      total += f.size;
-    }
-    std::printf("%zu files of at least %s, %s in all\n", report->files.size(),
-                platform::formatByteCount(*bytes).c_str(),
-                platform::formatByteCount(total).c_str());
+    if (stopped) throw CommandError{kFailure, "stopped"};
+    if (!errors.empty()) failIncomplete(errors);
   });
 }
 

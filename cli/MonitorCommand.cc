@@ -1,8 +1,11 @@
 #include <fmt/format.h>
 
+#include <cctype>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
+#include <optional>
 #include <thread>
 
 #include "cli/Commands.h"
@@ -170,21 +173,46 @@ void freeMemory(bool json) {
 
 }  // namespace
 
+// A finite number of seconds written in decimal ("2", "0.5"); nothing for anything else, "nan"
+// and "inf" included.
+static std::optional<double> parseSeconds(const std::string& text) {
+  if (text.empty() || text.size() > 32) return std::nullopt;
+  for (char c : text) {
+    if (!std::isdigit(static_cast<unsigned char>(c)) && c != '.') return std::nullopt;
+  }
+  char* end = nullptr;
+  double value = std::strtod(text.c_str(), &end);
+  if (end != text.c_str() + text.size() || !std::isfinite(value)) return std::nullopt;
+  return value;
+}
+
 void addMonitorCommand(CLI::App& app) {
   auto* command = app.add_subcommand(
       "monitor", "How the machine is doing: processors, memory, network, disk, temperature, fans");
   auto json = std::make_shared<bool>(false);
+  auto watchText = std::make_shared<std::string>();
   auto watch = std::make_shared<double>(0);
   auto count = std::make_shared<int>(0);
   auto freeUp = std::make_shared<bool>(false);
   command->add_flag("--json", *json, "Print one JSON object per snapshot");
-  command->add_option("--watch", *watch, "Refresh every SECONDS, with usage and rates")
-      ->check(CLI::Range(0.05, 86400.0).description("SECONDS from 0.05 to 86400"));
-  command->add_option("--count", *count, "With --watch: stop after N refreshes")
+  auto* watchOption = command->add_option(
+      "--watch", *watchText, "Refresh every SECONDS (0.1 to 86400), with usage and rates");
+  command->add_option("--count", *count, "With --watch: show N snapshots in all, then stop")
       ->check(CLI::Range(1, 1000000000));
   command->add_flag("--free-memory", *freeUp,
                     "Make the system reclaim memory and report free memory before and after");
   command->callback([=] {
+    if (watchOption->count() > 0) {
+      auto seconds = parseSeconds(*watchText);
+      if (!seconds) {
+        throw CommandError{
+            kUsage, fmt::format("--watch: not a number of seconds: {}", displayText(*watchText))};
+      }
+      if (*seconds < 0.1 || *seconds > 86400) {
+        throw CommandError{kUsage, "--watch: SECONDS must be from 0.1 to 86400"};
+      }
+      *watch = *seconds;
+    }
     if (*freeUp) {
       if (*watch > 0) throw CommandError{kUsage, "--free-memory can't be combined with --watch"};
       freeMemory(*json);
@@ -205,7 +233,8 @@ void addMonitorCommand(CLI::App& app) {
     InterruptGuard interrupt;
     bool clearScreen = !*json && ::isatty(STDOUT_FILENO);
     auto period = std::chrono::duration<double>(*watch);
-    for (int shown = 0; *count == 0 || shown < *count; ++shown) {
+    // The first snapshot is already shown; --count counts it too.
+    for (int shown = 1; *count == 0 || shown < *count; ++shown) {
       auto wake = std::chrono::steady_clock::now() + period;
       while (std::chrono::steady_clock::now() < wake) {
         if (interrupt.interrupted()) return;

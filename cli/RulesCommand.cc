@@ -1,6 +1,8 @@
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -88,7 +90,14 @@ void addRulesCommand(CLI::App& app) {
     std::string source = "rule.yaml";
     if (!file->empty()) {
       std::ifstream input(*file, std::ios::binary);
-      if (!input) throw CommandError{kUsage, fmt::format("{}: can't be read", *file)};
+      std::error_code code;
+      if (std::filesystem::is_directory(*file, code)) {
+        throw CommandError{kUsage,
+                           fmt::format("{}: is a folder, not a rule document", displayText(*file))};
+      }
+      if (!input) {
+        throw CommandError{kUsage, fmt::format("{}: can't be read", displayText(*file))};
+      }
       std::ostringstream content;
       content << input.rdbuf();
       document = content.str();
@@ -96,15 +105,30 @@ void addRulesCommand(CLI::App& app) {
     }
     std::string error;
     auto manager = Core::RuleManager::load(document, platform::currentLocations(), &error);
-    if (!manager) throw CommandError{kFailure, fmt::format("{}: {}", source, error)};
+    if (!manager) {
+      throw CommandError{kFailure, fmt::format("{}: {}", displayText(source), displayText(error))};
+    }
+    // The uninstaller's forest holds all three sections; the junk scan's only caches and logs,
+    // so a cache folder inside a support folder that the first claims whole stands only there.
     Core::AppFileRule forest(true, *manager);
+    Core::AppFileRule junkForest(false, *manager);
 
     std::map<std::string, int> kinds;
     for (const auto& [id, rule] : manager->rules) ++kinds[kindOf(id)];
-    std::vector<Served> served;
+    std::vector<Served> served, junk;
     if (!forID->empty()) {
       auto ids = forest.matcherIDs(*forID);
       for (const auto& [root, list] : forest.rules) collectServed(list, root, ids, served);
+      auto junkIds = junkForest.matcherIDs(*forID);
+      for (const auto& [root, list] : junkForest.rules) collectServed(list, root, junkIds, junk);
+    }
+    // What either compile shuts out, once.
+    std::vector<Core::AppFileRule::ShadowedPath> shadowed = forest.shadowed;
+    for (const auto& lost : junkForest.shadowed) {
+      bool known = std::any_of(shadowed.begin(), shadowed.end(), [&](const auto& s) {
+        return s.key == lost.key && s.path == lost.path;
+      });
+      if (!known) shadowed.push_back(lost);
     }
 
     if (*json) {
@@ -113,31 +137,52 @@ void addRulesCommand(CLI::App& app) {
       for (const auto& [root, count] : forest.nodeCounts()) roots[utf8Safe(root)] = count;
       out["nodes"] = roots;
       if (!forID->empty()) {
-        nlohmann::json nodes = nlohmann::json::array();
-        for (const auto& s : served) {
-          nodes.push_back({{"node", s.id},
-                           {"path", jsonText(s.path)},
-                           {"priority", s.priority},
-                           {"kind", s.kind}});
-        }
-        out["for"] = {{"id", *forID}, {"nodes", nodes}};
+        auto nodesOf = [](const std::vector<Served>& list) {
+          nlohmann::json nodes = nlohmann::json::array();
+          for (const auto& s : list) {
+            nodes.push_back({{"node", s.id},
+                             {"path", jsonText(s.path)},
+                             {"priority", s.priority},
+                             {"kind", s.kind}});
+          }
+          return nodes;
+        };
+        out["for"] = {
+            {"id", jsonText(*forID)}, {"nodes", nodesOf(served)}, {"junk", nodesOf(junk)}};
       }
+      nlohmann::json lost = nlohmann::json::array();
+      for (const auto& path : shadowed) {
+        lost.push_back({{"key", jsonText(path.key)}, {"path", jsonText(path.path)}});
+      }
+      out["shadowed"] = lost;
       std::puts(out.dump().c_str());
       return;
     }
-    std::printf("%s: %zu rules", source.c_str(), manager->rules.size());
+    std::printf("%s: %zu rules", displayText(source).c_str(), manager->rules.size());
     for (const auto& [kind, count] : kinds) std::printf(", %d %s", count, kind.c_str());
     std::printf("\n");
     for (const auto& [root, count] : forest.nodeCounts()) {
       std::printf("  %6zu nodes under %s\n", count, displayText(root).c_str());
     }
-    if (!forID->empty()) {
-      std::printf("%s is served by %zu paths:\n", forID->c_str(), served.size());
-      for (const auto& s : served) {
-        std::printf("  node %-6lld %-10s priority %-3lld %s\n", static_cast<long long>(s.id),
-                    s.kind.c_str(), static_cast<long long>(s.priority),
-                    displayText(s.path).c_str());
+    if (!shadowed.empty()) {
+      std::printf("%zu path strings are shut out by paths compiled before them:\n",
+                  shadowed.size());
+      for (const auto& lost : shadowed) {
+        std::printf("  %-40s %s\n", displayText(lost.key).c_str(), displayText(lost.path).c_str());
       }
+    }
+    if (!forID->empty()) {
+      auto list = [](const char* title, const std::vector<Served>& paths) {
+        std::printf("%s (%zu paths):\n", title, paths.size());
+        for (const auto& s : paths) {
+          std::printf("  node %-6lld %-10s priority %-3lld %s\n", static_cast<long long>(s.id),
+                      s.kind.c_str(), static_cast<long long>(s.priority),
+                      displayText(s.path).c_str());
+        }
+      };
+      std::printf("%s\n", displayText(*forID).c_str());
+      list("application files, as the uninstaller scans them", served);
+      list("junk, as the clean-up scans it (caches and logs)", junk);
     }
   });
 }

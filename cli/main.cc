@@ -1,9 +1,13 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
+#include <string>
 
 #include "cli/Commands.h"
 #include "cli/Host.h"
+#include "helper/HelperConnection.h"
+#include "platform/Locations.h"
 #include "ravelin/Version.h"
 
 namespace {
@@ -23,14 +27,45 @@ int main(int argc, char** argv) {
   app.footer(kConventions);
   app.set_version_flag("--version", std::string("ravelin ") + ravelin::kVersion);
   app.require_subcommand(1, 1);
-  app.fallthrough(false);
+  // Global options may stand before or after the subcommand.
+  app.fallthrough(true);
+  app.add_option_function<std::string>(
+         "--helper-socket",
+         [](const std::string& path) {
+           if (path.empty()) throw CLI::ValidationError("--helper-socket", "an empty path");
+           helper::setHelperSocket(path);
+         },
+         "The privileged helper's socket (a helper the caller started itself; nothing is "
+         "installed)")
+      ->trigger_on_parse();
+
+  app.add_option_function<std::string>(
+         "--root",
+         [](const std::string& root) {
+           if (root.empty()) throw CLI::ValidationError("--root", "an empty path");
+           std::error_code error;
+           auto resolved = std::filesystem::canonical(root, error);
+           if (error || !std::filesystem::is_directory(resolved, error)) {
+             throw CLI::ValidationError("--root", cli::displayText(root) + ": not a folder");
+           }
+           platform::setCurrentLocations(platform::Locations::fromEnvironment(resolved.string()));
+         },
+         "Take every location (home, XDG folders, /var/cache, /var/log, applications, flatpak "
+         "and snap folders) below DIR: a mounted disk, a container image, a test fixture")
+      ->type_name("DIR")
+      ->trigger_on_parse();
 
   cli::addAppsCommand(app);
+  cli::addDeleteCommand(app);
   cli::addDiskCommand(app);
   cli::addDupesCommand(app);
+  cli::addHelperCommand(app);
+  cli::addJunkCommand(app);
   cli::addLargeCommand(app);
+  cli::addLeftoversCommand(app);
   cli::addMonitorCommand(app);
   cli::addRulesCommand(app);
+  cli::addStartupCommand(app);
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
@@ -40,6 +75,18 @@ int main(int argc, char** argv) {
   } catch (const CLI::CallForVersion& e) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
+    // An option before any subcommand that no one knows is reported as such, not as a missing
+    // subcommand.
+    for (int i = 1; i < argc && dynamic_cast<const CLI::ValidationError*>(&e) == nullptr; ++i) {
+      std::string argument = argv[i];
+      auto named = app.get_subcommands([&](CLI::App* sub) { return sub->get_name() == argument; });
+      if (!named.empty()) break;
+      if (argument.size() > 1 && argument[0] == '-') {
+        std::fprintf(stderr, "ravelin: unknown option: %s\n", cli::displayText(argument).c_str());
+        std::fprintf(stderr, "Run 'ravelin --help' for usage.\n");
+        return cli::kUsage;
+      }
+    }
     std::fprintf(stderr, "ravelin: %s\n", e.what());
     std::fprintf(stderr, "Run 'ravelin --help' for usage.\n");
     return cli::kUsage;

@@ -4,11 +4,15 @@
 
 namespace Core {
 
-DuplicateFileFinder::DuplicateFileFinder() : slot_(std::make_shared<DelegateSlot>()) {}
+DuplicateFileFinder::DuplicateFileFinder(Token) : slot_(std::make_shared<DelegateSlot>()) {}
+
+std::shared_ptr<DuplicateFileFinder> DuplicateFileFinder::create() {
+  return std::make_shared<DuplicateFileFinder>(Token{});
+}
 
 DuplicateFileFinder& DuplicateFileFinder::shared() {
-  static auto* instance = new DuplicateFileFinder;
-  return *instance;
+  static auto* instance = new std::shared_ptr<DuplicateFileFinder>(create());
+  return **instance;
 }
 
 void DuplicateFileFinder::setDelegate(std::weak_ptr<DuplicateFileFinderDelegate> delegate) {
@@ -17,8 +21,9 @@ void DuplicateFileFinder::setDelegate(std::weak_ptr<DuplicateFileFinderDelegate>
 
 void DuplicateFileFinder::start() {
   platform::DispatchQueue queue("start()", platform::QoS::userInitiated);
-  queue.async([this, slot = slot_] {
-    dff::DFFGroups found = find();
+  // The run owns the finder: the engine's callbacks reach it until `find` has returned.
+  queue.async([self = shared_from_this(), slot = slot_] {
+    dff::DFFGroups found = self->find();
     std::vector<std::vector<Duplicate>> groups;
     groups.reserve(found.size());
     for (const auto& group : found) {

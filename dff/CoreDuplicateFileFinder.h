@@ -23,12 +23,17 @@ class DuplicateFileFinderDelegate {
 
 // Runs searches on a serial queue of their own and reports on the main queue. The delegate is
 // held weakly and looked up on the main queue at each report; one that is gone makes the report
-// do nothing while the run goes on to its end. The object must outlive a run it started; the
-// `shared` instance lives for the process. A second `start()` must wait for the first to
-// complete.
-class DuplicateFileFinder : public dff::DFFDuplicateFileFinder {
+// do nothing while the run goes on to its end. A run holds its finder strongly until it has
+// completed, so a host may let go of a finder in the middle of a run. A second `start()` must
+// wait for the first to complete. Finders are made with `create()`; `shared` lives for the
+// process.
+class DuplicateFileFinder : public dff::DFFDuplicateFileFinder,
+                            public std::enable_shared_from_this<DuplicateFileFinder> {
+  struct Token {};
+
  public:
-  DuplicateFileFinder();
+  explicit DuplicateFileFinder(Token);
+  static std::shared_ptr<DuplicateFileFinder> create();
 
   static DuplicateFileFinder& shared();
 

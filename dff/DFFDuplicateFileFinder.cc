@@ -29,6 +29,11 @@ void DFFDuplicateFileFinder::setIncludeHiddenFolders(bool include) {
   finder_->includeHiddenFolders = include;
 }
 
+void DFFDuplicateFileFinder::setJobs(unsigned jobs) {
+  jobs_ = jobs;
+  finder_->jobs = jobs;
+}
+
 void DFFDuplicateFileFinder::setMinFileSize(std::int64_t size) {
   minFileSize_ = size;
   finder_->minFileSize = size;

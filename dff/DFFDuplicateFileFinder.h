@@ -48,6 +48,10 @@ class DFFDuplicateFileFinder {
   void setIncludeHiddenFolders(bool include);
   std::int64_t minFileSize() const { return minFileSize_; }
   void setMinFileSize(std::int64_t size);
+  // Threads that read and digest files at once (0: one per processor); the result doesn't
+  // depend on it.
+  unsigned jobs() const { return jobs_; }
+  void setJobs(unsigned jobs);
 
   // Runs a search and gives its groups: folders and packages come back as `DFFFile` with their
   // total size.
@@ -67,6 +71,7 @@ class DFFDuplicateFileFinder {
   std::vector<std::string> excludeExtensions_;
   bool includeHiddenFolders_ = false;
   std::int64_t minFileSize_ = 0;
+  unsigned jobs_ = 0;
   std::unique_ptr<DuplicateFileFinder> finder_;
 };
 

@@ -7,12 +7,17 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <atomic>
 #include <ctime>
+#include <deque>
 #include <exception>
+#include <memory>
 #include <new>
+#include <thread>
 
 #include "dff/Hash.h"
 #include "dff/PhotoLibraryReader.h"
+#include "platform/Dispatch.h"
 #include "platform/Metadata.h"
 
 namespace dff {
@@ -99,7 +104,12 @@ std::unique_ptr<Directory> DuplicateFileFinder::scanFiles(
     Duplicate<long long, Symlink*>& linksBySize, Duplicate<long long, Package*>& packagesBySize,
     std::deque<Package*>& unsizedPackages) {
   auto tree = std::make_unique<Directory>(root, nullptr);
-  if (stopped_.load()) return tree;
+  if (stopped_.load()) {
+    // A root that was never walked holds nothing that was compared: two such roots would
+    // otherwise make a folder group of two empty trees.
+    tree->unique = true;
+    return tree;
+  }
 
   std::vector<Directory*> stack{tree.get()};
   while (!stack.empty()) {
@@ -159,8 +169,7 @@ std::unique_ptr<Directory> DuplicateFileFinder::scanFiles(
         case DT_DIR: {
           if (specialDirectory(name, length)) break;
           notifyCurrentPath(folderPath, name);
-          // Only the name decides, so the path isn't built for the question.
-          if (platform::isPackage(name)) {
+          if (isPackage(folderPath / name)) {
             if (exclude(name, length)) {
               folder->unique = true;
               break;
@@ -296,6 +305,127 @@ void DuplicateFileFinder::resolve(std::vector<std::vector<Entry*>>& groups,
   }
 }
 
+void DuplicateFileFinder::resolveFilesInParallel(std::vector<std::vector<File*>>& groups,
+                                                 Duplicate<HashValue, File*>& finished,
+                                                 unsigned workers, std::size_t handleBudget) const {
+  std::vector<std::unique_ptr<DirectoryHandles>> handles;
+  for (unsigned w = 0; w < workers; ++w) {
+    handles.push_back(
+        std::make_unique<DirectoryHandles>(std::max<std::size_t>(4, handleBudget / workers)));
+  }
+  const auto pool = platform::DispatchQueue::global(platform::QoS::userInitiated);
+
+  // One stage of one member, read by a worker; settled later on this thread.
+  struct Job {
+    explicit Job(FileHash* hasher) : hasher(hasher) {}
+    FileHash* hasher;
+    bool done = false;
+    bool failed = false;
+    bool skipped = false;  // the search was stopped before it was read
+    std::exception_ptr fatal;
+  };
+  auto runStage = [&](std::vector<Job>& stage) {
+    auto read = [&](Job& job, DirectoryHandles* own) {
+      if (stopped_.load(std::memory_order_relaxed)) {
+        job.skipped = true;
+        return;
+      }
+      job.hasher->handles = own;
+      try {
+        job.done = job.hasher->update();
+      } catch (const std::bad_alloc&) {
+        job.fatal = std::current_exception();
+      } catch (const std::exception&) {
+        job.failed = true;
+      }
+    };
+    if (stage.size() == 1) {
+      read(stage.front(), handles.front().get());
+      return;
+    }
+    std::atomic<std::size_t> next{0};
+    platform::DispatchGroup group;
+    const unsigned count = static_cast<unsigned>(std::min<std::size_t>(workers, stage.size()));
+    for (unsigned w = 0; w < count; ++w) {
+      pool.async(group, [&, w] {
+        for (std::size_t i; (i = next.fetch_add(1)) < stage.size();)
+          read(stage[i], handles[w].get());
+      });
+    }
+    group.wait();
+  };
+  // As `treat` in `resolve`, with what a worker read.
+  auto settle = [&](Job& job, Duplicate<HashValue, FileHash*>& stage) {
+    File* item = job.hasher->file;
+    if (job.skipped || stopped_.load(std::memory_order_relaxed)) {
+      item->unique = true;  // nothing is settled from a stage that was cut off
+      return;
+    }
+    notifyCurrentPath(item);
+    if (job.fatal) std::rethrow_exception(job.fatal);
+    if (job.failed) {
+      item->unique = true;
+      return;
+    }
+    job.hasher->hashValue(item->hash);
+    if (job.done) {
+      finished.add(item->hash, item);
+    } else {
+      stage.add(item->hash, job.hasher);
+    }
+  };
+  auto split = [](Duplicate<HashValue, FileHash*>& stage,
+                  std::vector<std::vector<FileHash*>>& work) {
+    for (auto& node : stage) {
+      if (node.values.size() == 1) {
+        node.values.front()->file->unique = true;
+      } else {
+        work.push_back(std::move(node.values));
+      }
+    }
+  };
+
+  // Enough first stages at a time to keep every worker busy, and no more: a batch's hashers
+  // live until its last group is settled.
+  const std::size_t batchEntries = 256 * static_cast<std::size_t>(workers);
+  while (!groups.empty()) {
+    std::vector<std::vector<File*>> batch;
+    std::size_t entries = 0;
+    while (!groups.empty() && (batch.empty() || entries + groups.back().size() <= batchEntries)) {
+      entries += groups.back().size();
+      batch.push_back(std::move(groups.back()));
+      groups.pop_back();
+    }
+    std::deque<FileHash> hashers;  // stable addresses
+    std::vector<Job> first;
+    first.reserve(entries);
+    for (const auto& members : batch) {
+      for (File* file : members) first.emplace_back(&hashers.emplace_back(file, nullptr));
+    }
+    runStage(first);
+    std::size_t at = 0;
+    for (const auto& members : batch) {
+      std::vector<std::vector<FileHash*>> work;
+      {
+        Duplicate<HashValue, FileHash*> stage;
+        for (std::size_t k = 0; k < members.size(); ++k) settle(first[at++], stage);
+        split(stage, work);
+      }
+      while (!work.empty()) {
+        std::vector<FileHash*> group = std::move(work.back());
+        work.pop_back();
+        std::vector<Job> later;
+        later.reserve(group.size());
+        for (FileHash* hasher : group) later.emplace_back(hasher);
+        runStage(later);
+        Duplicate<HashValue, FileHash*> stage;
+        for (Job& job : later) settle(job, stage);
+        split(stage, work);
+      }
+    }
+  }
+}
+
 void DuplicateFileFinder::findDuplicateFiles(Duplicate<long long, File*>& filesBySize,
                                              Duplicate<HashValue, File*>& fileDuplicates) const {
   if (stopped_.load()) {
@@ -318,9 +448,15 @@ void DuplicateFileFinder::findDuplicateFiles(Duplicate<long long, File*>& filesB
   // may open go to folders.
   struct rlimit limit {};
   ::getrlimit(RLIMIT_NOFILE, &limit);
-  DirectoryHandles handles(std::min<rlim_t>(1024, limit.rlim_cur / 4));
-  resolve(groups, fileDuplicates, &FileHash::file,
-          [&handles](File* file) { return FileHash(file, &handles); });
+  const std::size_t budget = std::min<rlim_t>(1024, limit.rlim_cur / 4);
+  const unsigned workers = jobs != 0 ? jobs : std::max(1u, std::thread::hardware_concurrency());
+  if (workers > 1) {
+    resolveFilesInParallel(groups, fileDuplicates, workers, budget);
+  } else {
+    DirectoryHandles handles(budget);
+    resolve(groups, fileDuplicates, &FileHash::file,
+            [&handles](File* file) { return FileHash(file, &handles); });
+  }
   for (auto& node : fileDuplicates) {
     if (node.values.size() == 1) node.values.front()->unique = true;
   }

@@ -47,6 +47,10 @@ class DuplicateFileFinder {
   std::vector<std::string> excludeExtensions;
   bool includeHiddenFolders = false;
   std::int64_t minFileSize = 0;
+  // How many threads read and digest files at once: 0 for one per processor, 1 for the search's
+  // own thread alone. Whatever the number, the groups, their order and the order of their
+  // members are the same: results are settled in the order one thread would settle them.
+  unsigned jobs = 0;
 
   // The passes, in the order `find` runs them. The resolution passes take the values out of the
   // size tables they are given: the tables are done with afterwards.
@@ -123,6 +127,14 @@ class DuplicateFileFinder {
   // their part become `unique`. `make` builds the hasher of an entry.
   // True when a current-path report may go out now; then the caller reports.
   bool mayReportPath() const;
+
+  // `resolve` for files, with `workers` threads reading and digesting each stage: a batch of
+  // groups is taken at a time, as `resolve` would take them, their first stages are read at
+  // once, and then each group is settled in turn, its later stages read in parallel too. Every
+  // worker opens files through folder descriptors of its own (`handleBudget` in all).
+  void resolveFilesInParallel(std::vector<std::vector<File*>>& groups,
+                              Duplicate<HashValue, File*>& finished, unsigned workers,
+                              std::size_t handleBudget) const;
 
   template <class Entry, class Hasher, class Make>
   void resolve(std::vector<std::vector<Entry*>>& groups, Duplicate<HashValue, Entry*>& finished,

@@ -7,7 +7,9 @@
 #include <algorithm>
 #include <cstring>
 #include <ctime>
+#include <fstream>
 
+#include "dff/Hash.h"
 #include "testsupport/TestSupport.h"
 
 namespace dff {
@@ -194,6 +196,67 @@ TEST_F(FinderTest, FileThatVanishesBeforeHashingDropsOut) {
   EXPECT_EQ(unique, (std::vector<std::string>{"b"}));
 }
 
+// What the scan saw may change before the file is read: a pipe put in a file's place must not
+// hang the search, and a file that grew (even to a whole block more, where the old size still
+// ends a block) is no longer the file whose size was compared.
+TEST_F(FinderTest, FilesReplacedByPipesOrGrownAfterTheScanDropOut) {
+  std::string content = randomBytes(4096, 16);
+  for (const char* name : {"a", "pipe", "grown", "d"}) tmp_.write(name, content);
+  Duplicate<long long, File*> files;
+  Duplicate<long long, Symlink*> links;
+  Duplicate<long long, Package*> packages;
+  std::deque<Package*> unsized;
+  auto tree = finder_.scanFiles(tmp_.path(), files, links, packages, unsized);
+  ::unlink((tmp_ / "pipe").c_str());
+  testsupport::FifoGuard guard(tmp_ / "pipe");
+  {
+    std::ofstream grown(tmp_ / "grown", std::ios::app);
+    grown << randomBytes(4096, 17);
+  }
+  Duplicate<HashValue, File*> found;
+  finder_.findDuplicateFiles(files, found);
+  EXPECT_FALSE(guard.fired()) << "the search blocked on a pipe";
+  std::vector<std::string> grouped, unique;
+  for (const auto& child : tree->children) {
+    (child->unique ? unique : grouped).push_back(relative(child->path().string()));
+  }
+  std::sort(grouped.begin(), grouped.end());
+  std::sort(unique.begin(), unique.end());
+  EXPECT_EQ(grouped, (std::vector<std::string>{"a", "d"}));
+  EXPECT_EQ(unique, (std::vector<std::string>{"grown", "pipe"}));
+}
+
+// A file system may give fewer bytes than asked before a file ends; the stage is read on.
+TEST_F(FinderTest, ShortReadsStillCompareWholeStages) {
+  std::string content = randomBytes(4096 + 9000, 18);
+  tmp_.write("x1", content);
+  tmp_.write("x2", content);
+  content.back() ^= 1;
+  tmp_.write("x3", content);
+  ReadCall previous = setReadCall([](int fd, void* buffer, std::size_t count, off_t offset) {
+    return ::pread(fd, buffer, std::min<std::size_t>(count, 1000), offset);
+  });
+  auto groups = run();
+  setReadCall(previous);
+  EXPECT_EQ(groups, (Groups{{"x1", "x2"}}));
+}
+
+// Bundler keeps a ".bundle" folder in every Ruby project: a name that is only a package
+// extension is a hidden folder, not a package.
+TEST_F(FinderTest, HiddenFoldersNamedLikeAPackageExtensionAreFolders) {
+  tmp_.write("p1/.bundle/config", "BUNDLE_PATH: vendor");
+  tmp_.write("p2/.bundle/config", "BUNDLE_PATH: vendor");
+  tmp_.write("p1/Gemfile", randomBytes(300, 19));
+  tmp_.write("p2/Gemfile", randomBytes(300, 20));
+  EXPECT_TRUE(run().empty());  // hidden folders aren't entered, so neither project is whole
+  finder_.includeHiddenFolders = true;
+  EXPECT_EQ(run(), (Groups{{"p1/.bundle", "p2/.bundle"}}));
+  EXPECT_FALSE(DuplicateFileFinder::isPackage(Path("/x/.bundle")));
+  EXPECT_FALSE(DuplicateFileFinder::isPackage(Path(".app")));
+  EXPECT_TRUE(DuplicateFileFinder::isPackage(Path("/x/.hidden.app")));
+  EXPECT_TRUE(DuplicateFileFinder::isPackage(Path("/x/A.BUNDLE/")));
+}
+
 TEST_F(FinderTest, LargeFilesDifferingOnlyInTheirLastByteAreToldApart) {
   std::string content = randomBytes(4096 + 4096000 + 10, 10);
   tmp_.write("big1", content);
@@ -272,6 +335,18 @@ TEST_F(FinderTest, StopDuringTheScanLeavesNothingToGroup) {
   EXPECT_EQ(progress_, (std::vector<double>{0.3, 0.5, 0.8, 0.9}));
 }
 
+TEST_F(FinderTest, StopDuringTheScanMarksRootsNeverWalked) {
+  std::string content = randomBytes(2000, 21);
+  tmp_.write("big/f", content);
+  tmp_.write("big/g", content);
+  tmp_.write("r2/x", randomBytes(100, 22));
+  tmp_.write("r3/y", randomBytes(100, 23));
+  pathHook_ = [&](const std::string&) { finder_.stop(); };
+  spendProcessorTime();
+  // Two roots never listed look alike (empty); they must not make a group.
+  EXPECT_TRUE(run({"big", "r2", "r3"}).empty());
+}
+
 TEST_F(FinderTest, StopAfterTheScanGroupsNoFolderOnUncomparedFiles) {
   // Same sizes, different contents: had the files kept digests that were never taken, the two
   // folders would look alike.
@@ -316,6 +391,91 @@ TEST_F(FinderTest, StopBeforePackagesLeavesFileGroupsAndNoPackageGroups) {
   // The file groups are settled; they lie in two identical folders, which are reported in their
   // place. The packages were never compared and make their folder unique.
   EXPECT_EQ(run(), (Groups{{"y", "z"}}));
+}
+
+// Groups and members exactly as the engine orders them, for `jobs` threads.
+class OrderTest : public FinderTest {
+ protected:
+  Groups runWith(unsigned jobs) {
+    finder_.jobs = jobs;
+    finder_.rootFolders = {Path(tmp_.path())};
+    Result result = finder_.find();
+    Groups groups;
+    for (const auto& group : result) {
+      auto& names = groups.emplace_back();
+      for (File* entry : group) names.push_back(relative(entry->path().string()));
+    }
+    finder_.releaseFiles();
+    return groups;
+  }
+
+  // Many groups of one size each: copies, files that part in the first block, in the second
+  // stage or only in the third, and files alone in their size.
+  void writeTree() {
+    for (int g = 0; g < 80; ++g) {
+      const std::size_t size = g % 10 == 0 ? 4096 * 1001 + 7 + g : 5000 + 3 * g;
+      std::string base = randomBytes(size, 100 + g);
+      const std::string folder = "g" + std::to_string(g % 7) + "/";
+      for (int copy = 0; copy < 2 + g % 3; ++copy) {
+        tmp_.write(folder + "copy" + std::to_string(g) + "-" + std::to_string(copy), base);
+      }
+      std::string early = base, late = base;
+      early[10] ^= 1;
+      late[size - 1] ^= 1;
+      tmp_.write(folder + "early" + std::to_string(g), early);
+      tmp_.write(folder + "late" + std::to_string(g), late);
+      if (g % 4 == 0) tmp_.write(folder + "late-twin" + std::to_string(g), late);
+    }
+  }
+};
+
+TEST_F(OrderTest, AnyNumberOfWorkersGivesTheSameGroupsInTheSameOrder) {
+  writeTree();
+  const Groups one = runWith(1);
+  ASSERT_GE(one.size(), 80u);
+  EXPECT_EQ(runWith(2), one);
+  EXPECT_EQ(runWith(5), one);
+
+  // Reads that fail for some files (as for files that vanish while being read) mark the same
+  // files, whoever reads them.
+  ReadCall previous = setReadCall([](int fd, void* buffer, std::size_t count, off_t offset) {
+    struct stat status {};
+    if (::fstat(fd, &status) == 0 && status.st_size % 7 == 0) {
+      errno = EIO;
+      return ssize_t{-1};
+    }
+    return ::pread(fd, buffer, count, offset);
+  });
+  const Groups failingOne = runWith(1);
+  const Groups failingMany = runWith(4);
+  setReadCall(previous);
+  EXPECT_EQ(failingMany, failingOne);
+  EXPECT_LT(failingOne.size(), one.size());
+}
+
+TEST_F(OrderTest, AStopWhileWorkersReadSettlesOnlyTrueGroups) {
+  writeTree();
+  int seen = 0;
+  pathHook_ = [&](const std::string&) {
+    spendProcessorTime();
+    if (++seen == 40) finder_.stop();
+  };
+  spendProcessorTime();
+  const Groups cut = runWith(4);
+  // Whatever was settled before the stop holds only files of the same bytes.
+  for (const auto& group : cut) {
+    ASSERT_GE(group.size(), 2u);
+    std::ifstream first(tmp_ / group.front(), std::ios::binary);
+    std::string bytes((std::istreambuf_iterator<char>(first)), std::istreambuf_iterator<char>());
+    for (const auto& member : group) {
+      std::ifstream in(tmp_ / member, std::ios::binary);
+      EXPECT_EQ(std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>()),
+                bytes)
+          << member;
+    }
+  }
+  pathHook_ = nullptr;
+  EXPECT_LT(cut.size(), runWith(1).size());
 }
 
 }  // namespace

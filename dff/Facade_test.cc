@@ -43,18 +43,18 @@ class FacadeTest : public ::testing::Test {
     tmp_.write("second/y/data.bin", "content");
     tmp_.write("second/e1", "");
     tmp_.write("second/e2", "");
-    finder_.setDelegate(delegate_);
+    finder_->setDelegate(delegate_);
   }
   TempDir tmp_;
-  DuplicateFileFinder finder_;
+  std::shared_ptr<DuplicateFileFinder> finder_ = DuplicateFileFinder::create();
   std::shared_ptr<RecordingDelegate> delegate_ = std::make_shared<RecordingDelegate>();
 };
 
 TEST_F(FacadeTest, ReportsProgressThenCompletionOnTheMainQueueWithTheLastRootsOnly) {
-  finder_.setRootFolderURLs({tmp_ / "first"});
-  finder_.setRootFolderURLs({tmp_ / "second"});
-  EXPECT_EQ(finder_.rootFolderURLs(), std::vector<std::string>{tmp_ / "second"});
-  finder_.start();
+  finder_->setRootFolderURLs({tmp_ / "first"});
+  finder_->setRootFolderURLs({tmp_ / "second"});
+  EXPECT_EQ(finder_->rootFolderURLs(), std::vector<std::string>{tmp_ / "second"});
+  finder_->start();
   ASSERT_TRUE(testsupport::drainMainUntil([&] { return delegate_->completed(); }));
   EXPECT_TRUE(delegate_->onMain);
 
@@ -76,21 +76,35 @@ TEST_F(FacadeTest, ReportsProgressThenCompletionOnTheMainQueueWithTheLastRootsOn
 }
 
 TEST_F(FacadeTest, SettingsWriteThroughAndADelegateThatIsGoneGetsNothing) {
-  finder_.setRootFolderURLs({tmp_ / "second"});
-  finder_.setMinFileSize(1);
-  finder_.setExcludeExtensions({".BIN"});  // every data file is left out: nothing to group
-  finder_.setIncludeHiddenFolders(true);
-  EXPECT_TRUE(finder_.find().empty());
+  finder_->setRootFolderURLs({tmp_ / "second"});
+  finder_->setMinFileSize(1);
+  finder_->setExcludeExtensions({".BIN"});  // every data file is left out: nothing to group
+  finder_->setIncludeHiddenFolders(true);
+  EXPECT_TRUE(finder_->find().empty());
 
-  finder_.setExcludeExtensions({});
-  auto groups = finder_.find();
+  finder_->setExcludeExtensions({});
+  auto groups = finder_->find();
   ASSERT_EQ(groups.size(), 1u);  // the two folders; the empty files are below the minimum
 
   std::weak_ptr<RecordingDelegate> watcher = delegate_;
   delegate_.reset();
   EXPECT_TRUE(watcher.expired());
-  finder_.start();
-  testsupport::drainMainUntil([] { return false; }, std::chrono::milliseconds(300));
+  // With no delegate the run still goes to its end and lets go of the finder.
+  std::weak_ptr<DuplicateFileFinder> running = finder_;
+  finder_->start();
+  finder_.reset();
+  EXPECT_TRUE(testsupport::drainMainUntil([&] { return running.expired(); }));
+}
+
+TEST_F(FacadeTest, AFinderLetGoOfDuringARunLivesUntilTheRunCompletes) {
+  for (int i = 0; i < 200; ++i) tmp_.write("second/many/f" + std::to_string(i), "x");
+  finder_->setRootFolderURLs({tmp_ / "first", tmp_ / "second"});
+  std::weak_ptr<DuplicateFileFinder> running = finder_;
+  finder_->start();
+  finder_.reset();  // the host's only reference, while the engine walks
+  ASSERT_TRUE(testsupport::drainMainUntil([&] { return delegate_->completed(); }));
+  EXPECT_FALSE(delegate_->groups.empty());
+  EXPECT_TRUE(testsupport::drainMainUntil([&] { return running.expired(); }));
 }
 
 TEST(SystemPhotoLibraryFinderTest, AnswersOnlyThroughAnInstalledSource) {

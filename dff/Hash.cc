@@ -27,47 +27,82 @@ char* linkBuffer() {
   return buffer;
 }
 
+ReadCall gReadCall = ::pread;
+
 // Reads one stage of a file into the digest: `blocks` blocks of 4096 bytes from `offset`, or
 // fewer when the file reaches `size` on a block boundary. The stage is fetched with as few
 // reads as the kernel allows instead of one call per block; what enters the digest, where the
 // stage ends and when it fails are the same as reading block by block: the stage ends when a
 // block brings `offset` to `size`, and a file that ends first fails. Gives true when `size` was
-// reached. Throws when the file can't be opened or ends early.
+// reached, after checking that the file still ends there: a file that grew while it was read is
+// no longer the file whose size was compared. Throws when the file can't be read, ends early or
+// has changed size. Closes `fd` in every case.
 bool readStage(Hash& hash, int fd, std::int64_t size, std::int64_t& offset, int blocks) {
-  if (fd < 0) throw std::exception();
   const std::size_t wanted = kReadBlock * static_cast<std::size_t>(blocks);
   // Long stages tell the kernel to read ahead; short ones aren't worth the call.
   if (blocks > 1 && size - offset > static_cast<std::int64_t>(kReadBlock * 64)) {
     ::posix_fadvise(fd, offset, static_cast<off_t>(wanted), POSIX_FADV_SEQUENTIAL);
   }
   char* buffer = stageBuffer();
-  // A regular file gives fewer bytes than asked only at its end, so a short read ends the stage's
-  // reading without a further call to find nothing.
+  // Nothing past `size` is wanted: the stage's reading stops there, and a block that would run
+  // past it is read short, which is what reading block by block would have given at the end.
+  const std::size_t limit = static_cast<std::size_t>(
+      std::min<std::int64_t>(static_cast<std::int64_t>(wanted), size - offset));
   std::size_t got = 0;
-  while (got < wanted) {
-    ssize_t n = ::pread(fd, buffer + got, wanted - got, offset + static_cast<std::int64_t>(got));
+  while (got < limit) {
+    ssize_t n = gReadCall(fd, buffer + got, limit - got, offset + static_cast<std::int64_t>(got));
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      ::close(fd);
-      throw std::exception();
-    }
+    if (n <= 0) break;  // an error, or the end of the file
     got += static_cast<std::size_t>(n);
-    if (static_cast<std::size_t>(n) < wanted) break;
   }
-  ::close(fd);
-  for (std::size_t at = 0; at < wanted; at += kReadBlock) {
-    if (at >= got) throw std::exception();  // a block read would have found the end
+  bool reachedEnd = false;
+  for (std::size_t at = 0; at < limit; at += kReadBlock) {
+    if (at >= got) break;  // a block read would have found the end
     std::size_t n = std::min(kReadBlock, got - at);
     hash.updateMD5(buffer + at, static_cast<std::uint32_t>(n));
     offset += static_cast<std::int64_t>(n);
-    if (offset == size) return true;
+    if (offset == size) {
+      reachedEnd = true;
+      break;
+    }
+    if (n < kReadBlock) break;
   }
+  if (got < limit) {
+    ::close(fd);
+    throw std::exception();
+  }
+  if (reachedEnd) {
+    struct stat status;
+    bool unchanged = ::fstat(fd, &status) == 0 && status.st_size == size;
+    ::close(fd);
+    if (!unchanged) throw std::exception();
+    return true;
+  }
+  ::close(fd);
   return false;
 }
 
-int openForReading(const char* path) { return ::open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY); }
+// Opens a file for reading in a way that can't block: a pipe or a device put where a file was
+// would otherwise hang the search in `open`. Only a regular file of the size that was compared is
+// read; anything else throws, and the caller takes the entry to have no twin.
+int openRegular(int folder, const char* name, std::int64_t size) {
+  int fd = ::openat(folder, name, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW);
+  if (fd < 0) throw std::exception();
+  struct stat status;
+  if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode) || status.st_size != size) {
+    ::close(fd);
+    throw std::exception();
+  }
+  return fd;
+}
 
 }  // namespace
+
+ReadCall setReadCall(ReadCall call) {
+  ReadCall previous = gReadCall;
+  gReadCall = call != nullptr ? call : ::pread;
+  return previous;
+}
 
 DirectoryHandles::DirectoryHandles(std::size_t capacity) : capacity_(capacity) {}
 
@@ -105,16 +140,23 @@ void Hash::hashValue(HashValue& value) const {
 }
 
 bool FileHash::update() {
-  if (file->size == 0) return true;
-  int fd = -1;
+  if (file->size == 0) {
+    // A scanned file's size is what `lstat` said; a photo's may come from its library's
+    // database, so an empty photo is looked at (without opening it) before it counts as empty.
+    if (dynamic_cast<const Photo*>(file) != nullptr) {
+      struct stat status;
+      if (::lstat(file->path().cStr(), &status) != 0 || !S_ISREG(status.st_mode) ||
+          status.st_size != 0) {
+        throw std::exception();
+      }
+    }
+    return true;
+  }
   int folder = handles != nullptr && !file->keepsWholePath() && file->parent != nullptr
                    ? handles->descriptor(file->parent)
                    : -1;
-  if (folder >= 0) {
-    fd = ::openat(folder, file->name().c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
-  } else {
-    fd = openForReading(file->path().cStr());
-  }
+  int fd = folder >= 0 ? openRegular(folder, file->name().c_str(), file->size)
+                       : openRegular(AT_FDCWD, file->path().cStr(), file->size);
   return readStage(*this, fd, file->size, offset,
                    offset == 0 ? kFirstStageBlocks : kLaterStageBlocks);
 }
@@ -223,7 +265,7 @@ bool PackageHash::calculateFiles() {
     files.pop_back();
     return files.empty();
   }
-  if (readStage(*this, openForReading(file.path.cStr()), file.size, offset,
+  if (readStage(*this, openRegular(AT_FDCWD, file.path.cStr(), file.size), file.size, offset,
                 offset == 0 ? kFirstStageBlocks : kLaterStageBlocks)) {
     files.pop_back();
     offset = 0;

@@ -6,6 +6,7 @@
 
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include <openssl/md5.h>
+#include <sys/types.h>
 
 #include <cstdint>
 #include <list>
@@ -21,6 +22,13 @@ inline constexpr std::size_t kReadBlock = 4096;
 inline constexpr int kFirstStageBlocks = 1;
 inline constexpr int kLaterStageBlocks = 1000;
 inline constexpr std::size_t kLinkBuffer = 1024;
+
+// The call that reads a stage, `pread` unless a test replaced it. A read of a regular file may give
+// fewer bytes than asked before its end (FUSE and network file systems do), so a stage is read
+// until it is full or the file ends; tests use this to read short. Gives the previous call; null
+// puts `pread` back. Not for use while a search runs.
+using ReadCall = ssize_t (*)(int, void*, std::size_t, off_t);
+ReadCall setReadCall(ReadCall call);
 
 // A running MD5 (RFC 1321). The low-level context is a plain value: no allocation per candidate,
 // and taking a digest mid-stream finalises a copy so that reading can go on.
@@ -64,7 +72,8 @@ class FileHash : public Hash {
       : file(file), handles(handles) {}
 
   // Reads one stage. True when the whole file (as long as the scan saw it) has been digested.
-  // Throws a standard exception when the file can't be opened, or ends before its recorded size.
+  // Throws a standard exception when the file can't be opened without blocking, is no longer a
+  // regular file of its recorded size, or ends before it.
   bool update();
 
   File* file;

@@ -62,24 +62,29 @@ TEST(FileHashTest, EmptyFileIsNeverOpened) {
 
 TEST(FileHashTest, FilesThatShrankGrewOrVanishedThrow) {
   TempDir tmp;
-  // The first stage reads the one block there is; the next finds the end too early.
+  // Every stage checks the file against the size it is compared at, before reading.
   File shrunk(tmp.write("shrunk", std::string(100, 'x')), 200, nullptr);
-  FileHash shrinking(&shrunk);
-  EXPECT_FALSE(shrinking.update());
-  EXPECT_THROW(shrinking.update(), std::exception);
+  EXPECT_THROW(FileHash(&shrunk).update(), std::exception);
 
-  // Grown past a size that isn't a block boundary: read to the real end, which fails.
   File grown(tmp.write("grown", std::string(5000, 'x')), 4500, nullptr);
-  FileHash growing(&grown);
-  EXPECT_FALSE(growing.update());
-  EXPECT_THROW(growing.update(), std::exception);
+  EXPECT_THROW(FileHash(&grown).update(), std::exception);
 
-  // Grown past a block boundary: the block ends on the recorded size and counts as finished.
+  // Even where the recorded size ends a block, so reading would stop on it.
   File boundary(tmp.write("boundary", std::string(5000, 'x')), 4096, nullptr);
-  EXPECT_TRUE(FileHash(&boundary).update());
+  EXPECT_THROW(FileHash(&boundary).update(), std::exception);
+
+  // Between two stages.
+  File later(tmp.write("later", std::string(5000, 'x')), 5000, nullptr);
+  FileHash growingLater(&later);
+  EXPECT_FALSE(growingLater.update());
+  tmp.write("later", std::string(6000, 'x'));
+  EXPECT_THROW(growingLater.update(), std::exception);
 
   File vanished(tmp / "vanished", 10, nullptr);
   EXPECT_THROW(FileHash(&vanished).update(), std::exception);
+
+  File folder(tmp.mkdir("folder"), 10, nullptr);
+  EXPECT_THROW(FileHash(&folder).update(), std::exception);
 }
 
 TEST(SymbolicLinkHashTest, TargetsUpToTheBufferAreDigested) {

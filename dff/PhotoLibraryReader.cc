@@ -1,6 +1,8 @@
 #include "dff/PhotoLibraryReader.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <exception>
 
@@ -32,6 +34,14 @@ constexpr int kFirstVersion5 = 4026;
 // Opens a database for reading only: a library is never written to, and a missing database
 // file is not created.
 sqlite3* openReadOnly(const Path& path) {
+  // SQLite opens with a plain `open`, which never returns for a pipe put where the database
+  // should be. Only a regular file is handed to it; the look is made without blocking.
+  int fd = ::open(path.cStr(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0) throw std::exception();
+  struct stat status;
+  bool regular = ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+  ::close(fd);
+  if (!regular) throw std::exception();
   sqlite3* db = nullptr;
   if (sqlite3_open_v2(path.cStr(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
     sqlite3_close(db);

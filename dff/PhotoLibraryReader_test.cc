@@ -77,6 +77,42 @@ TEST_F(OldLibraryTest, RowsBecomePhotosInsideMastersOrOnNamedVolumes) {
   EXPECT_EQ(library.photos.front().size, 100);  // the database's size; the file isn't looked at
 }
 
+// The old database gives each master's size; a file on disk of another size can't be compared
+// at that size, or two pictures that differ past it would be called identical.
+TEST_F(OldLibraryTest, MastersWhoseFilesDifferFromTheRecordedSizeAreNotCompared) {
+  tmp_.mkdir("Old.photoslibrary/database");
+  std::string start = testsupport::randomBytes(100, 30);
+  tmp_.write("Old.photoslibrary/Masters/a.jpg", start + testsupport::randomBytes(100, 31));
+  tmp_.write("Old.photoslibrary/Masters/b.jpg", start + testsupport::randomBytes(100, 32));
+  tmp_.write("Old.photoslibrary/Masters/e1.jpg", "not empty");
+  tmp_.write("Old.photoslibrary/Masters/e2.jpg", "not empty either");
+  writeDatabase(tmp_ / "Old.photoslibrary/database/photos.db",
+                {"CREATE TABLE LiGlobals (keyPath TEXT, value INTEGER)",
+                 "INSERT INTO LiGlobals VALUES ('libraryVersion', 4000)",
+                 "CREATE TABLE RKVolume (modelId INTEGER, name TEXT)",
+                 "CREATE TABLE RKMaster (uuid TEXT, volumeId INTEGER, imagePath TEXT, "
+                 "fileSize INTEGER)",
+                 "CREATE TABLE RKVersion (uuid TEXT, masterUuid TEXT, isInTrash INTEGER)",
+                 "INSERT INTO RKMaster VALUES ('m1', NULL, 'a.jpg', 100), "
+                 "('m2', NULL, 'b.jpg', 100), ('m3', NULL, 'e1.jpg', 0), "
+                 "('m4', NULL, 'e2.jpg', 0)",
+                 "INSERT INTO RKVersion VALUES ('v1', 'm1', 0), ('v2', 'm2', 0), "
+                 "('v3', 'm3', 0), ('v4', 'm4', 0)"});
+  DuplicateFileFinder finder([](double) {}, [](const Path&) {});
+  finder.rootFolders = {Path(tmp_ / "Old.photoslibrary")};
+  EXPECT_TRUE(finder.find().empty());
+  finder.releaseFiles();
+}
+
+// SQLite opens its file with a plain open, which waits for ever on a pipe.
+TEST_F(OldLibraryTest, ADatabaseThatIsAPipeFailsWithoutWaiting) {
+  tmp_.mkdir("Pipe.photoslibrary/database");
+  testsupport::FifoGuard guard(tmp_ / "Pipe.photoslibrary/database/photos.db");
+  PhotoLibrary library(tmp_ / "Pipe.photoslibrary", nullptr);
+  EXPECT_THROW(PhotoLibraryReader::readPhotos(library), std::exception);
+  EXPECT_FALSE(guard.fired());
+}
+
 TEST_F(OldLibraryTest, Version4026GoesToTheNewDatabase) {
   write(4026);
   PhotoLibrary library(tmp_ / "Old.photoslibrary", nullptr);

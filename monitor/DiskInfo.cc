@@ -49,24 +49,28 @@ namespace {
 // Sums regular files' sizes and keeps the last error seen.
 class SizeVisitor final : public platform::WalkVisitor {
  public:
-  explicit SizeVisitor(int* error) : error_(error) {}
+  SizeVisitor(int* error, std::vector<platform::WalkError>* errors)
+      : error_(error), errors_(errors) {}
   void entry(const std::string&, std::string_view, const struct stat& status) override {
     if (S_ISREG(status.st_mode)) total += status.st_size;
   }
-  void error(const std::string&, int code) override {
+  void error(const std::string& path, int code) override {
     if (error_ != nullptr && code != 0) *error_ = code;
+    if (errors_ != nullptr) errors_->push_back({path, code});
   }
   std::int64_t total = 0;
 
  private:
   int* error_;
+  std::vector<platform::WalkError>* errors_;
 };
 
 }  // namespace
 
-std::int64_t GetDirectorySize(const char* path, const std::atomic<bool>* stop, int* error) {
+std::int64_t GetDirectorySize(const char* path, const std::atomic<bool>* stop, int* error,
+                              std::vector<platform::WalkError>* errors) {
   // A physical walk: links are neither followed nor counted, hard links count each time.
-  SizeVisitor visitor(error);
+  SizeVisitor visitor(error, errors);
   platform::WalkOptions options;
   options.stop = stop;
   platform::walkTree(path, visitor, options);

@@ -7,6 +7,9 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
+
+#include "platform/TreeWalker.h"
 
 namespace monitor {
 
@@ -43,8 +46,10 @@ bool isSolidState(const std::string& bsdName);
 // The sum of the sizes (st_size) of the regular files below `path`, walked without following
 // links; hard links count each time. Reads `stop` between entries and gives the sum so far when
 // it is set. An unreadable entry doesn't end the walk: its error number is stored in `error`,
-// the last one seen staying. Gives 0 when the walk can't start. Safe on several threads at once.
+// the last one seen staying, and when `errors` is given each path that couldn't be read is
+// added to it. Gives 0 when the walk can't start. Safe on several threads at once.
 std::int64_t GetDirectorySize(const char* path, const std::atomic<bool>* stop = nullptr,
-                              int* error = nullptr);
+                              int* error = nullptr,
+                              std::vector<platform::WalkError>* errors = nullptr);
 
 }  // namespace monitor

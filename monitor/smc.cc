@@ -121,7 +121,11 @@ std::uint32_t _strtoul(const std::uint8_t* bytes, int size, int base) {
     // Base 16 reads each byte as signed, any other base as unsigned; the sum wraps at 32 bits.
     std::uint32_t byte =
         base == 16 ? static_cast<std::uint32_t>(static_cast<std::int8_t>(bytes[i])) : bytes[i];
-    total += byte << (8 * (size - i - 1));
+    // A byte shifted by 32 bits or more leaves nothing in a 32-bit sum; shifting that far would
+    // be undefined, so such bytes are skipped.
+    const int shift = 8 * (size - i - 1);
+    if (shift >= 32) continue;
+    total += byte << shift;
   }
   return total;
 }

@@ -119,6 +119,14 @@ TEST(SMCConversionTest, IntegerAndKeyHelpers) {
   EXPECT_EQ(_strtoul(bytes, 0, 10), 0u);
   EXPECT_EQ(_strtoul(bytes + 2, 1, 10), 0xFFu);
   EXPECT_EQ(_strtoul(bytes + 2, 1, 16), 0xFFFFFFFFu);  // base 16 reads bytes as signed
+  // Records longer than four bytes keep the 32-bit sum of their last four; the sanitizers see
+  // that no byte is shifted by 32 bits or more on the way.
+  const std::uint8_t eight[] = {0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88};
+  const std::uint32_t expected[] = {0x11,       0x1122,     0x112233,   0x11223344,
+                                    0x22334455, 0x33445566, 0x44556677, 0x55667788};
+  for (int size = 1; size <= 8; ++size) {
+    EXPECT_EQ(_strtoul(eight, size, 10), expected[size - 1]) << size;
+  }
   char text[5];
   _ultostr(text, ('T' << 24) | ('C' << 16) | ('0' << 8) | 'P');
   EXPECT_STREQ(text, "TC0P");

@@ -44,6 +44,21 @@ Result<std::vector<DirectoryEntry>> listDirectory(const std::string& path,
 
 Result<FileStatus> fileStatus(const std::string& path, Follow follow = Follow::no);
 
+// The content of the regular file at `path`, read without ever blocking: a pipe or a device
+// put where a file is expected fails (EINVAL) instead of hanging the reader, and so does a file
+// larger than `maxBytes` (EFBIG). Links are followed unless `follow` says not to.
+Result<std::string> readRegularFile(const std::string& path, std::size_t maxBytes,
+                                    Follow follow = Follow::yes);
+
+// The identifier of the mount that `name` (relative to the open folder `folder`, or a path with
+// AT_FDCWD) belongs to, without following a link: a bind mount of the same file system has one
+// of its own though it shares the device. 0 when the kernel can't tell.
+std::uint64_t mountIdentifier(int folder, const char* name);
+
+// Whether `path` lies on a file system mounted read-only (an immutable system image, say). False
+// when it can't be told.
+bool isOnReadOnlyMount(const std::string& path);
+
 bool fileExists(const std::string& path, Follow follow = Follow::no);
 bool isDirectory(const std::string& path, Follow follow = Follow::no);
 

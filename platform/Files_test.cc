@@ -169,6 +169,24 @@ TEST(LocationsTest, EnvironmentDecidesHomeAndXdgFolders) {
   EXPECT_EQ(l.applications[0], "/home/tester/.local/share/applications");
   EXPECT_EQ(l.applications[1], "/opt/share/applications");
   EXPECT_EQ(l.applications[2], "/usr/share/applications");
+
+  // Under a root, every location is the same one with the root in front, XDG variables included;
+  // the machine's other trash folders are not the root's.
+  auto rooted = Locations::fromEnvironment("/mnt/disk/");
+  EXPECT_EQ(rooted.home, "/mnt/disk/home/tester");
+  EXPECT_EQ(rooted.cacheHome, "/mnt/disk/var/tmp/cache");
+  EXPECT_EQ(rooted.systemCaches, "/mnt/disk/var/cache");
+  EXPECT_EQ(rooted.temporary, "/mnt/disk/tmp");
+  EXPECT_EQ(rooted.flatpakAppData, "/mnt/disk/home/tester/.var/app");
+  EXPECT_EQ(rooted.trashes,
+            (std::vector<std::string>{"/mnt/disk/home/tester/.local/share/Trash/files"}));
+  EXPECT_EQ(rooted.root, "/mnt/disk");
+  for (const auto* list :
+       {&rooted.applications, &rooted.flatpakInstallations, &rooted.commandFolders}) {
+    for (const auto& path : *list) EXPECT_EQ(path.rfind("/mnt/disk/", 0), 0u) << path;
+  }
+  EXPECT_EQ(rooted.applications[1], "/mnt/disk/opt/share/applications");
+  EXPECT_EQ(Locations::fromEnvironment("").home, "/home/tester");
 }
 
 }  // namespace

@@ -17,18 +17,45 @@ struct Locations {
   std::string temporary;     // "/tmp" itself, "Tmp" in rule paths
   std::string systemCaches;  // caches of the system
   std::string systemLogs;    // logs of the system
+  std::string crashReports;  // crash reports of the system
   // Folders whose entries are trashed items: the home trash first, then the trash folders of
   // other mounted file systems that exist.
   std::vector<std::string> trashes;
   // Folders of desktop entries, most important first.
   std::vector<std::string> applications;
+  // Flatpak's per-application data folders of the user (~/.var/app).
+  std::string flatpakAppData;
+  // Flatpak installations, the user's first: each holds "app/ID" for the installed applications
+  // and "exports/share/applications" for their desktop entries.
+  std::vector<std::string> flatpakInstallations;
+  // Where snaps are mounted, one folder per installed snap (/snap).
+  std::string snapMounts;
+  // Autostart folders of the desktop, the user's first ($XDG_CONFIG_HOME/autostart, then each
+  // of $XDG_CONFIG_DIRS, /etc/xdg by default).
+  std::vector<std::string> autostart;
+  // Unit folders of systemd: the user's own units, the units every user runs, the system's.
+  std::string userUnits;
+  std::string globalUserUnits;
+  std::string systemUnits;
+  // The folders searched for a command, as PATH lists them.
+  std::vector<std::string> commandFolders;
+  // The folder every location was put under ("" for the machine's own): absolute paths read
+  // from files (a desktop entry's program, say) are taken below it too.
+  std::string root;
 
   // Reads HOME and the XDG variables as every program of the desktop does, falling back to the
   // password database and the XDG defaults.
   static Locations fromEnvironment();
 
-  // Every location under `root`: home is `root/home`, the system folders are `root/var/...`,
-  // and so on. Nothing is created.
+  // The locations the program would use without a root, each with `root` in front: with HOME
+  // /home/alice, home is "root/home/alice" and the system caches "root/var/cache". So a mounted
+  // disk or a container image is seen as its own machine would see it. Trash folders of other
+  // mounts are the machine's, not the root's, and are left out. An empty root is
+  // `fromEnvironment()`.
+  static Locations fromEnvironment(const std::string& root);
+
+  // Every location under `root`, for fixture trees: home is `root/home`, the system folders are
+  // `root/var/...`, and so on. Nothing is created.
   static Locations underRoot(const std::string& root);
 };
 
@@ -52,5 +79,9 @@ std::vector<MountPoint> parseMountInfo(std::string_view text);
 // "$top/.Trash/$uid/files" when "$top/.Trash" is a real folder with the sticky bit, and
 // "$top/.Trash-$uid/files". Pseudo file systems are passed over.
 std::vector<std::string> mountTrashFolders(const std::vector<MountPoint>& mounts, unsigned uid);
+
+// `path` (absolute) as seen below `root`: "/var/lib/x" under "/mnt/disk" is "/mnt/disk/var/lib/x".
+// An empty root gives `path` itself.
+std::string underRootPath(const std::string& root, const std::string& path);
 
 }  // namespace platform

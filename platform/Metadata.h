@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "platform/Dispatch.h"
+#include "platform/TreeWalker.h"
 
 namespace platform {
 
@@ -70,6 +71,10 @@ class MetadataQuery {
   // The items gathered so far: those announced by the last update, or all of them after the
   // finish event.
   virtual const std::vector<MetadataItem>& results() const = 0;
+
+  // What couldn't be read by the gathering so far (folders that couldn't be opened or listed,
+  // entries that couldn't be examined): a result given with any of these isn't complete.
+  virtual std::vector<WalkError> errors() const { return {}; }
 };
 
 // True when the platform presents the folder at `path` as one item: a folder whose name ends in

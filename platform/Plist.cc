@@ -2,11 +2,14 @@
 
 #include <plist/plist.h>
 
+#include <algorithm>
 #include <cmath>
 #include <fstream>
 #include <limits>
 #include <memory>
 #include <sstream>
+
+#include "platform/Files.h"
 
 namespace platform::plist {
 
@@ -306,10 +309,14 @@ plist_t toNode(const Value& value) {
       return plist_new_data(reinterpret_cast<const char*>(d.data()), d.size());
     }
     plist_t operator()(const Date& d) const {
-      double whole = std::floor(d.sinceReferenceDate);
+      // libplist keeps seconds in 32 bits: a date beyond that range is written at its edge.
+      double whole = std::clamp(std::floor(d.sinceReferenceDate), -2147483648.0, 2147483647.0);
+      if (!(whole == whole)) whole = 0;  // not a number
       return plist_new_date(
           static_cast<int32_t>(whole),
-          static_cast<int32_t>(std::lround((d.sinceReferenceDate - whole) * 1e6)));
+          static_cast<int32_t>(std::clamp(
+              std::lround((d.sinceReferenceDate - std::floor(d.sinceReferenceDate)) * 1e6), 0L,
+              999999L)));
     }
   };
   return std::visit(Visitor{}, value.content());
@@ -361,12 +368,10 @@ std::optional<Value> parse(std::string_view bytes) {
 }
 
 std::optional<Value> readFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) return std::nullopt;
-  std::ostringstream content;
-  content << file.rdbuf();
-  if (file.bad()) return std::nullopt;
-  return parse(content.str());
+  // Property lists found on a disk are small; a pipe or a huge file in their place is no plist.
+  auto content = readRegularFile(path, kMaxFileBytes);
+  if (!content.ok()) return std::nullopt;
+  return parse(*content);
 }
 
 std::string serialize(const Value& value, Format format) {

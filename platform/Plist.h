@@ -60,7 +60,11 @@ class Value {
 // input. Keyed-archive UIDs become integers.
 std::optional<Value> parse(std::string_view bytes);
 
-// Reads and parses the file at `path`; nothing when it can't be read or parsed.
+// The largest property list file `readFile` reads.
+inline constexpr std::size_t kMaxFileBytes = 16 * 1024 * 1024;
+
+// Reads and parses the file at `path`; nothing when it can't be read or parsed, isn't a regular
+// file (it is never waited for) or is larger than `kMaxFileBytes`.
 std::optional<Value> readFile(const std::string& path);
 
 enum class Format { xml, binary };

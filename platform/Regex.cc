@@ -54,6 +54,23 @@ std::optional<std::string> RegexMatch::group(std::string_view name) const {
   return group(*number);
 }
 
+namespace {
+
+// A match that runs away (a nested quantifier over a long text) is given up after about this
+// many steps of ICU's engine, on the order of milliseconds each, and counts as no match: an
+// expression read from a document must not hold a scan for seconds.
+constexpr int32_t kMatchTimeLimit = 100;
+
+std::unique_ptr<icu::RegexMatcher> limitedMatcher(const icu::RegexPattern& pattern) {
+  UErrorCode status = U_ZERO_ERROR;
+  std::unique_ptr<icu::RegexMatcher> matcher(pattern.matcher(status));
+  if (U_FAILURE(status) || !matcher) return nullptr;
+  matcher->setTimeLimit(kMatchTimeLimit, status);
+  return U_SUCCESS(status) ? std::move(matcher) : nullptr;
+}
+
+}  // namespace
+
 std::optional<Regex> Regex::compile(std::string_view pattern, bool caseInsensitive) {
   Utf8Text source(pattern);
   if (source.get() == nullptr) return std::nullopt;
@@ -73,10 +90,10 @@ std::optional<RegexMatch> Regex::firstMatch(std::string_view text) const {
   Utf8Text input(text);
   if (input.get() == nullptr) return std::nullopt;
   UErrorCode status = U_ZERO_ERROR;
-  std::unique_ptr<icu::RegexMatcher> matcher(pattern_->matcher(status));
-  if (U_FAILURE(status) || !matcher) return std::nullopt;
+  std::unique_ptr<icu::RegexMatcher> matcher = limitedMatcher(*pattern_);
+  if (!matcher) return std::nullopt;
   matcher->reset(input.get());
-  if (!matcher->find(status) || U_FAILURE(status)) return std::nullopt;
+  if (!matcher->find(status) || U_FAILURE(status)) return std::nullopt;  // U_REGEX_TIME_OUT too
 
   RegexMatch match;
   match.pattern_ = pattern_;
@@ -98,8 +115,8 @@ bool Regex::matches(std::string_view text) const {
   Utf8Text input(text);
   if (input.get() == nullptr) return false;
   UErrorCode status = U_ZERO_ERROR;
-  std::unique_ptr<icu::RegexMatcher> matcher(pattern_->matcher(status));
-  if (U_FAILURE(status) || !matcher) return false;
+  std::unique_ptr<icu::RegexMatcher> matcher = limitedMatcher(*pattern_);
+  if (!matcher) return false;
   matcher->reset(input.get());
   return matcher->find(status) && U_SUCCESS(status);
 }

@@ -53,7 +53,8 @@ class Regex {
   const std::string& pattern() const { return source_; }
   bool caseInsensitive() const { return caseInsensitive_; }
 
-  // The first match anywhere in `text`.
+  // The first match anywhere in `text`. A match that takes too long (catastrophic backtracking)
+  // is given up within tens of milliseconds and counts as no match.
   std::optional<RegexMatch> firstMatch(std::string_view text) const;
   bool matches(std::string_view text) const;
 

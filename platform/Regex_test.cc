@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <unordered_set>
 
 namespace platform {
@@ -83,6 +84,20 @@ TEST(RegexTest, EqualityAndHashFollowPatternAndOptions) {
   EXPECT_EQ(*a, *b);
   EXPECT_EQ(a->hash(), b->hash());
   EXPECT_FALSE(*a == *c);
+}
+
+// A document's expression that backtracks catastrophically must not hold a scan: it is given up
+// and counts as no match, while an ordinary match is unaffected.
+TEST(RegexTest, RunawayMatchesAreGivenUpAsNoMatch) {
+  auto runaway = Regex::compile("^(a+)+$", true);
+  ASSERT_TRUE(runaway);
+  std::string text = std::string(28, 'a') + "b";
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(runaway->matches(text));
+  EXPECT_FALSE(runaway->firstMatch(text));
+  // Without the limit this match takes seconds; with it, well under one.
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+  EXPECT_TRUE(runaway->matches(std::string(28, 'a')));
 }
 
 }  // namespace

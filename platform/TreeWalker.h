@@ -2,9 +2,11 @@
 
 // A depth-first walk of a file tree that never follows symbolic links. Each folder is opened
 // once and its entries are examined relative to its descriptor (openat, fstatat), so no path is
-// built unless a visitor asks for one. Trees of any depth are walked: when too many folders are
-// open, the shallowest are closed and reopened later, component by component, checked against
-// their device and inode.
+// built unless a visitor asks for one. Trees of any depth are walked within any descriptor limit:
+// one folder per level stays open while half the process's limit allows; past that, the
+// shallowest are closed and reopened on the way back up as ".." of the folder below (or from
+// the nearest open ancestor), always checked against their device and inode. A walk that runs
+// out of descriptors reports the folders it couldn't open as errors (EMFILE), never silently.
 
 #include <sys/stat.h>
 
@@ -33,6 +35,17 @@ class WalkVisitor {
   virtual void error(const std::string& path, int code) {}
 };
 
+// What a walk cost, for tests and benchmarks.
+struct WalkStatistics {
+  std::size_t folderOpens = 0;  // folders opened, reopenings included
+};
+
+// A path that couldn't be read, and why (an errno value).
+struct WalkError {
+  std::string path;
+  int code = 0;
+};
+
 struct WalkOptions {
   // Folders on another file system than the root's are passed over.
   bool stayOnFileSystem = false;
@@ -42,6 +55,8 @@ struct WalkOptions {
   // want regular files' sizes keep it true; walks that want names only may set it false, and
   // then `status` carries only the file type bits for entries the directory listing typed.
   bool statEntries = true;
+  // Filled in when given.
+  WalkStatistics* statistics = nullptr;
 };
 
 // Walks `root`. Gives false when the root itself can't be examined (the error is also reported

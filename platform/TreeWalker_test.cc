@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -131,11 +132,65 @@ TEST(TreeWalkerTest, TreesDeeperThanTheOpenFolderBudgetAndPathMaxAreWalkedWhole)
     int errors = 0;
     std::size_t longest = 0;
   } counter;
-  walkTree(tmp.path(), counter);
+  WalkStatistics statistics;
+  WalkOptions options;
+  options.statistics = &statistics;
+  walkTree(tmp.path(), counter, options);
   EXPECT_EQ(counter.files, 4 * kDepth);
   EXPECT_EQ(counter.total, 8 * kDepth);
   EXPECT_EQ(counter.errors, 0);
   EXPECT_GT(counter.longest, 4096u);
+  // Depth must cost what its folders cost: reopening from the root for each level would take
+  // hundreds of opens per folder here.
+  const std::size_t folders = 5 * kDepth + 1;
+  EXPECT_LT(statistics.folderOpens, 4 * folders);
+
+  // With a handful of descriptors the same tree is walked whole, and no more expensively.
+  struct rlimit saved {};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+  struct rlimit tight = saved;
+  tight.rlim_cur = 20;
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
+  Counter tightCounter;
+  WalkStatistics tightStatistics;
+  options.statistics = &tightStatistics;
+  walkTree(tmp.path(), tightCounter, options);
+  ::setrlimit(RLIMIT_NOFILE, &saved);
+  EXPECT_EQ(tightCounter.files, 4 * kDepth);
+  EXPECT_EQ(tightCounter.errors, 0);
+  EXPECT_LT(tightStatistics.folderOpens, 4 * folders);
+}
+
+// Out of descriptors altogether: what couldn't be opened is an error, never a silent gap.
+TEST(TreeWalkerTest, RunningOutOfDescriptorsIsReported) {
+  TempDir tmp;
+  tmp.write("root/a/f", "1");
+  tmp.write("root/b/f", "2");
+  RecordingVisitor visitor;
+  // A first walk with no shortage: the undefined-behaviour checker verifies a virtual call's
+  // target once per type, through a pipe, which it couldn't open with no descriptor left.
+  RecordingVisitor warmUp;
+  walkTree(tmp / "root", warmUp);
+  std::vector<int> hogs;
+  struct rlimit saved {};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+  struct rlimit tight = saved;
+  tight.rlim_cur = 64;
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
+  // Take every descriptor but one, for the root.
+  for (;;) {
+    int fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (fd < 0) break;
+    hogs.push_back(fd);
+  }
+  ::close(hogs.back());
+  hogs.pop_back();
+  walkTree(tmp / "root", visitor);
+  for (int fd : hogs) ::close(fd);
+  ::setrlimit(RLIMIT_NOFILE, &saved);
+  EXPECT_EQ(visitor.entries.size() + visitor.errors.size(), 2u);
+  for (const auto& [path, code] : visitor.errors) EXPECT_EQ(code, EMFILE) << path;
+  EXPECT_FALSE(visitor.errors.empty());
 }
 
 TEST(MetadataQueryTest, QueryStringsOfTheIndex) {

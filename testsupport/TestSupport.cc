@@ -3,11 +3,16 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/capability.h>
+#include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -20,9 +25,14 @@ namespace testsupport {
 
 namespace fs = std::filesystem;
 
-TempDir::TempDir() {
-  std::string pattern = (fs::temp_directory_path() / "ravelin-test-XXXXXX").string();
-  if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+TempDir::TempDir() : TempDir(fs::temp_directory_path().string()) {}
+
+TempDir::TempDir(const std::string& base) {
+  std::string pattern = (fs::path(base) / "ravelin-test-XXXXXX").string();
+  if (::mkdtemp(pattern.data()) == nullptr) {
+    pattern = (fs::temp_directory_path() / "ravelin-test-XXXXXX").string();
+    if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+  }
   path_ = pattern;
 }
 
@@ -107,11 +117,78 @@ void withoutPermissionOverride(const std::function<void()>& body) {
   thread.join();
 }
 
+AsUnprivilegedUser::AsUnprivilegedUser()
+    : ok_(::geteuid() == 0 && ::setresgid(65534, 65534, 0) == 0 &&
+          ::setresuid(65534, 65534, 0) == 0) {}
+
+AsUnprivilegedUser::~AsUnprivilegedUser() {
+  if (::setresuid(0, 0, 0) == 0) ::setresgid(0, 0, 0);
+}
+
+ChildProcess::ChildProcess(std::vector<std::string> argv, const std::string& waitFor) {
+  std::vector<char*> pointers;
+  for (auto& argument : argv) pointers.push_back(argument.data());
+  pointers.push_back(nullptr);
+  pid_ = ::fork();
+  if (pid_ == 0) {
+    ::execv(pointers[0], pointers.data());
+    ::_exit(127);
+  }
+  if (waitFor.empty()) return;
+  // A socket's file appears when the server binds it, a moment before it listens: wait until a
+  // connection is taken, not only for the file. A loaded machine may take seconds.
+  auto ready = [&] {
+    struct stat status {};
+    if (::stat(waitFor.c_str(), &status) != 0) return false;
+    if (!S_ISSOCK(status.st_mode)) return true;
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, waitFor.c_str(), sizeof(address.sun_path) - 1);
+    bool taken = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+    ::close(fd);
+    return taken;
+  };
+  for (int i = 0; i < 1000 && !ready(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+}
+
+ChildProcess::~ChildProcess() { kill(); }
+
+void ChildProcess::kill() {
+  if (pid_ <= 0) return;
+  ::kill(pid_, SIGKILL);
+  ::waitpid(pid_, nullptr, 0);
+  pid_ = -1;
+}
+
 std::string randomBytes(std::size_t n, unsigned seed) {
   std::mt19937 random(seed);
   std::string bytes(n, '\0');
   for (auto& b : bytes) b = static_cast<char>(random());
   return bytes;
+}
+
+FifoGuard::FifoGuard(std::string path, std::chrono::milliseconds timeout) : path_(std::move(path)) {
+  if (::mkfifo(path_.c_str(), 0644) != 0) throw std::runtime_error("mkfifo " + path_);
+  thread_ = std::thread([this, timeout] {
+    std::unique_lock lock(mutex_);
+    if (done_.wait_for(lock, timeout, [this] { return finished_; })) return;
+    fired_.store(true);
+    // Whatever waits for a writer gets one, and then the end of the stream.
+    int fd = ::open(path_.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd >= 0) ::close(fd);
+  });
+}
+
+FifoGuard::~FifoGuard() {
+  {
+    std::lock_guard lock(mutex_);
+    finished_ = true;
+  }
+  done_.notify_all();
+  thread_.join();
 }
 
 bool drainMainUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {

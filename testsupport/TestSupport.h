@@ -2,12 +2,15 @@
 
 // Helpers shared by the test binaries: temporary trees, main-queue draining and recorders.
 
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -21,6 +24,9 @@ namespace testsupport {
 class TempDir {
  public:
   TempDir();
+  // Under `base` instead of the system's temporary folder (for instance "/dev/shm", where a
+  // test needs many files made fast); the system's when `base` isn't a writable folder.
+  explicit TempDir(const std::string& base);
   ~TempDir();
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
@@ -45,8 +51,59 @@ class TempDir {
 // tests use it so that they test something when the suite runs as root.
 void withoutPermissionOverride(const std::function<void()>& body);
 
+// While alive, the whole process (every thread, the queues' workers too) acts as the
+// unprivileged user 65534, keeping root as its saved user to go back to. Needs root; `ok()` says
+// whether the switch was made. Folders the test makes must be open to that user.
+class AsUnprivilegedUser {
+ public:
+  AsUnprivilegedUser();
+  ~AsUnprivilegedUser();
+  AsUnprivilegedUser(const AsUnprivilegedUser&) = delete;
+  AsUnprivilegedUser& operator=(const AsUnprivilegedUser&) = delete;
+  bool ok() const { return ok_; }
+
+ private:
+  bool ok_;
+};
+
+// A program started by a test in a process of its own, killed and reaped when the value goes
+// away. With `waitFor`, the constructor waits (up to ten seconds) for that path to appear, and
+// when it is a socket, until the server behind it takes a connection.
+class ChildProcess {
+ public:
+  explicit ChildProcess(std::vector<std::string> argv, const std::string& waitFor = "");
+  ~ChildProcess();
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+  void kill();
+
+ private:
+  int pid_ = -1;
+};
+
 // `n` bytes of deterministic noise: different seeds give different contents of the same size.
 std::string randomBytes(std::size_t n, unsigned seed);
+
+// Makes a FIFO at `path` and stands guard over it: should anything still be blocked opening or
+// reading it when `timeout` has passed, the guard opens it for writing and closes it, so that a
+// test that would hang fails instead. `fired()` says whether that was needed.
+class FifoGuard {
+ public:
+  explicit FifoGuard(std::string path,
+                     std::chrono::milliseconds timeout = std::chrono::seconds(10));
+  ~FifoGuard();
+  FifoGuard(const FifoGuard&) = delete;
+  FifoGuard& operator=(const FifoGuard&) = delete;
+  bool fired() const { return fired_.load(); }
+
+ private:
+  std::string path_;
+  std::mutex mutex_;
+  std::condition_variable done_;
+  bool finished_ = false;
+  std::atomic<bool> fired_{false};
+  std::thread thread_;
+};
 
 // Drains the main queue until `done` or the timeout; gives `done()`.
 bool drainMainUntil(const std::function<bool()>& done,

@@ -41,7 +41,35 @@ void BM_AllTogether(benchmark::State& state) {
   }
 }
 
+// A generated document of N rules (60,000 is about the most that fits the 8 MiB a document may
+// have), each with a cache folder under one shared folder and a
+// support folder under another: compiling must stay near linear in the number of path strings,
+// however many siblings a folder level gets.
+void BM_CompileGeneratedRules(benchmark::State& state) {
+  std::string document;
+  for (std::int64_t i = 0; i < state.range(0); ++i) {
+    std::string id = "org.example.app" + std::to_string(i);
+    document += id + ": {caches: {cache: [Home/.cache/" + id + "]}, support: {support: [Lib/" + id +
+                "]}}\n";
+  }
+  std::string error;
+  auto manager = Core::RuleManager::load(document, platform::Locations::fromEnvironment(), &error);
+  if (!manager) {
+    state.SkipWithError(error.c_str());
+    return;
+  }
+  for (auto _ : state) benchmark::DoNotOptimize(Core::AppFileRule(true, *manager));
+  state.SetComplexityN(state.range(0));
+}
+
 BENCHMARK(BM_LoadRuleDocument)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_CompileGeneratedRules)
+    ->Arg(10000)
+    ->Arg(20000)
+    ->Arg(40000)
+    ->Arg(60000)
+    ->Unit(benchmark::kMillisecond)
+    ->Complexity();
 BENCHMARK(BM_CompileMatcherForest)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_LoadPublicSuffixList)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_AllTogether)->Unit(benchmark::kMillisecond);

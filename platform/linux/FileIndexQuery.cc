@@ -26,6 +26,7 @@ struct Gathering {
   std::atomic<bool> stop{false};
   std::mutex mutex;
   std::vector<MetadataItem> found;  // items not yet handed to `results`
+  std::vector<WalkError> errors;    // likewise for `errors`
 };
 
 class Collector final : public WalkVisitor {
@@ -61,6 +62,11 @@ class Collector final : public WalkVisitor {
       return false;
     }
     return true;
+  }
+
+  void error(const std::string& path, int code) override {
+    std::lock_guard lock(gathering_.mutex);
+    gathering_.errors.push_back(WalkError{path, code});
   }
 
   void flush() {
@@ -115,6 +121,7 @@ class FileIndexQuery final : public MetadataQuery {
   void startQuery() override {
     stopQuery();
     results_.clear();
+    errors_.clear();
     auto gathering = std::make_shared<Gathering>();
     gathering_ = gathering;
     std::vector<std::string> scopes = scopes_;
@@ -164,6 +171,7 @@ class FileIndexQuery final : public MetadataQuery {
   }
 
   const std::vector<MetadataItem>& results() const override { return results_; }
+  std::vector<WalkError> errors() const override { return errors_; }
 
  private:
   void take(Gathering& gathering, bool finished) {
@@ -171,6 +179,8 @@ class FileIndexQuery final : public MetadataQuery {
       std::lock_guard lock(gathering.mutex);
       for (auto& item : gathering.found) results_.push_back(std::move(item));
       gathering.found.clear();
+      for (auto& error : gathering.errors) errors_.push_back(std::move(error));
+      gathering.errors.clear();
     }
     if (finished && sortDescending_) {
       std::sort(results_.begin(), results_.end(), [](const MetadataItem& a, const MetadataItem& b) {
@@ -190,6 +200,7 @@ class FileIndexQuery final : public MetadataQuery {
   std::function<void()> didFinish_;
   std::shared_ptr<Gathering> gathering_;
   std::vector<MetadataItem> results_;
+  std::vector<WalkError> errors_;
 };
 
 }  // namespace
@@ -227,9 +238,12 @@ bool isPackage(const std::string& path) {
       "xcodeproj",    "xcworkspace", "xpc"};
   std::size_t end = path.size();
   while (end > 1 && path[end - 1] == '/') --end;
+  if (end == 0) return false;
   std::size_t slash = path.rfind('/', end - 1);
+  std::size_t nameStart = slash == std::string::npos ? 0 : slash + 1;
   std::size_t dot = path.rfind('.', end - 1);
-  if (dot == std::string::npos || (slash != std::string::npos && dot <= slash + 1)) return false;
+  // A name that is nothing but the extension (Bundler's ".bundle" folder) is a hidden folder.
+  if (dot == std::string::npos || dot < nameStart + 1) return false;
   std::string extension = path.substr(dot + 1, end - dot - 1);
   for (auto& c : extension) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return kPackageExtensions.count(extension) > 0;

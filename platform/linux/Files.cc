@@ -3,9 +3,11 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 
 namespace platform {
@@ -49,6 +51,57 @@ FileStatus statusOf(const struct stat& st) {
 }
 
 }  // namespace
+
+std::uint64_t mountIdentifier(int folder, const char* name) {
+  struct statx status {};
+  if (::statx(folder, name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_MNT_ID, &status) != 0 ||
+      (status.stx_mask & STATX_MNT_ID) == 0) {
+    return 0;
+  }
+  return status.stx_mnt_id;
+}
+
+Result<std::string> readRegularFile(const std::string& path, std::size_t maxBytes, Follow follow) {
+  int flags = O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
+  if (follow == Follow::no) flags |= O_NOFOLLOW;
+  int fd = ::open(path.c_str(), flags);
+  if (fd < 0) return Error{errno};
+  struct stat st;
+  if (::fstat(fd, &st) != 0) {
+    int code = errno;
+    ::close(fd);
+    return Error{code};
+  }
+  if (!S_ISREG(st.st_mode)) {
+    ::close(fd);
+    return Error{EINVAL};
+  }
+  if (static_cast<std::uint64_t>(st.st_size) > maxBytes) {
+    ::close(fd);
+    return Error{EFBIG};
+  }
+  std::string content;
+  content.reserve(static_cast<std::size_t>(st.st_size));
+  char buffer[16384];
+  for (;;) {
+    ssize_t n = ::read(fd, buffer, sizeof(buffer));
+    if (n > 0) {
+      content.append(buffer, static_cast<std::size_t>(n));
+      if (content.size() > maxBytes) {  // grew while being read
+        ::close(fd);
+        return Error{EFBIG};
+      }
+    } else if (n == 0) {
+      break;
+    } else if (errno != EINTR) {
+      int code = errno;
+      ::close(fd);
+      return Error{code};
+    }
+  }
+  ::close(fd);
+  return content;
+}
 
 Result<std::vector<DirectoryEntry>> listDirectory(const std::string& path, Follow follow) {
   int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
@@ -108,6 +161,11 @@ Result<FileStatus> fileStatus(const std::string& path, Follow follow) {
   int rc = follow == Follow::no ? ::lstat(path.c_str(), &st) : ::stat(path.c_str(), &st);
   if (rc != 0) return Error{errno};
   return statusOf(st);
+}
+
+bool isOnReadOnlyMount(const std::string& path) {
+  struct statvfs info {};
+  return ::statvfs(path.c_str(), &info) == 0 && (info.f_flag & ST_RDONLY) != 0;
 }
 
 bool fileExists(const std::string& path, Follow follow) { return fileStatus(path, follow).ok(); }

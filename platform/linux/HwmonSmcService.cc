@@ -156,7 +156,8 @@ class HwmonSmcService final : public SmcService {
       add("TC0P", "sp78", 2, [package](std::uint8_t* out) {
         auto milli = readInteger(package);
         if (!milli) return false;
-        long value = std::clamp<long>(std::lround(*milli * 256.0 / 1000.0), 0, 0xFFFF);
+        long value = std::lround(std::clamp<double>(static_cast<double>(*milli), 0, 255999) *
+                                 256.0 / 1000.0);
         out[0] = static_cast<std::uint8_t>(value >> 8);
         out[1] = static_cast<std::uint8_t>(value & 0xFF);
         return true;
@@ -230,7 +231,8 @@ class HwmonSmcService final : public SmcService {
     add(key, "fpe2", 2, [file](std::uint8_t* out) {
       auto rpm = readInteger(file);
       if (!rpm) return false;
-      long value = std::clamp<long>(*rpm * 4, 0, 0xFFFF);
+      // Clamped before scaling: a sysfs value of any size must not overflow the multiplication.
+      long value = std::clamp<std::int64_t>(*rpm, 0, 0xFFFF / 4) * 4;
       out[0] = static_cast<std::uint8_t>(value >> 8);
       out[1] = static_cast<std::uint8_t>(value & 0xFF);
       return true;

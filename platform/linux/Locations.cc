@@ -135,6 +135,14 @@ std::vector<std::string> mountTrashFolders(const std::vector<MountPoint>& mounts
   return folders;
 }
 
+std::string underRootPath(const std::string& root, const std::string& path) {
+  if (root.empty() || root == "/") return path;
+  std::string base = root;
+  while (base.size() > 1 && base.back() == '/') base.pop_back();
+  if (path.empty() || path == "/") return base;
+  return base + (path.front() == '/' ? path : "/" + path);
+}
+
 Locations Locations::fromEnvironment() {
   Locations l;
   l.home = environment("HOME");
@@ -147,6 +155,7 @@ Locations Locations::fromEnvironment() {
   l.temporary = "/tmp";
   l.systemCaches = "/var/cache";
   l.systemLogs = "/var/log";
+  l.crashReports = "/var/crash";
 
   l.trashes.push_back(joinPath(l.library, "Trash/files"));
   std::string mountinfo = readSmallFile("/proc/self/mountinfo").value_or("");
@@ -165,6 +174,46 @@ Locations Locations::fromEnvironment() {
   appendUnique(l.applications, joinPath(l.library, "flatpak/exports/share/applications"));
   appendUnique(l.applications, "/var/lib/flatpak/exports/share/applications");
   appendUnique(l.applications, "/var/lib/snapd/desktop/applications");
+
+  l.flatpakAppData = joinPath(l.home, ".var/app");
+  l.flatpakInstallations = {joinPath(l.library, "flatpak"), "/var/lib/flatpak"};
+  l.snapMounts = "/snap";
+  l.autostart = {joinPath(l.configHome, "autostart")};
+  std::string configDirs = environment("XDG_CONFIG_DIRS");
+  if (configDirs.empty()) configDirs = "/etc/xdg";
+  for (const auto& dir : splitPaths(configDirs))
+    appendUnique(l.autostart, joinPath(dir, "autostart"));
+  l.userUnits = joinPath(l.configHome, "systemd/user");
+  l.globalUserUnits = "/etc/systemd/user";
+  l.systemUnits = "/etc/systemd/system";
+  std::string path = environment("PATH");
+  if (path.empty()) path = "/usr/local/bin:/usr/bin:/bin:/usr/local/games:/usr/games";
+  for (const auto& dir : splitPaths(path)) appendUnique(l.commandFolders, dir);
+  // Programs installed for the user alone, and the system's own folders, count even when this
+  // process was started with a short PATH.
+  for (const auto& dir : {joinPath(l.home, ".local/bin"), std::string("/usr/local/sbin"),
+                          std::string("/usr/local/bin"), std::string("/usr/sbin"),
+                          std::string("/usr/bin"), std::string("/sbin"), std::string("/bin"),
+                          std::string("/usr/games"), std::string("/snap/bin")}) {
+    appendUnique(l.commandFolders, dir);
+  }
+  return l;
+}
+
+Locations Locations::fromEnvironment(const std::string& root) {
+  Locations l = fromEnvironment();
+  if (root.empty()) return l;
+  auto put = [&](std::string& path) { path = underRootPath(root, path); };
+  for (auto* path : {&l.home, &l.library, &l.configHome, &l.cacheHome, &l.temporary,
+                     &l.systemCaches, &l.systemLogs, &l.crashReports, &l.flatpakAppData,
+                     &l.snapMounts, &l.userUnits, &l.globalUserUnits, &l.systemUnits}) {
+    put(*path);
+  }
+  l.trashes = {joinPath(l.library, "Trash/files")};
+  for (auto* list : {&l.applications, &l.flatpakInstallations, &l.commandFolders, &l.autostart}) {
+    for (auto& path : *list) put(path);
+  }
+  l.root = underRootPath(root, "/");
   return l;
 }
 
@@ -177,8 +226,21 @@ Locations Locations::underRoot(const std::string& root) {
   l.temporary = joinPath(root, "tmp");
   l.systemCaches = joinPath(root, "var/cache");
   l.systemLogs = joinPath(root, "var/log");
+  l.crashReports = joinPath(root, "var/crash");
   l.trashes = {joinPath(l.library, "Trash/files")};
-  l.applications = {joinPath(l.library, "applications"), joinPath(root, "usr/share/applications")};
+  l.flatpakInstallations = {joinPath(l.library, "flatpak"), joinPath(root, "var/lib/flatpak")};
+  l.applications = {joinPath(l.library, "applications"), joinPath(root, "usr/share/applications"),
+                    joinPath(l.flatpakInstallations[0], "exports/share/applications"),
+                    joinPath(l.flatpakInstallations[1], "exports/share/applications")};
+  l.flatpakAppData = joinPath(l.home, ".var/app");
+  l.snapMounts = joinPath(root, "snap");
+  l.autostart = {joinPath(l.configHome, "autostart"), joinPath(root, "etc/xdg/autostart")};
+  l.userUnits = joinPath(l.configHome, "systemd/user");
+  l.globalUserUnits = joinPath(root, "etc/systemd/user");
+  l.systemUnits = joinPath(root, "etc/systemd/system");
+  l.commandFolders = {joinPath(l.home, ".local/bin"), joinPath(root, "usr/local/bin"),
+                      joinPath(root, "usr/bin"), joinPath(root, "bin")};
+  l.root = root;
   return l;
 }
 

@@ -2,10 +2,14 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <vector>
@@ -14,8 +18,21 @@ namespace platform {
 
 namespace {
 
-// Folders kept open at once; deeper folders close the shallowest.
-constexpr std::size_t kMaxOpenFolders = 64;
+// Folders kept open at once, at most: one per level of the walk while the process's descriptor
+// limit allows (half of it, leaving the rest to the caller); deeper folders close the shallowest.
+constexpr std::size_t kMaxOpenFolders = 4096;
+
+std::size_t folderBudget() {
+  struct rlimit limit {};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) {
+    return kMaxOpenFolders;
+  }
+  return std::clamp<std::size_t>(static_cast<std::size_t>(limit.rlim_cur / 2), 2, kMaxOpenFolders);
+}
+
+bool outOfDescriptors(int code) { return code == EMFILE || code == ENFILE; }
+
+constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 struct LinuxDirent64 {
   ino64_t d_ino;
@@ -30,7 +47,7 @@ struct Frame {
   dev_t device = 0;
   ino_t inode = 0;
   std::string name;                  // component below the parent frame
-  std::string path;                  // full path of the folder
+  std::size_t pathLength = 0;        // length of the folder's path in the walker's path
   std::vector<std::string> folders;  // subfolders still to enter
   std::size_t next = 0;
 };
@@ -38,7 +55,11 @@ struct Frame {
 class Walker {
  public:
   Walker(const std::string& root, WalkVisitor& visitor, const WalkOptions& options)
-      : root_(root), visitor_(visitor), options_(options), buffer_(new char[kBufferSize]) {}
+      : root_(root),
+        visitor_(visitor),
+        options_(options),
+        buffer_(new char[kBufferSize]),
+        budget_(folderBudget()) {}
 
   ~Walker() {
     for (auto& frame : stack_) closeFrame(frame);
@@ -54,18 +75,18 @@ class Walker {
       visitor_.entry("", root_, status);
       return true;
     }
-    int fd = ::open(root_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    int fd = openFolder(AT_FDCWD, root_.c_str());
     if (fd < 0) {
       visitor_.error(root_, errno);
       return false;
     }
     rootDevice_ = status.st_dev;
-    push(fd, status, root_, root_);
+    path_ = root_;
+    push(fd, status, root_);
     while (!stack_.empty() && !stopped()) {
       Frame& top = stack_.back();
       if (top.next == top.folders.size()) {
-        closeFrame(top);
-        stack_.pop_back();
+        leave();
         continue;
       }
       std::string name = std::move(top.folders[top.next++]);
@@ -89,33 +110,70 @@ class Walker {
     }
   }
 
-  // The descriptor of the frame at `index`, reopening it (and the closed frames above it) from
-  // the nearest open ancestor when it was closed to make room.
+  // Pops the finished folder on top. When the folder below it was closed to make room, it is
+  // reopened as ".." of the finished one, checked by device and inode: going back up a deep tree
+  // then costs one open per level, not a walk down from the root for each.
+  void leave() {
+    Frame& done = stack_.back();
+    if (stack_.size() >= 2 && stack_[stack_.size() - 2].fd < 0 && done.fd >= 0) {
+      if (options_.statistics != nullptr) ++options_.statistics->folderOpens;
+      int parent = ::openat(done.fd, "..", kFolderFlags);
+      closeFrame(done);
+      if (parent >= 0 && sameFolder(parent, stack_[stack_.size() - 2])) {
+        stack_[stack_.size() - 2].fd = parent;
+        ++open_;
+      } else if (parent >= 0) {
+        ::close(parent);
+      }
+    } else {
+      closeFrame(done);
+    }
+    stack_.pop_back();
+    if (!stack_.empty()) path_.resize(stack_.back().pathLength);
+  }
+
+  // The descriptor of the frame at `index`, reopening it when it was closed to make room: from
+  // the nearest ancestor that is still open, each folder on the way checked by device and inode
+  // and kept open while the budget allows.
   int descriptor(std::size_t index) {
     if (stack_[index].fd >= 0) return stack_[index].fd;
     std::size_t base = index;
     while (base > 0 && stack_[base].fd < 0) --base;
     int fd = stack_[base].fd;
-    bool owned = false;
     if (fd < 0) {  // even the root was closed
-      fd = ::open(root_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-      owned = true;
+      fd = openFolder(AT_FDCWD, root_.c_str());
       if (fd < 0 || !sameFolder(fd, stack_[0])) return closeAndFail(fd);
+      adopt(0, fd);
     }
     for (std::size_t i = base + 1; i <= index; ++i) {
-      int next =
-          ::openat(fd, stack_[i].name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-      if (owned) ::close(fd);
+      int next = openFolder(fd, stack_[i].name.c_str());
       if (next < 0 || !sameFolder(next, stack_[i])) return closeAndFail(next);
+      adopt(i, next);
       fd = next;
-      owned = true;
     }
-    makeRoom();
-    stack_[index].fd = fd;
-    ++open_;
     return fd;
   }
 
+  // Gives the frame at `index` its reopened descriptor, keeping the frames below `index` only
+  // while there is room (the one asked for always stays).
+  void adopt(std::size_t index, int fd) {
+    stack_[index].fd = fd;
+    ++open_;
+    makeRoom(index);
+  }
+
+  // `openat` of a folder that makes room and tries again when the process is out of descriptors.
+  int openFolder(int at, const char* name) {
+    for (;;) {
+      if (options_.statistics != nullptr) ++options_.statistics->folderOpens;
+      int fd = ::openat(at, name, kFolderFlags);
+      if (fd >= 0 || !outOfDescriptors(errno)) return fd;
+      if (!closeShallowest(stack_.size(), at)) {
+        errno = EMFILE;
+        return -1;
+      }
+    }
+  }
   static bool sameFolder(int fd, const Frame& frame) {
     struct stat status;
     return ::fstat(fd, &status) == 0 && status.st_dev == frame.device &&
@@ -127,51 +185,75 @@ class Walker {
     return -1;
   }
 
-  // Closes the shallowest open folder when the budget is spent. The folder on top of the stack
-  // is never closed, so the walk always has its current folder at hand.
-  void makeRoom() {
-    if (open_ < kMaxOpenFolders) return;
+  // Closes the shallowest open folders while the budget is spent. The folder on top of the stack
+  // and the one at `keep` are never closed, so the walk always has its current folder at hand.
+  void makeRoom(std::size_t keep = SIZE_MAX) {
+    while (open_ > budget_) {
+      if (!closeShallowest(keep)) return;
+    }
+  }
+
+  // Closes the shallowest open folder other than the top, `keep` and the descriptor `inUse`;
+  // false when there is none.
+  bool closeShallowest(std::size_t keep, int inUse = -1) {
     for (std::size_t i = 0; i + 1 < stack_.size(); ++i) {
-      if (stack_[i].fd >= 0) {
+      if (i != keep && stack_[i].fd >= 0 && stack_[i].fd != inUse) {
         closeFrame(stack_[i]);
-        return;
+        return true;
       }
     }
+    return false;
   }
 
   void enter(const std::string& name) {
     std::size_t parentIndex = stack_.size() - 1;
-    std::string parentPath = stack_[parentIndex].path;
+    // The path of the folder on top is `path_`; the child's is made by appending to it, and
+    // taken back when the child isn't entered, so a deep tree costs no copies of long paths.
+    const std::size_t parentLength = path_.size();
     int parent = descriptor(parentIndex);
-    std::string path = parentPath.back() == '/' ? parentPath + name : parentPath + "/" + name;
+    if (path_.back() != '/') path_ += '/';
+    path_ += name;
     if (parent < 0) {
-      visitor_.error(path, ENOENT);  // the folder above was moved or removed meanwhile
+      // The folder above was moved or removed meanwhile, or no descriptor could be had.
+      visitor_.error(path_, outOfDescriptors(errno) ? errno : ENOENT);
+      path_.resize(parentLength);
       return;
     }
-    int fd = ::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    int fd = openFolder(parent, name.c_str());
     if (fd < 0) {
       // Replaced by something that isn't a folder since it was listed: nothing to walk.
-      if (errno != ENOTDIR && errno != ELOOP && errno != ENOENT) visitor_.error(path, errno);
+      if (errno != ENOTDIR && errno != ELOOP && errno != ENOENT) visitor_.error(path_, errno);
+      path_.resize(parentLength);
       return;
     }
     struct stat status;
     if (::fstat(fd, &status) != 0) {
-      visitor_.error(path, errno);
+      visitor_.error(path_, errno);
       ::close(fd);
+      path_.resize(parentLength);
       return;
     }
-    if ((options_.stayOnFileSystem && status.st_dev != rootDevice_) ||
-        !visitor_.enterFolder(parentPath, name, status)) {
+    bool wanted = !(options_.stayOnFileSystem && status.st_dev != rootDevice_);
+    if (wanted) {
+      // The visitor is given the parent's path, as for entries.
+      path_.resize(parentLength);
+      wanted = visitor_.enterFolder(path_, name, status);
+      if (wanted) {
+        if (path_.back() != '/') path_ += '/';
+        path_ += name;
+      }
+    }
+    if (!wanted) {
       ::close(fd);
+      path_.resize(parentLength);
       return;
     }
+    push(fd, status, name);
     makeRoom();
-    push(fd, status, name, std::move(path));
   }
 
-  void push(int fd, const struct stat& status, std::string name, std::string path) {
-    stack_.push_back(
-        Frame{fd, status.st_dev, status.st_ino, std::move(name), std::move(path), {}, 0});
+  void push(int fd, const struct stat& status, std::string name) {
+    stack_.push_back(Frame{fd, status.st_dev, status.st_ino, std::move(name), path_.size(), {}, 0});
     ++open_;
     list(stack_.back());
   }
@@ -184,7 +266,7 @@ class Walker {
       if (n == 0) break;
       if (n < 0) {
         if (errno == EINTR) continue;
-        visitor_.error(frame.path, errno);
+        visitor_.error(path_, errno);
         break;
       }
       for (long offset = 0; offset < n;) {
@@ -206,7 +288,7 @@ class Walker {
     struct stat status;
     if (type == DT_UNKNOWN || options_.statEntries) {
       if (::fstatat(frame.fd, name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
-        if (errno != ENOENT) visitor_.error(frame.path + "/" + name, errno);
+        if (errno != ENOENT) visitor_.error(path_ + "/" + name, errno);
         return;  // ENOENT: removed since it was listed
       }
       if (S_ISDIR(status.st_mode)) {
@@ -217,7 +299,7 @@ class Walker {
       std::memset(&status, 0, sizeof(status));
       status.st_mode = DTTOIF(type);
     }
-    visitor_.entry(frame.path, name, status);
+    visitor_.entry(path_, name, status);
   }
 
   const std::string root_;
@@ -225,7 +307,9 @@ class Walker {
   const WalkOptions options_;
   std::unique_ptr<char[]> buffer_;
   std::vector<Frame> stack_;
+  std::string path_;  // the path of the folder on top of the stack
   std::size_t open_ = 0;
+  const std::size_t budget_;
   dev_t rootDevice_ = 0;
 };
 

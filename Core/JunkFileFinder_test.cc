@@ -1,0 +1,285 @@
+#include "Core/JunkFileFinder.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <map>
+#include <mutex>
+#include <set>
+
+#include "platform/Locations.h"
+#include "resources/Resources.h"
+#include "testsupport/TestSupport.h"
+
+namespace Core {
+namespace {
+
+using testsupport::TempDir;
+
+// A file index that answers with the items the test gives, as soon as it is started.
+class CannedQuery final : public platform::MetadataQuery {
+ public:
+  explicit CannedQuery(std::vector<platform::MetadataItem> items) : items_(std::move(items)) {}
+  void setPredicate(platform::MetadataPredicate) override {}
+  void setSearchScopes(std::vector<std::string>) override {}
+  void setNotificationBatchingInterval(std::chrono::milliseconds) override {}
+  void setSortBySizeDescending(bool) override {}
+  void setDidUpdate(std::function<void()>) override {}
+  void setDidFinishGathering(std::function<void()> handler) override { finish_ = handler; }
+  void startQuery() override { platform::DispatchQueue::main().async(finish_); }
+  void stopQuery() override {}
+  const std::vector<platform::MetadataItem>& results() const override { return items_; }
+
+ private:
+  std::vector<platform::MetadataItem> items_;
+  std::function<void()> finish_;
+};
+
+// What a scan reported, by category, as paths relative to the fixture root.
+class Recorder final : public JunkFileFinderDelegate {
+ public:
+  explicit Recorder(std::string root) : root_(std::move(root)) {}
+
+  void junkFileFinderCurrentURL(const std::string&) override {}
+  void junkFileFinderProgress(double) override {}
+  void junkFileFinderFoundSystemCache(const File& file) override { add("cache", file); }
+  void junkFileFinderFoundLog(const File& file) override { add("log", file); }
+  void junkFileFinderFoundTrashItem(const File& file) override { add("trash", file); }
+  void junkFileFinderDidFinishSystemFiles() override { events.push_back("system files"); }
+  void junkFileFinderFoundDiskImages(const std::vector<File>& files) override {
+    events.push_back("disk images");
+    for (const auto& file : files) add("image", file);
+  }
+  void junkFileFinderFoundAppJunk(const MacAppJunkFile& junk) override {
+    for (const auto& file : junk.files)
+      add("app " + junk.bundleID.origin(), File{file.url, file.size});
+  }
+  void junkFileFinderFoundOrphanJunk(const AppJunkFile& junk) override {
+    for (const auto& file : junk.files)
+      add("orphan " + junk.id.origin(), File{file.url, file.size});
+  }
+  void junkFileFinderFoundBrowserJunk(const MacAppJunkFile& junk) override {
+    events.push_back("browser");
+    for (const auto& file : junk.files)
+      add("browser " + junk.bundleID.origin(), File{file.url, file.size});
+  }
+  void junkFileFinderDidFinish() override {
+    events.push_back("finish");
+    finished = true;
+  }
+
+  std::map<std::string, std::set<std::string>> found() {
+    std::lock_guard lock(mutex_);
+    return found_;
+  }
+  std::int64_t size(const std::string& path) {
+    std::lock_guard lock(mutex_);
+    return sizes_[path];
+  }
+
+  std::size_t count(const std::string& category) {
+    std::lock_guard lock(mutex_);
+    return reported_[category];
+  }
+
+  std::vector<std::string> events;  // main queue only
+  bool finished = false;
+
+ private:
+  void add(const std::string& category, const File& file) {
+    std::lock_guard lock(mutex_);  // the categories report on the scan queue
+    std::string path = file.url.substr(std::min(file.url.size(), root_.size() + 1));
+    found_[category].insert(path);
+    ++reported_[category];
+    sizes_[path] = file.size;
+  }
+  std::string root_;
+  std::mutex mutex_;
+  std::map<std::string, std::set<std::string>> found_;
+  std::map<std::string, std::int64_t> sizes_;
+  std::map<std::string, std::size_t> reported_;
+};
+
+class JunkFileFinderTest : public ::testing::Test {
+ protected:
+  JunkFileFinderTest() : locations_(platform::Locations::underRoot(tmp_.path())) {
+    platform::setCurrentLocations(locations_);
+  }
+  ~JunkFileFinderTest() override {
+    platform::setCurrentLocations(platform::Locations::fromEnvironment());
+  }
+
+  std::shared_ptr<JunkFileFinder> makeFinder(const std::string& document,
+                                             std::vector<platform::MetadataItem> images = {}) {
+    std::string error;
+    auto manager = RuleManager::load(document, locations_, &error);
+    EXPECT_TRUE(manager) << error;
+    auto finder =
+        JunkFileFinder::create(std::make_shared<RuleManager>(std::move(*manager)),
+                               [images] { return std::make_unique<CannedQuery>(images); });
+    recorder_ = std::make_shared<Recorder>(tmp_.path());
+    finder->delegate = recorder_;
+    return finder;
+  }
+
+  void runToTheEnd(JunkFileFinder& finder) {
+    finder.start();
+    ASSERT_TRUE(testsupport::drainMainUntil([&] { return recorder_->finished; }));
+  }
+
+  void desktopEntry(const std::string& id) {
+    tmp_.write("usr/share/applications/" + id + ".desktop",
+               "[Desktop Entry]\nType=Application\nName=" + id + "\nExec=" + id + "\n");
+  }
+
+  TempDir tmp_;
+  platform::Locations locations_;
+  std::shared_ptr<Recorder> recorder_;
+};
+
+TEST_F(JunkFileFinderTest, EachCategoryHoldsOnlyWhatCanGoWithoutLoss) {
+  tmp_.write("var/cache/apt/archives/vim_9.0_amd64.deb", std::string(1000, 'd'));
+  tmp_.write("var/cache/man/index.db", "man");
+  for (const char* kept :
+       {"debconf/config.dat", "cracklib/cracklib_dict.pwd", "dictionaries-common/hunspell.db",
+        "ldconfig/aux-cache", "bind/db.zone"}) {
+    tmp_.write(std::string("var/cache/") + kept, "keep");
+  }
+  tmp_.write("var/crash/_usr_bin_app.0.crash", "crash");
+  const std::set<std::string> rotated = {"var/log/syslog.1",
+                                         "var/log/syslog.2.gz",
+                                         "var/log/dpkg.log.1",
+                                         "var/log/Xorg.0.log.old",
+                                         "var/log/messages-20261101",
+                                         "var/log/apt/history.log.1.gz",
+                                         "var/log/auth.log.3.xz",
+                                         "var/log/journal/abc/system@0001-0002.journal",
+                                         "var/log/journal/abc/user-1000@0003.journal~"};
+  for (const auto& path : rotated) tmp_.write(path, "old");
+  for (const char* live :
+       {"syslog", "dpkg.log", "Xorg.0.log", "apt/history.log", "wtmp", "journal/abc/system.journal",
+        "installer/syslog", "php7.4-fpm.log", "fontconfig.log"}) {
+    tmp_.write(std::string("var/log/") + live, "live");
+  }
+  tmp_.write("home/.local/share/Trash/files/old-report.pdf", "12345");
+  tmp_.write("home/.local/share/Trash/files/folder/inside", "123");
+  tmp_.write("home/.local/share/Trash/info/old-report.pdf.trashinfo", "[Trash Info]");
+  // The same trash named twice (as two mounts can name it) is listed once.
+  locations_.trashes.push_back(locations_.trashes.front());
+  platform::setCurrentLocations(locations_);
+
+  auto finder = makeFinder("'*': {caches: {cache: [Home/.cache/**]}}\n",
+                           {{tmp_ / "home/disk.iso", 4096},
+                            {tmp_ / "home/nosize.img", std::nullopt},
+                            {std::nullopt, 12}});
+  runToTheEnd(*finder);
+  auto found = recorder_->found();
+  EXPECT_EQ(found["cache"], (std::set<std::string>{"var/cache/apt", "var/cache/man"}));
+  auto logs = rotated;
+  logs.insert("var/crash/_usr_bin_app.0.crash");
+  EXPECT_EQ(found["log"], logs);
+  EXPECT_EQ(found["trash"], (std::set<std::string>{"home/.local/share/Trash/files/old-report.pdf",
+                                                   "home/.local/share/Trash/files/folder"}));
+  EXPECT_EQ(recorder_->size("home/.local/share/Trash/files/folder"), 3);
+  EXPECT_EQ(recorder_->count("trash"), 2u);
+  EXPECT_EQ(recorder_->size("var/cache/apt"), 1000);
+  // A disk image without a path or a size is skipped; the others still come.
+  EXPECT_EQ(found["image"], std::set<std::string>{"home/disk.iso"});
+  EXPECT_EQ(recorder_->events, (std::vector<std::string>{"system files", "disk images", "finish"}));
+}
+
+TEST_F(JunkFileFinderTest, ApplicationsBrowsersAndOrphansEachGetTheirOwn) {
+  desktopEntry("vlc");
+  desktopEntry("firefox-esr");
+  desktopEntry("quiet");  // installed, no junk: no report at all
+  tmp_.write("home/.cache/vlc/art/cover.jpg", "1234");
+  tmp_.write("home/.config/vlc/vlcrc", "support files are never junk");
+  tmp_.write("home/.cache/mozilla/firefox/abc/cache2/entry", "12");
+  tmp_.write("home/.cache/google-chrome/Default/Cache/x", "123");  // a browser not installed
+  tmp_.write("home/.cache/spotify/data", "1");                     // an application that is gone
+  tmp_.write("home/.cache/fontconfig/cache-7", "the system's");    // never reported
+  tmp_.write("home/.xsession-errors", "the system's");
+  auto finder = makeFinder(std::string(resources::ruleDocument()));
+  runToTheEnd(*finder);
+  auto found = recorder_->found();
+  EXPECT_EQ(found["app vlc"], std::set<std::string>{"home/.cache/vlc"});
+  EXPECT_EQ(found["browser firefox-esr"], std::set<std::string>{"home/.cache/mozilla/firefox"});
+  EXPECT_EQ(found["orphan google-chrome"], std::set<std::string>{"home/.cache/google-chrome"});
+  EXPECT_EQ(found["orphan spotify"], std::set<std::string>{"home/.cache/spotify"});
+  EXPECT_EQ(found.count("app quiet"), 0u);
+  // What an installed application took is no orphan.
+  EXPECT_EQ(found.count("orphan vlc"), 0u);
+  EXPECT_EQ(found.count("orphan firefox-esr"), 0u);
+  for (const auto& [category, paths] : found) {
+    for (const auto& path : paths) {
+      EXPECT_EQ(path.find("fontconfig"), std::string::npos) << category;
+      EXPECT_EQ(path.find("vlcrc"), std::string::npos) << category;
+      EXPECT_EQ(path.find("xsession"), std::string::npos) << category;
+    }
+  }
+  // The browsers come apart, after everything else.
+  ASSERT_GE(recorder_->events.size(), 2u);
+  EXPECT_EQ(recorder_->events[recorder_->events.size() - 2], "browser");
+}
+
+// With no application installed to take it, an entry that a general rule claims without an
+// identifier is an orphan on its own, named after the entry.
+TEST_F(JunkFileFinderTest, AnEntryWithoutAnIdentifierStandsAlone) {
+  tmp_.write("home/.cache/crash.dump", "22");
+  tmp_.write("home/.cache/app.gone/y", "333");
+  auto finder = makeFinder(
+      "'*': {caches: {cache: [Home/.cache/**, 'Home/.cache/*.*\\.dump']}}\n"
+      "'@': {caches: {cache: ['99:Home/.cache/secret']}}\n");
+  tmp_.write("home/.cache/secret/z", "never");
+  runToTheEnd(*finder);
+  auto found = recorder_->found();
+  EXPECT_EQ(found["orphan crash.dump"], std::set<std::string>{"home/.cache/crash.dump"});
+  EXPECT_EQ(found["orphan app.gone"], std::set<std::string>{"home/.cache/app.gone"});
+  EXPECT_EQ(found.size(), 2u);
+}
+
+TEST_F(JunkFileFinderTest, AnUnreadableLogFolderEndsOnlyTheLogs) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root to act as an unprivileged user";
+  ::chmod(tmp_.path().c_str(), 0755);
+  tmp_.write("var/crash/app.crash", "c");
+  tmp_.write("var/log/syslog.1", "old");
+  ::chmod((tmp_ / "var/log").c_str(), 0700);
+  tmp_.write("home/.local/share/Trash/files/item", "t");
+  for (const char* path : {"home", "home/.local", "home/.local/share", "home/.local/share/Trash",
+                           "home/.local/share/Trash/files", "var", "var/crash"}) {
+    ::chmod((tmp_ / path).c_str(), 0755);
+  }
+  auto finder = makeFinder("'*': {caches: {cache: [Home/.cache/**]}}\n");
+  {
+    testsupport::AsUnprivilegedUser user;
+    ASSERT_TRUE(user.ok());
+    runToTheEnd(*finder);
+  }
+  auto found = recorder_->found();
+  EXPECT_EQ(found["log"], std::set<std::string>{"var/crash/app.crash"});
+  EXPECT_EQ(found["trash"], std::set<std::string>{"home/.local/share/Trash/files/item"});
+}
+
+TEST_F(JunkFileFinderTest, StopEndsEveryStageAndTheScanStillFinishes) {
+  tmp_.write("var/cache/apt/x", "1");
+  desktopEntry("vlc");
+  tmp_.write("home/.cache/vlc/x", "1");
+  auto finder = makeFinder(std::string(resources::ruleDocument()));
+  finder->stop();  // before start: nothing to stop
+  finder->start();
+  finder->stop();
+  // A stop reaches the application stage too, whenever it starts.
+  ASSERT_TRUE(testsupport::drainMainUntil([&] {
+    finder->stop();
+    return recorder_->finished;
+  }));
+  auto found = recorder_->found();
+  EXPECT_TRUE(found["image"].empty());
+  EXPECT_TRUE(found["app vlc"].empty());
+  EXPECT_EQ(recorder_->events.front(), "system files");
+  EXPECT_EQ(recorder_->events.back(), "finish");
+}
+
+}  // namespace
+}  // namespace Core

@@ -1,0 +1,99 @@
+#include <fmt/format.h>
+
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <set>
+
+#include "cli/Commands.h"
+#include "cli/Deletion.h"
+#include "cli/Host.h"
+
+namespace cli {
+
+namespace {
+
+// The whole of FILE, or of standard input for "-".
+std::string readList(const std::string& file) {
+  if (file == "-") {
+    return std::string(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+  }
+  std::ifstream input(file, std::ios::binary);
+  if (!input) throw CommandError{kUsage, fmt::format("{}: can't be read", displayText(file))};
+  return std::string(std::istreambuf_iterator<char>(input), std::istreambuf_iterator<char>());
+}
+
+// The non-empty entries of `text` between `separator`s.
+std::vector<std::string> entriesOf(const std::string& text, char separator) {
+  std::vector<std::string> entries;
+  std::size_t start = 0;
+  while (start < text.size()) {
+    std::size_t end = text.find(separator, start);
+    if (end == std::string::npos) end = text.size();
+    if (end > start) entries.push_back(text.substr(start, end - start));
+    start = end + 1;
+  }
+  return entries;
+}
+
+}  // namespace
+
+void addDeleteCommand(CLI::App& app) {
+  auto* command = app.add_subcommand(
+      "delete", "Delete files and folders: with your rights, then through the helper");
+  auto yes = std::make_shared<bool>(false);
+  auto dryRun = std::make_shared<bool>(false);
+  auto json = std::make_shared<bool>(false);
+  auto from = std::make_shared<std::string>();
+  auto from0 = std::make_shared<std::string>();
+  auto paths = std::make_shared<std::vector<std::string>>();
+  command->add_flag("--yes,-y", *yes, "Delete without asking (needed without a terminal)");
+  command->add_flag("--dry-run,-n", *dryRun, "Show what would be deleted, and delete nothing");
+  command->add_flag("--json", *json,
+                    "Print {\"deleted\": [...], \"failed\": [{\"path\", \"reason\"}], "
+                    "\"bytes\": N, \"stopped\": BOOL}");
+  command->add_option("--from", *from,
+                      "Read paths from FILE (- for standard input), one per line, written as "
+                      "ravelin prints them");
+  command->add_option("--from0", *from0,
+                      "Read NUL-separated paths from FILE (- for standard input), as find -print0 "
+                      "writes them");
+  command->add_option("PATH", *paths, "Files and folders to delete");
+  command->footer(
+      "While deleting, p pauses and resumes and Ctrl-C stops. Exit status 0 when everything\n"
+      "asked for is gone, 1 otherwise, 2 for bad arguments (and when asked to delete without a\n"
+      "terminal and without --yes).");
+  command->callback([=] {
+    std::vector<std::string> given = *paths;
+    if (!from->empty()) {
+      for (const auto& line : entriesOf(readList(*from), '\n')) {
+        auto bytes = unescapeText(line);
+        if (!bytes) {
+          throw CommandError{kUsage, fmt::format("--from: not a path as ravelin writes them: {}",
+                                                 displayText(line))};
+        }
+        given.push_back(std::move(*bytes));
+      }
+    }
+    if (!from0->empty()) {
+      for (auto& entry : entriesOf(readList(*from0), '\0')) given.push_back(std::move(entry));
+    }
+    if (given.empty())
+      throw CommandError{kUsage, "nothing to delete: give PATH, --from or --from0"};
+
+    DeletionRequest request;
+    std::set<std::string> seen;
+    for (const auto& path : given) {
+      if (path.empty()) throw CommandError{kUsage, "an empty path"};
+      std::string absolute = absolutePath(path);
+      if (auto refused = hostRefusal(absolute)) {
+        throw CommandError{kUsage, fmt::format("{}: refused: {}", displayText(absolute), *refused)};
+      }
+      if (seen.insert(absolute).second) request.paths.push_back(absolute);
+    }
+    confirmAndDelete(request, *yes, *dryRun, *json);
+  });
+}
+
+}  // namespace cli

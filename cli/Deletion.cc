@@ -1,0 +1,327 @@
+#include "cli/Deletion.h"
+
+#include <fmt/format.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <map>
+#include <set>
+#include <utility>
+
+#include "cli/Host.h"
+#include "deletion/Deleter.h"
+#include "monitor/DiskInfo.h"
+#include "platform/ByteCountFormatter.h"
+#include "platform/Dispatch.h"
+#include "platform/Files.h"
+#include "platform/Locations.h"
+#include "platform/TreeWalker.h"
+
+namespace cli {
+
+namespace {
+
+// Collects the deleter's reports for the report at the end.
+class DeletionProgress final : public DeleterDelegate {
+ public:
+  void deleterCurrent(const std::string& path) override {
+    current = path;
+    redraw();
+  }
+  void deleterProgress(double value) override {
+    progress = value;
+    redraw();
+  }
+  void deleterDeleted(const std::string& path) override { deleted.insert(path); }
+  void deleterPhotosFailed(bool notAuthorised, std::function<void(bool)> answer) override {
+    photosFailed = true;
+    photosNotAuthorised = notAuthorised;
+    answer(false);  // a terminal program can't open the photo library: don't ask again
+  }
+  void deleterCompleted() override { completed = true; }
+
+  void redraw() {
+    status.show(fmt::format("{:3.0f}%{}  {}", progress * 100, paused ? " (paused: p resumes)" : "",
+                            current));
+  }
+
+  StatusLine status;
+  std::string current;
+  double progress = 0;
+  bool paused = false;
+  std::set<std::string> deleted;
+  bool photosFailed = false;
+  bool photosNotAuthorised = false;
+  bool completed = false;
+};
+
+// Standard input read key by key while alive, when it is a terminal; the settings come back at
+// the end.
+class KeyReader {
+ public:
+  KeyReader() : enabled_(::isatty(STDIN_FILENO) == 1) {
+    if (!enabled_ || ::tcgetattr(STDIN_FILENO, &saved_) != 0) {
+      enabled_ = false;
+      return;
+    }
+    termios raw = saved_;
+    raw.c_lflag &= static_cast<tcflag_t>(~(ICANON | ECHO));
+    raw.c_cc[VMIN] = 0;
+    raw.c_cc[VTIME] = 0;
+    ::tcsetattr(STDIN_FILENO, TCSANOW, &raw);
+  }
+  ~KeyReader() {
+    if (enabled_) ::tcsetattr(STDIN_FILENO, TCSANOW, &saved_);
+  }
+  // A key pressed since the last look, if any.
+  std::optional<char> key() {
+    if (!enabled_) return std::nullopt;
+    pollfd input{STDIN_FILENO, POLLIN, 0};
+    if (::poll(&input, 1, 0) <= 0) return std::nullopt;
+    char c;
+    return ::read(STDIN_FILENO, &c, 1) == 1 ? std::optional<char>(c) : std::nullopt;
+  }
+
+ private:
+  bool enabled_;
+  termios saved_{};
+};
+
+bool exists(const std::string& path) {
+  struct stat status;
+  return ::lstat(path.c_str(), &status) == 0;
+}
+
+// Why a path that was asked for is still there, as far as the host can tell.
+std::string reasonLeft(const std::string& path, bool stopped) {
+  if (stopped) return "stopped before it was deleted";
+  std::string parent = platform::deletingLastPathComponent(path);
+  if (::access(parent.c_str(), W_OK | X_OK) != 0) {
+    return "permission denied (the helper did not delete it either)";
+  }
+  struct stat status;
+  if (::lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
+    return "something inside could not be deleted (permission, or another file system mounted "
+           "there)";
+  }
+  return "could not be deleted";
+}
+
+}  // namespace
+
+std::optional<std::string> hostRefusal(const std::string& path) {
+  if (path == "/") return "the root folder";
+  const std::string& home = platform::currentLocations().home;
+  if (!home.empty() && path == absolutePath(home)) return "your home folder itself";
+  if (path.find('/', 1) == std::string::npos) return "a top-level folder of the system";
+  return std::nullopt;
+}
+
+std::string absolutePath(const std::string& argument) {
+  std::filesystem::path path(argument);
+  if (path.is_relative()) {
+    std::error_code error;
+    path = std::filesystem::current_path(error) / path;
+  }
+  std::string text = path.lexically_normal().string();
+  while (text.size() > 1 && text.back() == '/') text.pop_back();
+  return text;
+}
+
+std::int64_t bytesAt(const std::string& path) {
+  struct stat status;
+  if (::lstat(path.c_str(), &status) != 0) return 0;
+  if (S_ISDIR(status.st_mode)) return monitor::GetDirectorySize(path.c_str());
+  return S_ISREG(status.st_mode) ? status.st_size : 0;
+}
+
+namespace {
+
+// The regular files a path holds, by device and inode, with their sizes and link counts: what
+// deleting it may free. A file whose every name is among what is deleted is freed, once.
+class FilesHeld final : public platform::WalkVisitor {
+ public:
+  struct File {
+    std::int64_t size;
+    std::uint64_t links;
+  };
+  using Identity = std::pair<std::uint64_t, std::uint64_t>;
+
+  void entry(const std::string&, std::string_view, const struct stat& status) override {
+    if (S_ISREG(status.st_mode)) add(status);
+  }
+  void add(const struct stat& status) {
+    Identity identity{status.st_dev, status.st_ino};
+    files[identity] = File{status.st_size, status.st_nlink};
+    names.push_back(identity);
+  }
+
+  std::map<Identity, File> files;
+  std::vector<Identity> names;  // one per name met
+};
+
+FilesHeld filesHeldBy(const std::string& path) {
+  FilesHeld held;
+  struct stat status;
+  if (::lstat(path.c_str(), &status) != 0) return held;
+  if (S_ISDIR(status.st_mode)) {
+    platform::walkTree(path, held);
+  } else if (S_ISREG(status.st_mode)) {
+    held.add(status);
+  }
+  return held;
+}
+
+// The bytes freed by deleting all of `held`: each file once, and only when all its names go.
+std::int64_t bytesFreed(const std::vector<const FilesHeld*>& held) {
+  std::map<FilesHeld::Identity, std::pair<FilesHeld::File, std::uint64_t>> seen;
+  for (const auto* files : held) {
+    for (const auto& identity : files->names) {
+      auto& [file, names] = seen[identity];
+      file = files->files.at(identity);
+      ++names;
+    }
+  }
+  std::int64_t total = 0;
+  for (const auto& [identity, entry] : seen) {
+    if (entry.second >= entry.first.links) total += entry.first.size;
+  }
+  return total;
+}
+
+}  // namespace
+
+void confirmAndDelete(const DeletionRequest& request, bool yes, bool dryRun, bool json) {
+  std::map<std::string, std::int64_t> sizes;
+  std::map<std::string, FilesHeld> held;
+  std::vector<const FilesHeld*> all;
+  for (const auto& path : request.paths) {
+    held[path] = filesHeldBy(path);
+    sizes[path] = bytesAt(path);
+  }
+  for (const auto& [path, files] : held) all.push_back(&files);
+  // What deleting everything frees: hard-linked files once, and not at all while a name of
+  // them stays elsewhere.
+  std::int64_t total = bytesFreed(all);
+  for (const auto& photo : request.photos) total += photo.file.size;
+  const std::size_t count = request.paths.size() + request.photos.size();
+
+  // The plan, on standard error when the report itself is JSON.
+  FILE* plan = json ? stderr : stdout;
+  for (const auto& path : request.kept) {
+    std::fprintf(plan, "keep        %s\n", displayText(path).c_str());
+  }
+  for (const auto& [path, reason] : request.leftAlone) {
+    std::fprintf(plan, "left alone  %s (%s)\n", displayText(path).c_str(), reason.c_str());
+  }
+  for (const auto& path : request.paths) {
+    std::fprintf(plan, "delete      %s  %s\n", displayText(path).c_str(),
+                 platform::formatByteCount(sizes[path]).c_str());
+  }
+  for (const auto& photo : request.photos) {
+    std::fprintf(plan, "delete      %s  [photo %s]\n", displayText(photo.file.url).c_str(),
+                 displayText(photo.id).c_str());
+  }
+  std::fprintf(plan, "%zu items, %s%s\n", count, platform::formatByteCount(total).c_str(),
+               dryRun ? " would be deleted (dry run: nothing was deleted)" : " to delete");
+  if (dryRun || count == 0) {
+    if (json) {
+      std::puts(nlohmann::json{
+          {"deleted", nlohmann::json::array()}, {"failed", nlohmann::json::array()}, {"bytes", 0}}
+                    .dump()
+                    .c_str());
+    }
+    return;
+  }
+  if (!yes) {
+    if (::isatty(STDIN_FILENO) != 1) {
+      throw CommandError{kUsage,
+                         "nothing deleted: standard input is not a terminal, so give --yes to "
+                         "delete without being asked"};
+    }
+    std::fprintf(stderr, "Delete these %zu items? [y/N] ", count);
+    std::fflush(stderr);
+    char answer[16] = {};
+    if (std::fgets(answer, sizeof(answer), stdin) == nullptr ||
+        (answer[0] != 'y' && answer[0] != 'Y')) {
+      throw CommandError{kFailure, "nothing deleted"};
+    }
+  }
+
+  auto progress = std::make_shared<DeletionProgress>();
+  auto deleter = Deleter::create(request.paths, request.photos);
+  deleter->delegate = progress;
+  bool stopped = false;
+  {
+    InterruptGuard interrupt;
+    KeyReader keys;
+    deleter->start();
+    while (!progress->completed) {
+      if (interrupt.interrupted() && !stopped) {
+        stopped = true;
+        deleter->stop();
+      }
+      if (auto key = keys.key(); key && (*key == 'p' || *key == 'P') && !stopped) {
+        progress->paused = !progress->paused;
+        progress->paused ? deleter->pause() : deleter->start();
+        progress->redraw();
+      }
+      platform::runMainUntil([&] { return progress->completed; }, std::chrono::milliseconds(50));
+    }
+    progress->status.clear();
+  }
+
+  std::vector<std::string> deleted;
+  std::vector<std::pair<std::string, std::string>> failed = request.leftAlone;
+  std::vector<const FilesHeld*> gone;
+  for (const auto& path : request.paths) {
+    // A path that is gone is deleted, whoever reported it.
+    if (progress->deleted.count(path) > 0 || !exists(path)) {
+      deleted.push_back(path);
+      gone.push_back(&held[path]);
+    } else {
+      failed.emplace_back(path, reasonLeft(path, stopped));
+    }
+  }
+  std::int64_t freed = bytesFreed(gone);
+  for (const auto& photo : request.photos) {
+    if (progress->deleted.count(photo.file.url) > 0) {
+      deleted.push_back(photo.file.url);
+      freed += photo.file.size;
+    } else {
+      failed.emplace_back(photo.file.url,
+                          progress->photosNotAuthorised
+                              ? "not authorised to change the photo library"
+                              : "photos are deleted in the photo application; Linux has no "
+                                "photo-library service");
+    }
+  }
+
+  if (json) {
+    nlohmann::json out{{"deleted", nlohmann::json::array()},
+                       {"failed", nlohmann::json::array()},
+                       {"bytes", freed},
+                       {"stopped", stopped}};
+    for (const auto& path : deleted) out["deleted"].push_back(jsonText(path));
+    for (const auto& [path, reason] : failed) {
+      out["failed"].push_back({{"path", jsonText(path)}, {"reason", reason}});
+    }
+    std::puts(out.dump().c_str());
+  } else {
+    for (const auto& [path, reason] : failed) {
+      std::printf("not deleted %s (%s)\n", displayText(path).c_str(), reason.c_str());
+    }
+    std::printf("%zu deleted, %zu not deleted, %s freed%s\n", deleted.size(), failed.size(),
+                platform::formatByteCount(freed).c_str(), stopped ? " (stopped)" : "");
+  }
+  if (!failed.empty()) {
+    throw CommandError{kFailure, fmt::format("{} of {} items were not deleted", failed.size(),
+                                             failed.size() + deleted.size())};
+  }
+}
+
+}  // namespace cli

@@ -1,0 +1,43 @@
+#pragma once
+
+// What `ravelin delete` and `ravelin dupes --delete` share: the paths a host refuses to hand to
+// deletion at all, the confirmation, the run of a `Deleter` with progress, pause and stop, and
+// the report of what became of each path.
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Core/File.h"
+
+namespace cli {
+
+// Why the host won't delete `path` (an absolute, normalised path), or nothing: "/", the home
+// folder itself and every top-level folder are refused before deletion sees them.
+std::optional<std::string> hostRefusal(const std::string& path);
+
+// `argument` made absolute against the working folder, with "." and ".." resolved in the text and
+// no trailing slash; links are not resolved (deleting a link deletes the link).
+std::string absolutePath(const std::string& argument);
+
+// The bytes a path holds: a file's size, or the sum of the regular files below a folder; 0 for
+// what isn't there.
+std::int64_t bytesAt(const std::string& path);
+
+// What is to be deleted, and what is left alone already and why.
+struct DeletionRequest {
+  std::vector<std::string> paths;
+  std::vector<Core::Photo> photos;
+  std::vector<std::pair<std::string, std::string>> leftAlone;  // path, reason
+  std::vector<std::string> kept;                               // shown in the plan: what stays
+};
+
+// Shows the plan, asks (or takes `--yes`), runs the deletion and prints the outcome. `dryRun`
+// stops after the plan. Returns normally when everything asked for is gone; otherwise ends with
+// a `CommandError` (exit 1) after the report. Without a terminal and without `yes`, nothing is
+// deleted and the answer is a usage error (exit 2).
+void confirmAndDelete(const DeletionRequest& request, bool yes, bool dryRun, bool json);
+
+}  // namespace cli

@@ -1,0 +1,758 @@
+// The `ravelin` program run as a user runs it: on terminals of any width, under a tight
+// descriptor limit, with Ctrl-C, with arguments it must refuse, and with names that must come
+// back byte for byte from its JSON.
+
+#include <fcntl.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "cli/Host.h"
+#include "testsupport/TestSupport.h"
+
+namespace cli {
+namespace {
+
+using testsupport::TempDir;
+
+struct Outcome {
+  int status = -1;  // exit status, or 128 + signal
+  std::string out;  // standard output (and standard error, on a terminal)
+  std::string err;
+};
+
+struct RunOptions {
+  std::optional<unsigned short> terminalWidth;  // run on a pseudo-terminal this wide
+  std::optional<rlim_t> descriptors;            // RLIMIT_NOFILE of the program
+  // Run as this user (and group) instead of the test's own.
+  std::optional<uid_t> user;
+  // Called with the program's process id while it runs; may signal it.
+  std::function<void(pid_t)> whileRunning;
+  // "NAME=value" entries set in the program's environment; "NAME" alone unsets NAME.
+  std::vector<std::string> environment;
+  // A folder the program sees on a read-only mount of its own (needs root).
+  std::optional<std::string> readOnly;
+};
+
+std::string readAll(int fd) {
+  std::string text;
+  char buffer[65536];
+  for (;;) {
+    ssize_t n = ::read(fd, buffer, sizeof(buffer));
+    if (n > 0) {
+      text.append(buffer, static_cast<std::size_t>(n));
+    } else if (n < 0 && errno == EINTR) {
+      continue;
+    } else {
+      return text;  // the end, or EIO once a terminal's last writer is gone
+    }
+  }
+}
+
+Outcome run(const std::vector<std::string>& args, const RunOptions& options = {}) {
+  std::vector<std::string> argv{RAVELIN_BINARY};
+  argv.insert(argv.end(), args.begin(), args.end());
+  std::vector<char*> cargs;
+  for (auto& a : argv) cargs.push_back(a.data());
+  cargs.push_back(nullptr);
+
+  int outPipe[2], errPipe[2];
+  if (::pipe2(outPipe, O_CLOEXEC) != 0 || ::pipe2(errPipe, O_CLOEXEC) != 0) return {};
+  int terminal = -1;
+  pid_t child;
+  if (options.terminalWidth) {
+    struct winsize size {};
+    size.ws_row = 24;
+    size.ws_col = *options.terminalWidth;
+    child = ::forkpty(&terminal, nullptr, nullptr, &size);
+  } else {
+    child = ::fork();
+  }
+  if (child == 0) {
+    if (!options.terminalWidth) {
+      ::dup2(outPipe[1], STDOUT_FILENO);
+      ::dup2(errPipe[1], STDERR_FILENO);
+    }
+    for (const auto& entry : options.environment) {
+      if (entry.find('=') == std::string::npos) {
+        ::unsetenv(entry.c_str());
+      } else {
+        ::putenv(const_cast<char*>(entry.c_str()));
+      }
+    }
+    if (options.readOnly) {
+      const char* path = options.readOnly->c_str();
+      if (::unshare(CLONE_NEWNS) != 0 ||
+          ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+          ::mount(path, path, nullptr, MS_BIND, nullptr) != 0 ||
+          ::mount(nullptr, path, nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) != 0) {
+        ::_exit(125);
+      }
+    }
+    if (options.user) {
+      if (::setgroups(0, nullptr) != 0 || ::setgid(*options.user) != 0 ||
+          ::setuid(*options.user) != 0) {
+        ::_exit(126);
+      }
+    }
+    if (options.descriptors) {
+      struct rlimit limit {};
+      ::getrlimit(RLIMIT_NOFILE, &limit);
+      limit.rlim_cur = *options.descriptors;
+      ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
+    ::execv(cargs[0], cargs.data());
+    ::_exit(127);
+  }
+  ::close(outPipe[1]);
+  ::close(errPipe[1]);
+  Outcome outcome;
+  std::thread reader([&] {
+    if (terminal >= 0) {
+      outcome.out = readAll(terminal);
+    } else {
+      std::thread errors([&] { outcome.err = readAll(errPipe[0]); });
+      outcome.out = readAll(outPipe[0]);
+      errors.join();
+    }
+  });
+  if (options.whileRunning) options.whileRunning(child);
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  reader.join();
+  if (terminal >= 0) ::close(terminal);
+  ::close(outPipe[0]);
+  ::close(errPipe[0]);
+  outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return outcome;
+}
+
+// A tree of `depth` levels, each holding one file of 10 bytes and a copy of it one level down.
+void writeDeepTree(const std::string& root, int depth) {
+  std::string folder = root;
+  for (int level = 0; level < depth; ++level) {
+    folder += "/d";
+    std::filesystem::create_directories(folder);
+    FILE* file = std::fopen((folder + "/f").c_str(), "w");
+    std::fputs("0123456789", file);
+    std::fclose(file);
+  }
+}
+
+TEST(RavelinTest, NarrowAndUnknownTerminalsNeverEndARun) {
+  TempDir tmp;
+  writeDeepTree(tmp / "tree", 30);
+  for (unsigned short width : {0, 1, 2, 3}) {
+    for (const auto& args :
+         std::vector<std::vector<std::string>>{{"dupes", tmp / "tree"},
+                                               {"large", "--min-size", "1", tmp / "tree"},
+                                               {"disk", "--size", tmp / "tree"}}) {
+      RunOptions options;
+      options.terminalWidth = width;
+      Outcome outcome = run(args, options);
+      EXPECT_EQ(outcome.status, 0) << args[0] << " at width " << width << ": " << outcome.out;
+    }
+  }
+}
+
+TEST(RavelinTest, EveryWalkFindsEveryFileWithFewDescriptors) {
+  TempDir tmp;
+  writeDeepTree(tmp / "tree", 100);
+  RunOptions tight;
+  tight.descriptors = 20;
+  Outcome large = run({"large", "--json", "--min-size", "1", tmp / "tree"}, tight);
+  ASSERT_EQ(large.status, 0) << large.err;
+  auto files = nlohmann::json::parse(large.out);
+  EXPECT_EQ(files["files"].size(), 100u);
+  EXPECT_EQ(files["complete"], true);
+
+  Outcome disk = run({"disk", "--json", "--size", tmp / "tree"}, tight);
+  ASSERT_EQ(disk.status, 0) << disk.err;
+  EXPECT_EQ(nlohmann::json::parse(disk.out)["size"], 1000);
+
+  Outcome dupes = run({"dupes", "--json", tmp / "tree"}, tight);
+  ASSERT_EQ(dupes.status, 0) << dupes.err;
+  auto groups = nlohmann::json::parse(dupes.out)["groups"];
+  ASSERT_EQ(groups.size(), 1u);
+  EXPECT_EQ(groups[0].size(), 100u);
+}
+
+TEST(RavelinTest, UnreadableFoldersMakeAResultIncomplete) {
+  TempDir tmp;
+  tmp.write("tree/open/f", "1234");
+  tmp.write("tree/locked/f", "5678");
+  ::chmod((tmp / "tree/locked").c_str(), 0);
+  ::chmod(tmp.path().c_str(), 0755);
+  // As an unprivileged user, so that root's override of permissions doesn't hide the fault.
+  RunOptions options;
+  if (::geteuid() == 0) options.user = 65534;
+  Outcome large = run({"large", "--json", "--min-size", "1", tmp / "tree"}, options);
+  Outcome dupes = run({"dupes", "--json", tmp / "tree/locked"}, options);
+  ::chmod((tmp / "tree/locked").c_str(), 0755);
+  ASSERT_EQ(large.status, 1) << large.out;
+  auto result = nlohmann::json::parse(large.out);
+  EXPECT_EQ(result["complete"], false);
+  ASSERT_EQ(result["errors"].size(), 1u);
+  EXPECT_EQ(result["errors"][0]["path"], tmp / "tree/locked");
+  EXPECT_EQ(result["files"].size(), 1u);
+  // A root that can't be read is an error too, not an empty result.
+  EXPECT_EQ(dupes.status, 1) << dupes.err;
+  EXPECT_EQ(nlohmann::json::parse(dupes.out)["complete"], false);
+}
+
+TEST(RavelinTest, CtrlCStopsALargeSearchThatFindsNothing) {
+  // Enough empty files that the walk is still going when it is interrupted; made in memory.
+  TempDir tmp("/dev/shm");
+  for (int folder = 0; folder < 200; ++folder) {
+    std::string path = tmp.mkdir("tree/" + std::to_string(folder));
+    for (int file = 0; file < 1000; ++file) {
+      int fd = ::open((path + "/" + std::to_string(file)).c_str(), O_CREAT | O_WRONLY, 0644);
+      ::close(fd);
+    }
+  }
+  RunOptions options;
+  options.whileRunning = [&](pid_t child) {
+    // Once the walk has begun (the program holds a folder of the tree open), interrupt it.
+    std::string fds = "/proc/" + std::to_string(child) + "/fd";
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (std::chrono::steady_clock::now() < deadline) {
+      // A descriptor may close between being listed and being read: that says nothing about
+      // the program, so only a failure to list the folder means it has ended.
+      std::error_code error;
+      for (const auto& entry : std::filesystem::directory_iterator(fds, error)) {
+        std::error_code linkError;
+        auto target = std::filesystem::read_symlink(entry.path(), linkError);
+        if (!linkError && target.string().rfind(tmp / "tree/", 0) == 0) {
+          // Hold the program still while the interrupt is queued, so a busy machine can't let
+          // the walk run to its end between seeing the folder and sending the signal.
+          ::kill(child, SIGSTOP);
+          ::kill(child, SIGINT);
+          ::kill(child, SIGCONT);
+          return;
+        }
+      }
+      if (error) return;  // the program has ended
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+  };
+  Outcome outcome = run({"large", "--json", "--min-size", "1", tmp / "tree"}, options);
+  ASSERT_EQ(outcome.status, 1) << outcome.err;
+  auto result = nlohmann::json::parse(outcome.out);
+  EXPECT_EQ(result["stopped"], true);
+  EXPECT_EQ(result["complete"], false);
+}
+
+TEST(RavelinTest, ArgumentsThatMustBeRefused) {
+  TempDir tmp;
+  for (const auto& args :
+       std::vector<std::vector<std::string>>{{"--bogus"},
+                                             {"monitor", "--watch", "nan"},
+                                             {"monitor", "--watch", "inf"},
+                                             {"monitor", "--watch", "abc"},
+                                             {"monitor", "--watch", "0.01"},
+                                             {"monitor", "--watch", "-1"},
+                                             {"large", ""},
+                                             {"large", "--min-size", "ten", tmp.path()},
+                                             {"disk", "--size", ""},
+                                             {"dupes", "--exclude-ext", "", tmp.path()},
+                                             {"dupes", "--exclude", "", tmp.path()},
+                                             {"dupes", tmp / "missing"},
+                                             {"rules", "--check", tmp.path()}}) {
+    Outcome outcome = run(args);
+    EXPECT_EQ(outcome.status, 2) << args[0] << " " << (args.size() > 1 ? args[1] : "");
+    EXPECT_NE(outcome.err.find("ravelin: "), std::string::npos) << outcome.err;
+  }
+  EXPECT_NE(run({"--bogus"}).err.find("unknown option: --bogus"), std::string::npos);
+  Outcome watch = run({"monitor", "--json", "--watch", "0.1", "--count", "3"});
+  EXPECT_EQ(watch.status, 0);
+  EXPECT_EQ(std::count(watch.out.begin(), watch.out.end(), '\n'), 3);
+}
+
+// `helper status` pings through the socket it is given; a helper that serves another user doesn't
+// answer, and without one nothing answers.
+TEST(RavelinTest, HelperStatusAnswersOnlyWhenTheHelperServesTheUser) {
+  TempDir tmp;
+  ::chmod(tmp.path().c_str(), 0755);
+  const std::string socket = tmp / "helper.sock";
+  Outcome none = run({"helper", "status", "--json", "--helper-socket", socket});
+  ASSERT_EQ(none.status, 0) << none.err;
+  EXPECT_EQ(nlohmann::json::parse(none.out)["answers"], false);
+
+  testsupport::ChildProcess server(
+      {RAVELIN_HELPER_BINARY, "--socket", socket, "--allow-uid", "65534"}, socket);
+  Outcome mine = run({"--helper-socket", socket, "helper", "status", "--json"});
+  auto status = nlohmann::json::parse(mine.out);
+  EXPECT_EQ(status["answers"], true) << mine.out << mine.err;
+  EXPECT_EQ(status["shipped_version"].is_string(), true);
+  if (::geteuid() == 0) {
+    RunOptions served, stranger;
+    served.user = 65534;
+    stranger.user = 1234;
+    Outcome asServed = run({"helper", "status", "--json", "--helper-socket", socket}, served);
+    Outcome asStranger = run({"helper", "status", "--json", "--helper-socket", socket}, stranger);
+    EXPECT_EQ(nlohmann::json::parse(asServed.out)["answers"], true) << asServed.err;
+    EXPECT_EQ(nlohmann::json::parse(asStranger.out)["answers"], false) << asStranger.err;
+  }
+  server.kill();
+  EXPECT_EQ(run({"--helper-socket", "", "helper", "status"}).status, 2);
+}
+
+// `ravelin delete` deletes what it is given and nothing else: links are removed, not followed;
+// system folders and the home folder are refused; without a terminal it needs --yes.
+TEST(RavelinTest, DeleteRemovesWhatItIsGivenAndNothingElse) {
+  TempDir tmp;
+  tmp.write("outside/keep", "stays");
+  tmp.write("tree/a/b/file", "x");
+  tmp.symlink("tree/a/to-outside", tmp / "outside");
+  tmp.write("loose", "y");
+  for (const auto& refused :
+       std::vector<std::vector<std::string>>{{"delete", "--yes", "/"},
+                                             {"delete", "--yes", "/etc"},
+                                             {"delete", "--yes", "/usr/"},
+                                             {"delete", "--yes", std::string(std::getenv("HOME"))},
+                                             {"delete", "--yes", ""},
+                                             {"delete", "--yes"},
+                                             {"delete", tmp / "loose"}}) {  // no terminal, no --yes
+    EXPECT_EQ(run(refused).status, 2) << refused.back();
+  }
+  EXPECT_TRUE(std::filesystem::exists(tmp / "loose"));
+  Outcome dry = run({"delete", "--dry-run", tmp / "tree", tmp / "loose"});
+  EXPECT_EQ(dry.status, 0);
+  EXPECT_TRUE(std::filesystem::exists(tmp / "tree/a/b/file"));
+
+  Outcome done = run({"delete", "--yes", "--json", tmp / "tree", tmp / "./loose", tmp / "gone"});
+  ASSERT_EQ(done.status, 0) << done.err;
+  auto result = nlohmann::json::parse(done.out);
+  EXPECT_EQ(result["deleted"].size(), 3u);
+  EXPECT_TRUE(result["failed"].empty());
+  EXPECT_EQ(result["bytes"], 2);
+  EXPECT_FALSE(std::filesystem::exists(tmp / "tree"));
+  EXPECT_FALSE(std::filesystem::exists(tmp / "loose"));
+  EXPECT_TRUE(std::filesystem::exists(tmp / "outside/keep"));
+}
+
+// A hard-linked file is freed once, and only when every name of it goes.
+TEST(RavelinTest, DeleteCountsAFileOnceAndOnlyWhenAllItsNamesGo) {
+  TempDir tmp;
+  tmp.write("one", std::string(1000, 'x'));
+  ASSERT_EQ(::link((tmp / "one").c_str(), (tmp / "two").c_str()), 0);
+  ASSERT_EQ(::link((tmp / "one").c_str(), (tmp / "three").c_str()), 0);
+  Outcome partly = run({"delete", "--yes", "--json", tmp / "three"});
+  ASSERT_EQ(partly.status, 0) << partly.err;
+  EXPECT_EQ(nlohmann::json::parse(partly.out)["bytes"], 0);
+  Outcome all = run({"delete", "--yes", "--json", tmp / "one", tmp / "two"});
+  ASSERT_EQ(all.status, 0) << all.err;
+  EXPECT_EQ(nlohmann::json::parse(all.out)["bytes"], 1000);
+}
+
+// Lists come back as ravelin prints them (escaped text, one per line) or NUL-separated bytes.
+TEST(RavelinTest, DeleteTakesListsOfAnyBytes) {
+  TempDir tmp;
+  const std::string odd = tmp.write(std::string("odd\nnameÿ"), "1");
+  const std::string newline = tmp.write("line\nbreak", "2");
+  const std::string kept = tmp.write("odd\nname", "3");  // the escaped text, as a real name
+  tmp.write("list", displayText(odd) + "\n" + displayText(newline) + "\n");
+  Outcome fromLines = run({"delete", "--yes", "--from", tmp / "list"});
+  ASSERT_EQ(fromLines.status, 0) << fromLines.err;
+  EXPECT_FALSE(std::filesystem::exists(odd));
+  EXPECT_FALSE(std::filesystem::exists(newline));
+  EXPECT_TRUE(std::filesystem::exists(kept));
+  tmp.write("list0", kept + std::string(1, '\0'));
+  Outcome fromNul = run({"delete", "--yes", "--from0", tmp / "list0"});
+  ASSERT_EQ(fromNul.status, 0) << fromNul.err;
+  EXPECT_FALSE(std::filesystem::exists(kept));
+  tmp.write("bad", "bad\\q escape\n");
+  EXPECT_EQ(run({"delete", "--yes", "--from", tmp / "bad"}).status, 2);
+}
+
+// What an unprivileged user may not delete goes to the helper, which deletes it as root.
+TEST(RavelinTest, DeleteHandsWhatTheUserMayNotDeleteToTheHelper) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root to run the helper and another user";
+  TempDir tmp;
+  ::chmod(tmp.path().c_str(), 0755);
+  tmp.write("mine/f", "1");
+  tmp.write("roots/locked/f", "2");
+  for (const char* path : {"mine", "mine/f"}) ::chown((tmp / path).c_str(), 65534, 65534);
+  const std::string socket = tmp / "helper.sock";
+  RunOptions user;
+  user.user = 65534;
+  // Without a helper: the locked folder stays and the run says so.
+  Outcome alone =
+      run({"delete", "--yes", "--json", "--helper-socket", tmp / "none.sock", tmp / "roots/locked"},
+          user);
+  EXPECT_EQ(alone.status, 1) << alone.err;
+  EXPECT_TRUE(std::filesystem::exists(tmp / "roots/locked/f"));
+  testsupport::ChildProcess server(
+      {RAVELIN_HELPER_BINARY, "--socket", socket, "--allow-uid", "65534"}, socket);
+  Outcome helped = run(
+      {"delete", "--yes", "--json", "--helper-socket", socket, tmp / "mine", tmp / "roots/locked"},
+      user);
+  server.kill();
+  ASSERT_EQ(helped.status, 0) << helped.out << helped.err;
+  EXPECT_EQ(nlohmann::json::parse(helped.out)["deleted"].size(), 2u);
+  EXPECT_FALSE(std::filesystem::exists(tmp / "roots/locked"));
+  EXPECT_FALSE(std::filesystem::exists(tmp / "mine"));
+  EXPECT_TRUE(std::filesystem::exists(tmp / "roots"));
+}
+
+// `dupes --delete` keeps one member of each group, never a whole group, and never a name of the
+// file it keeps.
+TEST(RavelinTest, DupesDeleteKeepsOneOfEachGroup) {
+  TempDir tmp;
+  const std::string content = testsupport::randomBytes(6000, 40);
+  tmp.write("a/f", content);
+  tmp.write("a/s", "same");
+  tmp.write("b/f", content);
+  tmp.write("b/s", "same");
+  tmp.write("c/g", content);
+  ASSERT_EQ(::link((tmp / "c/g").c_str(), (tmp / "c/hard").c_str()), 0);
+  EXPECT_EQ(run({"dupes", "--delete", tmp.path()}).status, 2);  // no terminal, no --yes
+  Outcome done = run({"dupes", "--delete", "--yes", "--json", "--hard-links", "--keep-under",
+                      tmp / "c", tmp.path()});
+  ASSERT_EQ(done.status, 0) << done.err;
+  // The folders' group keeps one folder; the file group keeps c/g, and c/hard, a name of the
+  // same file, stays with it.
+  EXPECT_TRUE(std::filesystem::exists(tmp / "c/g"));
+  EXPECT_TRUE(std::filesystem::exists(tmp / "c/hard"));
+  EXPECT_NE(std::filesystem::exists(tmp / "a"), std::filesystem::exists(tmp / "b"));
+  Outcome again = run({"dupes", "--json", tmp.path()});
+  EXPECT_TRUE(nlohmann::json::parse(again.out)["groups"].empty()) << again.out;
+}
+
+// An excluded folder is meant as the user typed it: with "." components and a trailing slash.
+TEST(RavelinTest, ExclusionsAreResolvedLikeRoots) {
+  TempDir tmp;
+  tmp.write("ex/keep/f", "same");
+  tmp.write("ex/skip/f", "same");
+  Outcome plain = run({"dupes", "--json", tmp / "ex"});
+  ASSERT_EQ(plain.status, 0) << plain.err;
+  EXPECT_EQ(nlohmann::json::parse(plain.out)["groups"].size(), 1u);
+  Outcome excluded = run({"dupes", "--json", "--exclude", tmp / "ex/./skip/", tmp / "ex"});
+  ASSERT_EQ(excluded.status, 0) << excluded.err;
+  EXPECT_TRUE(nlohmann::json::parse(excluded.out)["groups"].empty()) << excluded.out;
+}
+
+TEST(RavelinTest, IdentifiersOfAnyBytesPrintAsValidJson) {
+  Outcome outcome = run({"rules", "--json", "--for", "bad\xFF\nid"});
+  ASSERT_EQ(outcome.status, 0) << outcome.err;
+  auto result = nlohmann::json::parse(outcome.out);
+  EXPECT_EQ(unescapeText(result["for"]["id"].get<std::string>()), "bad\xFF\nid");
+  EXPECT_TRUE(result["shadowed"].empty());
+}
+
+// Every byte a name may hold comes back from the JSON, and two names never print alike.
+TEST(RavelinTest, JsonPathsGiveBackEveryName) {
+  TempDir tmp;
+  std::set<std::string> written;
+  for (int byte = 1; byte < 256; ++byte) {
+    if (byte == '/') continue;
+    std::string name = std::string("n") + static_cast<char>(byte);
+    written.insert(tmp.write("names/" + name, "x"));
+  }
+  written.insert(tmp.write("names/a\\xFF", "x"));
+  written.insert(tmp.write("names/b\\n", "x"));
+  Outcome outcome = run({"large", "--json", "--min-size", "1", tmp / "names"});
+  ASSERT_EQ(outcome.status, 0) << outcome.err;
+  std::set<std::string> read;
+  auto result = nlohmann::json::parse(outcome.out);
+  for (const auto& file : result["files"]) {
+    auto path = unescapeText(file["path"].get<std::string>());
+    ASSERT_TRUE(path) << file["path"];
+    read.insert(*path);
+  }
+  EXPECT_EQ(read, written);
+}
+
+// A home with one installed application, one removed package and one removed flatpak, seen
+// through --root as its own machine would see it.
+class RootedFixture {
+ public:
+  RootedFixture() {
+    tmp.write("usr/share/applications/vlc.desktop",
+              "[Desktop Entry]\nType=Application\nName=VLC media player\nExec=/usr/bin/vlc %U\n");
+    ::chmod(tmp.write("usr/bin/vlc", "#!/bin/sh\n").c_str(), 0755);
+    tmp.write("home/alice/.config/vlc/vlcrc", "cfg");
+    tmp.write("home/alice/.cache/vlc/art", "12345");
+    tmp.write("home/alice/.config/spotify/prefs", "p");
+    tmp.write("home/alice/.cache/spotify/data", "0123456789");
+    tmp.write("home/alice/.var/app/com.example.Gone/state", "s");
+  }
+  Outcome ravelin(std::vector<std::string> args, RunOptions options = {}) {
+    options.environment = {"HOME=/home/alice", "XDG_CONFIG_HOME=", "XDG_CACHE_HOME=",
+                           "XDG_DATA_HOME=", "XDG_DATA_DIRS="};
+    args.insert(args.begin(), {"--root", tmp.path()});
+    return run(args, options);
+  }
+  std::string home(const std::string& path) const { return tmp / ("home/alice/" + path); }
+  TempDir tmp;
+};
+
+TEST(RavelinTest, ApplicationFilesAndLeftoversOfARootedTree) {
+  RootedFixture fixture;
+  Outcome apps = fixture.ravelin({"apps", "--files", "--json", "vlc"});
+  ASSERT_EQ(apps.status, 0) << apps.err;
+  auto vlc = nlohmann::json::parse(apps.out)["apps"].at(0);
+  EXPECT_EQ(vlc["url"], fixture.tmp / "usr/share/applications/vlc.desktop");
+  EXPECT_EQ(vlc["size"], 8);
+  EXPECT_EQ(vlc["appSize"], 10);
+  EXPECT_EQ(vlc["files"], nlohmann::json::parse(
+                              "[{\"path\": \"" + fixture.home(".cache/vlc") +
+                              "\", \"size\": 5, \"kind\": \"cache\", \"owner\": \"id:vlc\"},"
+                              " {\"path\": \"" +
+                              fixture.home(".config/vlc") +
+                              "\", \"size\": 3, \"kind\": \"support\", \"owner\": \"id:vlc\"}]"));
+
+  Outcome leftovers = fixture.ravelin({"leftovers", "--json"});
+  ASSERT_EQ(leftovers.status, 0) << leftovers.err;
+  auto found = nlohmann::json::parse(leftovers.out)["leftovers"];
+  ASSERT_EQ(found.size(), 2u) << leftovers.out;
+  EXPECT_EQ(found[0]["id"], "com.example.Gone");
+  EXPECT_EQ(found[1]["id"], "spotify");
+  EXPECT_EQ(found[1]["size"], 11);
+
+  // Deleting one group takes exactly its entries.
+  Outcome removed = fixture.ravelin({"leftovers", "--delete", "spotify", "--yes"});
+  EXPECT_EQ(removed.status, 0) << removed.err;
+  EXPECT_FALSE(std::filesystem::exists(fixture.home(".config/spotify")));
+  EXPECT_FALSE(std::filesystem::exists(fixture.home(".cache/spotify")));
+  EXPECT_TRUE(std::filesystem::exists(fixture.home(".var/app/com.example.Gone/state")));
+  EXPECT_TRUE(std::filesystem::exists(fixture.home(".cache/vlc/art")));
+
+  EXPECT_EQ(fixture.ravelin({"leftovers", "--delete"}).status, 2);
+  EXPECT_EQ(fixture.ravelin({"leftovers", "--delete", "vlc", "--yes"}).status, 2);
+  EXPECT_TRUE(std::filesystem::exists(fixture.home(".cache/vlc/art")));
+  EXPECT_EQ(fixture.ravelin({"apps", "--files", "not.installed"}).status, 1);
+  EXPECT_EQ(run({"--root", fixture.tmp / "missing", "apps"}).status, 2);
+}
+
+TEST(RavelinTest, AnApplicationOnAReadOnlyMountIsNotScannedButStaysInstalled) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root for a mount of its own";
+  RootedFixture fixture;
+  RunOptions options;
+  options.readOnly = fixture.tmp / "usr/share/applications";
+  Outcome apps = fixture.ravelin({"apps", "--files", "--json"}, options);
+  ASSERT_EQ(apps.status, 0) << apps.err;
+  auto vlc = nlohmann::json::parse(apps.out)["apps"].at(0);
+  EXPECT_EQ(vlc["id"], "vlc");
+  EXPECT_TRUE(vlc["files"].empty());
+  Outcome leftovers = fixture.ravelin({"leftovers", "--json"}, options);
+  ASSERT_EQ(leftovers.status, 0) << leftovers.err;
+  auto groups = nlohmann::json::parse(leftovers.out)["leftovers"];
+  for (const auto& group : groups) {
+    EXPECT_NE(group["id"], "vlc");
+  }
+}
+
+TEST(RavelinTest, JunkReportsEachCategoryAndCleansWhatIsChosen) {
+  RootedFixture fixture;
+  fixture.tmp.write("var/cache/apt/archives/vim.deb", "12345678");
+  fixture.tmp.write("var/cache/debconf/config.dat", "answers");
+  fixture.tmp.write("var/log/syslog", "live");
+  fixture.tmp.write("var/log/syslog.1", "old");
+  fixture.tmp.write("home/alice/.local/share/Trash/files/draft.txt", "draft");
+  fixture.tmp.write("home/alice/.local/share/Trash/info/draft.txt.trashinfo", "[Trash Info]");
+  Outcome report = fixture.ravelin({"junk", "--json"});
+  ASSERT_EQ(report.status, 0) << report.err;
+  auto junk = nlohmann::json::parse(report.out);
+  auto paths = [](const nlohmann::json& files) {
+    std::set<std::string> out;
+    for (const auto& f : files) out.insert(f["path"]);
+    return out;
+  };
+  EXPECT_EQ(paths(junk["caches"]), std::set<std::string>{fixture.tmp / "var/cache/apt"});
+  EXPECT_EQ(paths(junk["logs"]), std::set<std::string>{fixture.tmp / "var/log/syslog.1"});
+  EXPECT_EQ(paths(junk["trash"]),
+            std::set<std::string>{fixture.home(".local/share/Trash/files/draft.txt")});
+  ASSERT_EQ(junk["apps"].size(), 1u);
+  EXPECT_EQ(junk["apps"][0]["id"], "vlc");
+  EXPECT_EQ(paths(junk["apps"][0]["files"]), std::set<std::string>{fixture.home(".cache/vlc")});
+  EXPECT_EQ(junk["apps"][0]["files"][0]["kind"], "cache");
+  ASSERT_EQ(junk["orphans"].size(), 1u);
+  EXPECT_EQ(junk["orphans"][0]["id"], "spotify");
+  EXPECT_EQ(junk["total"], 8 + 3 + 5 + 5 + 10);
+
+  EXPECT_EQ(fixture.ravelin({"junk", "--clean", "--category", "everything"}).status, 2);
+  EXPECT_EQ(fixture.ravelin({"junk", "--yes"}).status, 2);
+  // Only the trash: the item goes with its description, and nothing else is touched.
+  Outcome cleaned = fixture.ravelin({"junk", "--clean", "--category", "trash", "--yes"});
+  EXPECT_EQ(cleaned.status, 0) << cleaned.err;
+  EXPECT_FALSE(std::filesystem::exists(fixture.home(".local/share/Trash/files/draft.txt")));
+  EXPECT_FALSE(
+      std::filesystem::exists(fixture.home(".local/share/Trash/info/draft.txt.trashinfo")));
+  EXPECT_TRUE(std::filesystem::exists(fixture.tmp / "var/log/syslog.1"));
+  // Everything else that was found; the live log, the debconf database and support files stay.
+  Outcome all = fixture.ravelin({"junk", "--clean", "--yes"});
+  EXPECT_EQ(all.status, 0) << all.err;
+  EXPECT_FALSE(std::filesystem::exists(fixture.tmp / "var/cache/apt"));
+  EXPECT_FALSE(std::filesystem::exists(fixture.tmp / "var/log/syslog.1"));
+  EXPECT_FALSE(std::filesystem::exists(fixture.home(".cache/vlc")));
+  EXPECT_FALSE(std::filesystem::exists(fixture.home(".cache/spotify")));
+  EXPECT_TRUE(std::filesystem::exists(fixture.tmp / "var/log/syslog"));
+  EXPECT_TRUE(std::filesystem::exists(fixture.tmp / "var/cache/debconf/config.dat"));
+  EXPECT_TRUE(std::filesystem::exists(fixture.home(".config/vlc/vlcrc")));
+  EXPECT_TRUE(std::filesystem::exists(fixture.home(".config/spotify/prefs")));
+}
+
+// Startup items of a home of its own: the user's unit and autostart entry are switched for real
+// (systemctl --user and the autostart folder), and the machine's own items only read.
+TEST(RavelinTest, StartupListsAndSwitchesTheUsersItems) {
+  if (!std::filesystem::exists("/usr/bin/systemctl")) GTEST_SKIP() << "needs systemctl";
+  TempDir home;
+  home.write(".config/systemd/user/sync.service",
+             "[Service]\nExecStart=/usr/bin/true --sync\n[Install]\nWantedBy=default.target\n");
+  home.write(".config/autostart/notes.desktop",
+             "[Desktop Entry]\nType=Application\nName=Notes\nExec=notes --tray\n");
+  RunOptions options;
+  options.environment = {"HOME=" + home.path(), "XDG_CONFIG_HOME"};
+  auto item = [&](const std::string& label) {
+    Outcome listing = run({"startup", "--json"}, options);
+    EXPECT_EQ(listing.status, 0) << listing.err;
+    auto items = nlohmann::json::parse(listing.out)["items"];
+    for (const auto& found : items) {
+      if (found["label"] == label) return found;
+    }
+    return nlohmann::json();
+  };
+  auto sync = item("sync.service");
+  EXPECT_EQ(sync["type"], "user-agent");
+  EXPECT_EQ(sync["runs"], "/usr/bin/true --sync");
+  EXPECT_EQ(sync["enabled"], false);
+  EXPECT_EQ(item("notes")["enabled"], true);
+
+  Outcome enabled = run({"startup", "--enable", "sync.service"}, options);
+  EXPECT_EQ(enabled.status, 0) << enabled.err;
+  EXPECT_EQ(enabled.out, "sync.service  starts by itself\n");
+  EXPECT_TRUE(
+      std::filesystem::is_symlink(home / ".config/systemd/user/default.target.wants/sync.service"));
+  EXPECT_EQ(item("sync.service")["enabled"], true);
+  EXPECT_EQ(
+      run({"startup", "--disable", home / ".config/systemd/user/sync.service"}, options).status, 0);
+  EXPECT_EQ(item("sync.service")["enabled"], false);
+
+  EXPECT_EQ(run({"startup", "--disable", "notes"}, options).status, 0);
+  EXPECT_FALSE(std::filesystem::exists(home / ".config/autostart/notes.desktop"));
+  EXPECT_EQ(run({"startup", "--disable", "no-such-item"}, options).status, 2);
+  EXPECT_EQ(run({"startup", "--disable", ""}, options).status, 2);
+  EXPECT_EQ(run({"startup", "--enable", "a", "--disable", "b"}, options).status, 2);
+}
+
+// A system unit below a root is switched by systemctl --root, as root only.
+TEST(RavelinTest, StartupSwitchesASystemUnitBelowARootOnlyAsRoot) {
+  if (::geteuid() != 0 || !std::filesystem::exists("/usr/bin/systemctl")) {
+    GTEST_SKIP() << "needs root and systemctl";
+  }
+  RootedFixture fixture;
+  ::chmod(fixture.tmp.path().c_str(), 0755);
+  fixture.tmp.write(
+      "etc/systemd/system/backup.service",
+      "[Service]\nExecStart=/usr/sbin/backup\n[Install]\nWantedBy=multi-user.target\n");
+  RunOptions asNobody;
+  asNobody.user = 65534;
+  EXPECT_EQ(fixture.ravelin({"startup", "--enable", "backup.service"}, asNobody).status, 1);
+  Outcome enabled = fixture.ravelin({"startup", "--enable", "backup.service"});
+  EXPECT_EQ(enabled.status, 0) << enabled.err;
+  EXPECT_TRUE(std::filesystem::is_symlink(
+      fixture.tmp / "etc/systemd/system/multi-user.target.wants/backup.service"));
+  Outcome listing = fixture.ravelin({"startup", "--json"});
+  auto items = nlohmann::json::parse(listing.out)["items"];
+  ASSERT_FALSE(items.empty());
+  EXPECT_EQ(items[0]["label"], "backup.service");
+  EXPECT_EQ(items[0]["type"], "daemon");
+  EXPECT_EQ(items[0]["enabled"], true);
+}
+
+// The manual page and the bash completion describe every subcommand and every option that
+// --help lists, so neither can fall behind the program.
+TEST(RavelinTest, ManualPageAndCompletionCoverEveryOption) {
+  auto readFile = [](const std::string& path) {
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  };
+  std::string page = readFile(RAVELIN_MANUAL_PAGE);
+  for (std::size_t at = page.find("\\-"); at != std::string::npos; at = page.find("\\-", at)) {
+    page.replace(at, 2, "-");
+  }
+  const std::string completion = readFile(RAVELIN_COMPLETION);
+  ASSERT_FALSE(page.empty());
+  ASSERT_FALSE(completion.empty());
+
+  // The subcommands a --help lists, and the options it lists.
+  auto section = [](const std::string& help, const std::string& heading) {
+    std::vector<std::string> lines;
+    std::size_t at = help.find(heading + ":\n");
+    if (at == std::string::npos) return lines;
+    std::istringstream stream(help.substr(at + heading.size() + 2));
+    std::string line;
+    while (std::getline(stream, line) && !line.empty()) lines.push_back(line);
+    return lines;
+  };
+  auto options = [&](const std::string& help) {
+    std::set<std::string> found;
+    for (const auto& line : section(help, "Options")) {
+      std::size_t start = line.find_first_not_of(' ');
+      std::string names = line.substr(start, line.find(' ', start) - start);
+      std::istringstream parts(names);
+      std::string name;
+      while (std::getline(parts, name, ',')) {
+        if (name.starts_with("--")) found.insert(name);
+      }
+    }
+    return found;
+  };
+  auto subcommands = [&](const std::string& help) {
+    std::vector<std::string> names;
+    for (const auto& line : section(help, "Subcommands")) {
+      std::istringstream words(line);
+      std::string name;
+      words >> name;
+      names.push_back(name);
+    }
+    return names;
+  };
+
+  Outcome top = run({"--help"});
+  ASSERT_EQ(top.status, 0);
+  for (const auto& option : options(top.out)) {
+    EXPECT_NE(page.find(option), std::string::npos) << "page lacks " << option;
+    EXPECT_NE(completion.find(option), std::string::npos) << "completion lacks " << option;
+  }
+  auto commands = subcommands(top.out);
+  EXPECT_GE(commands.size(), 11u);
+  for (const auto& command : commands) {
+    EXPECT_NE(page.find(".SS \"" + command), std::string::npos) << "page lacks " << command;
+    EXPECT_NE(completion.find(command), std::string::npos) << "completion lacks " << command;
+    Outcome help = run({command, "--help"});
+    std::vector<std::string> helps{help.out};
+    for (const auto& nested : subcommands(help.out)) {
+      EXPECT_NE(page.find(nested), std::string::npos) << "page lacks " << command << " " << nested;
+      EXPECT_NE(completion.find(nested), std::string::npos) << command << " " << nested;
+      helps.push_back(run({command, nested, "--help"}).out);
+    }
+    for (const auto& text : helps) {
+      for (const auto& option : options(text)) {
+        EXPECT_NE(page.find(option), std::string::npos) << command << ": page lacks " << option;
+        EXPECT_NE(completion.find(option), std::string::npos)
+            << command << ": completion lacks " << option;
+      }
+    }
+  }
+}
+
+}  // namespace
+}  // namespace cli

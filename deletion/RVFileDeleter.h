@@ -1,0 +1,60 @@
+#pragma once
+
+// Deletes a list of paths one after the other with the rights of the user, on a serial queue of
+// its own, and tells a delegate what became of each. It can be paused, resumed and stopped from
+// any thread; it doesn't decide what to do with failures (the `Deleter` does).
+//
+// The list is worked from its end. Links are removed, never followed: a link to a folder is no
+// folder here, and a folder's walk is physical.
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/Dispatch.h"
+
+class RVFileDeleterDelegate {
+ public:
+  virtual ~RVFileDeleterDelegate() = default;
+  // The path in work, at most every 0.03 seconds.
+  virtual void fileDeleterCurrent(const std::string& path) = 0;
+  // One list entry has ended: `error` 0 means deleted (or already gone), else the errno of the
+  // failure; for a folder, that of the operation that failed inside it.
+  virtual void fileDeleterDeleted(const std::string& path, int error) = 0;
+  // The work is over; called once.
+  virtual void fileDeleterCompleted() = 0;
+};
+
+class RVFileDeleter : public std::enable_shared_from_this<RVFileDeleter> {
+ public:
+  enum State : int { paused = 0, running = 1, stopped = 2, completed = 3 };
+  // What deleting one path came to.
+  enum Result : int { deleted = 0, failed = 1, interrupted = 2 };
+
+  explicit RVFileDeleter(std::vector<std::string> paths);
+
+  // Starts, or resumes after `pause`; nothing in any other state.
+  void start();
+  // Makes the running loop stop at its next check; a folder may be left partly deleted, and is
+  // taken up again by the next `start`.
+  void pause();
+  // Ends the work: completion is reported once what runs has returned.
+  void stop();
+
+  State state() const { return static_cast<State>(_state.load()); }
+
+  std::weak_ptr<RVFileDeleterDelegate> delegate;
+
+ private:
+  void deleteFiles();
+  Result deleteAt(const std::string& path);
+  Result deleteDirectoryAt(const char* path);
+  void updateCurrentPath(const char* path);
+  void completedStep();
+
+  std::vector<std::string> _paths;  // the last one is next
+  platform::DispatchQueue _dispatchQueue;
+  std::atomic<int> _state{paused};
+  double _time = 0;
+};

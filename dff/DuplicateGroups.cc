@@ -1,0 +1,423 @@
+#include "dff/DuplicateGroups.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <utility>
+
+#include "platform/Metadata.h"
+#include "platform/TreeWalker.h"
+
+namespace Core {
+
+namespace {
+
+struct Identity {
+  std::uint64_t device;
+  std::uint64_t inode;
+  friend auto operator<=>(const Identity&, const Identity&) = default;
+};
+
+std::optional<Identity> identityOf(const std::string& path) {
+  struct stat status;
+  if (::stat(path.c_str(), &status) != 0) return std::nullopt;
+  return Identity{status.st_dev, status.st_ino};
+}
+
+}  // namespace
+
+bool isPhotoLibraryPath(const std::string& path) {
+  static constexpr char kSuffix[] = ".photoslibrary";
+  constexpr std::size_t length = sizeof(kSuffix) - 1;
+  return path.size() > length &&
+         ::strncasecmp(path.c_str() + path.size() - length, kSuffix, length) == 0;
+}
+
+ResolvedRoots resolveRoots(const std::vector<std::string>& roots) {
+  struct Root {
+    std::string given;
+    std::string resolved;
+    std::optional<Identity> identity;
+    std::vector<Identity> ancestors;
+    bool library = false;
+  };
+  std::vector<Root> all;
+  for (const auto& given : roots) {
+    Root root{given, given, std::nullopt, {}, false};
+    if (char* real = ::realpath(given.c_str(), nullptr)) {
+      root.resolved = real;
+      std::free(real);
+      root.identity = identityOf(root.resolved);
+      // Each folder above the root, so that a root reached through a bind mount of another is
+      // still seen to lie inside it.
+      for (std::size_t slash = root.resolved.find('/', 1); slash != std::string::npos;
+           slash = root.resolved.find('/', slash + 1)) {
+        if (auto above = identityOf(root.resolved.substr(0, slash))) {
+          root.ancestors.push_back(*above);
+        }
+      }
+      if (root.resolved != "/") {
+        if (auto top = identityOf("/")) root.ancestors.push_back(*top);
+      }
+    }
+    root.library = isPhotoLibraryPath(root.resolved);
+    all.push_back(std::move(root));
+  }
+
+  ResolvedRoots result;
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    const Root& root = all[i];
+    std::optional<std::string> reason;
+    for (std::size_t j = 0; j < all.size() && !reason; ++j) {
+      const Root& other = all[j];
+      if (j == i || !root.identity || !other.identity) continue;
+      if (*root.identity == *other.identity && root.library == other.library) {
+        // The first of equal roots stays.
+        if (j < i) reason = "same as " + other.given;
+        continue;
+      }
+      if (root.library || other.library) continue;
+      if (std::find(root.ancestors.begin(), root.ancestors.end(), *other.identity) !=
+          root.ancestors.end()) {
+        reason = "inside " + other.given;
+      }
+    }
+    if (reason) {
+      result.dropped.push_back({root.given, *reason});
+    } else {
+      result.roots.push_back(root.resolved);
+    }
+  }
+  return result;
+}
+
+const File& GroupMember::file() const {
+  if (auto* photo = std::get_if<Photo>(&item)) return photo->file;
+  return std::get<File>(item);
+}
+
+std::vector<DuplicateGroup> refineGroups(const std::vector<std::vector<Duplicate>>& groups,
+                                         const RefineOptions& options) {
+  std::vector<DuplicateGroup> refined;
+  for (const auto& group : groups) {
+    DuplicateGroup members;
+    std::map<Identity, std::size_t> seen;
+    for (const auto& item : group) {
+      GroupMember member;
+      member.item = item;
+      const std::string& path = member.file().url;
+      struct stat status;
+      // A member that can no longer be examined can't be shown as a copy of anything.
+      if (::lstat(path.c_str(), &status) != 0) continue;
+      if (std::holds_alternative<Photo>(item)) {
+        member.kind = MemberKind::photo;
+      } else if (S_ISDIR(status.st_mode)) {
+        member.kind = platform::isPackage(path) ? MemberKind::package : MemberKind::folder;
+      }
+      member.device = status.st_dev;
+      member.inode = status.st_ino;
+      member.linkCount = status.st_nlink;
+
+      Identity identity{member.device, member.inode};
+      auto found = seen.find(identity);
+      if (found != seen.end()) {
+        GroupMember& first = members[found->second];
+        bool samePath = first.file().url == path;
+        bool photoAndFile = (first.kind == MemberKind::photo) != (member.kind == MemberKind::photo);
+        if (!options.keepHardLinks || samePath || photoAndFile) {
+          // One file met twice: shown once, as the photo if it is one.
+          if (member.kind == MemberKind::photo && first.kind != MemberKind::photo) {
+            std::string firstPath = first.file().url;
+            member.otherNames = std::move(first.otherNames);
+            first = std::move(member);
+            if (firstPath != first.file().url) first.otherNames.push_back(std::move(firstPath));
+          } else if (!samePath && std::find(first.otherNames.begin(), first.otherNames.end(),
+                                            path) == first.otherNames.end()) {
+            first.otherNames.push_back(path);
+          }
+          continue;
+        }
+      } else {
+        seen.emplace(identity, members.size());
+      }
+      members.push_back(std::move(member));
+    }
+    if (members.size() >= 2) refined.push_back(std::move(members));
+  }
+  return refined;
+}
+
+namespace {
+
+// Adds each regular file below a deleted folder, once per name.
+class NameCounter final : public platform::WalkVisitor {
+ public:
+  struct Count {
+    std::int64_t size = 0;
+    std::uint64_t links = 0;
+    std::uint64_t namesDeleted = 0;
+  };
+  explicit NameCounter(std::map<Identity, Count>& counts) : counts_(counts) {}
+  void entry(const std::string&, std::string_view, const struct stat& status) override {
+    if (S_ISREG(status.st_mode)) add(status);
+  }
+  void add(const struct stat& status) {
+    Count& count = counts_[Identity{status.st_dev, status.st_ino}];
+    count.size = status.st_size;
+    count.links = status.st_nlink;
+    ++count.namesDeleted;
+  }
+
+ private:
+  std::map<Identity, Count>& counts_;
+};
+
+}  // namespace
+
+namespace {
+
+std::int64_t modifiedAt(const std::string& path) {
+  struct stat status;
+  if (::lstat(path.c_str(), &status) != 0) return 0;
+  return static_cast<std::int64_t>(status.st_mtim.tv_sec) * 1000000000 + status.st_mtim.tv_nsec;
+}
+
+// True when `path` is `folder` or lies below it.
+bool below(const std::string& path, const std::string& folder) {
+  if (folder == "/") return true;
+  return path.size() >= folder.size() && path.compare(0, folder.size(), folder) == 0 &&
+         (path.size() == folder.size() || path[folder.size()] == '/');
+}
+
+// The member to keep among `candidates` (in group order), by `rule`.
+const GroupMember* chooseKept(const std::vector<const GroupMember*>& candidates,
+                              const KeepRule& rule) {
+  std::vector<const GroupMember*> pool = candidates;
+  if (rule.keepUnder) {
+    std::vector<const GroupMember*> under;
+    for (const auto* member : pool) {
+      if (below(member->file().url, *rule.keepUnder)) under.push_back(member);
+    }
+    if (!under.empty()) pool = under;
+  }
+  const GroupMember* best = pool.front();
+  for (const auto* member : pool) {
+    switch (rule.choice) {
+      case KeepRule::Choice::first:
+        break;
+      case KeepRule::Choice::newest:
+        if (modifiedAt(member->file().url) > modifiedAt(best->file().url)) best = member;
+        break;
+      case KeepRule::Choice::oldest:
+        if (modifiedAt(member->file().url) < modifiedAt(best->file().url)) best = member;
+        break;
+      case KeepRule::Choice::shortestPath:
+        if (member->file().url.size() < best->file().url.size()) best = member;
+        break;
+    }
+  }
+  return best;
+}
+
+}  // namespace
+
+KeepOnePlan planKeepingOne(const std::vector<DuplicateGroup>& groups, const KeepRule& rule) {
+  KeepOnePlan plan;
+  std::set<std::string> keptPaths;
+  std::set<std::string> targetPaths;
+  std::vector<KeepOnePlan::Target> targets;
+
+  // Both questions are asked of every member, so both look up sorted sets: a path lies inside a
+  // target when one of its leading parts is a target; a path holds a kept path when the first
+  // kept path at or after it starts with it.
+  auto insideTarget = [&](const std::string& path) {
+    if (targetPaths.count(path) > 0) return true;
+    for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
+         slash = path.find('/', slash + 1)) {
+      if (targetPaths.count(path.substr(0, slash)) > 0) return true;
+    }
+    return targetPaths.count("/") > 0;
+  };
+  auto holdsKept = [&](const std::string& path) {
+    if (keptPaths.count(path) > 0) return true;
+    std::string below = path == "/" ? path : path + "/";
+    auto next = keptPaths.lower_bound(below);
+    return next != keptPaths.end() && next->compare(0, below.size(), below) == 0;
+  };
+  auto names = [](const GroupMember& member) {
+    std::vector<std::string> all{member.file().url};
+    all.insert(all.end(), member.otherNames.begin(), member.otherNames.end());
+    return all;
+  };
+
+  // Folders and packages first: a file group then keeps a copy that outlives them.
+  std::vector<const DuplicateGroup*> order;
+  for (const auto& group : groups) {
+    if (group.front().kind == MemberKind::folder || group.front().kind == MemberKind::package) {
+      order.push_back(&group);
+    }
+  }
+  for (const auto& group : groups) {
+    if (group.front().kind != MemberKind::folder && group.front().kind != MemberKind::package) {
+      order.push_back(&group);
+    }
+  }
+
+  for (const DuplicateGroup* group : order) {
+    std::vector<const GroupMember*> candidates;
+    for (const auto& member : *group) {
+      if (!insideTarget(member.file().url)) candidates.push_back(&member);
+    }
+    const GroupMember* keep = candidates.empty() ? nullptr : chooseKept(candidates, rule);
+    if (keep == nullptr) {
+      ++plan.groupsLeftAlone;
+      continue;
+    }
+    for (const auto& name : names(*keep)) keptPaths.insert(name);
+    plan.kept.push_back(keep->file().url);
+    for (const auto& member : *group) {
+      if (&member == keep) continue;
+      // The same file as the kept one under another name: deleting it frees nothing and would
+      // take a name the user sees away.
+      if (member.device == keep->device && member.inode == keep->inode) continue;
+      std::optional<std::string> photoID;
+      if (auto* photo = std::get_if<Photo>(&member.item)) photoID = photo->id;
+      for (const auto& name : names(member)) {
+        if (insideTarget(name) || holdsKept(name)) continue;
+        targets.push_back({name, member.kind, keep->file().url, photoID});
+        targetPaths.insert(name);
+      }
+    }
+  }
+
+  // A target inside another goes with it (a folder decided before the files in it, or a name
+  // of a file that is also a name inside a deleted folder).
+  std::sort(targets.begin(), targets.end(),
+            [](const auto& a, const auto& b) { return a.path < b.path; });
+  targetPaths.clear();
+  for (const auto& target : targets) {
+    if (insideTarget(target.path)) continue;
+    plan.deletions.push_back(target);
+    targetPaths.insert(target.path);
+  }
+
+  std::map<Identity, NameCounter::Count> counts;
+  NameCounter counter(counts);
+  for (const auto& target : plan.deletions) {
+    struct stat status;
+    if (::lstat(target.path.c_str(), &status) != 0) continue;
+    if (S_ISDIR(status.st_mode)) {
+      platform::walkTree(target.path, counter);
+    } else if (S_ISREG(status.st_mode)) {
+      counter.add(status);
+    }
+  }
+  for (const auto& [identity, count] : counts) {
+    if (count.namesDeleted >= count.links) plan.bytesFreed += count.size;
+  }
+  return plan;
+}
+
+}  // namespace Core
+
+namespace Core {
+
+namespace {
+
+constexpr int kEntryFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
+
+bool sameFileBytes(int a, int b) {
+  static constexpr std::size_t kChunk = 1 << 16;
+  std::vector<char> left(kChunk), right(kChunk);
+  for (;;) {
+    ssize_t n = ::read(a, left.data(), kChunk);
+    if (n < 0) return false;
+    std::size_t got = 0;
+    while (got < static_cast<std::size_t>(n)) {
+      ssize_t m = ::read(b, right.data() + got, static_cast<std::size_t>(n) - got);
+      if (m <= 0) return false;
+      got += static_cast<std::size_t>(m);
+    }
+    if (std::memcmp(left.data(), right.data(), static_cast<std::size_t>(n)) != 0) return false;
+    if (n == 0) {
+      char extra;
+      return ::read(b, &extra, 1) == 0;
+    }
+  }
+}
+
+// Compares the entries `nameA` below the open folder `a` and `nameB` below `b`.
+bool sameEntry(int a, const char* nameA, int b, const char* nameB, dev_t deviceA, dev_t deviceB,
+               int depth) {
+  if (depth > 4096) return false;
+  struct stat sa, sb;
+  if (::fstatat(a, nameA, &sa, AT_SYMLINK_NOFOLLOW) != 0 ||
+      ::fstatat(b, nameB, &sb, AT_SYMLINK_NOFOLLOW) != 0) {
+    return false;
+  }
+  if ((sa.st_mode & S_IFMT) != (sb.st_mode & S_IFMT)) return false;
+  if (S_ISLNK(sa.st_mode)) {
+    std::vector<char> ta(static_cast<std::size_t>(sa.st_size) + 1),
+        tb(static_cast<std::size_t>(sb.st_size) + 1);
+    ssize_t la = ::readlinkat(a, nameA, ta.data(), ta.size());
+    ssize_t lb = ::readlinkat(b, nameB, tb.data(), tb.size());
+    return la >= 0 && la == lb && la == sa.st_size && std::memcmp(ta.data(), tb.data(), la) == 0;
+  }
+  if (S_ISREG(sa.st_mode)) {
+    if (sa.st_size != sb.st_size) return false;
+    int fa = ::openat(a, nameA, kEntryFlags), fb = ::openat(b, nameB, kEntryFlags);
+    bool same = fa >= 0 && fb >= 0 && sameFileBytes(fa, fb);
+    if (fa >= 0) ::close(fa);
+    if (fb >= 0) ::close(fb);
+    return same;
+  }
+  if (!S_ISDIR(sa.st_mode)) return false;  // pipes, sockets, devices: never the same bytes
+  // Another file system mounted inside is no part of the copy.
+  if (sa.st_dev != deviceA || sb.st_dev != deviceB) return false;
+  int da = ::openat(a, nameA, kEntryFlags | O_DIRECTORY);
+  int db = ::openat(b, nameB, kEntryFlags | O_DIRECTORY);
+  auto names = [](int fd) -> std::optional<std::vector<std::string>> {
+    DIR* dir = ::fdopendir(::dup(fd));
+    if (dir == nullptr) return std::nullopt;
+    std::vector<std::string> list;
+    while (struct dirent* entry = ::readdir(dir)) {
+      std::string name = entry->d_name;
+      if (name != "." && name != "..") list.push_back(std::move(name));
+    }
+    ::closedir(dir);
+    std::sort(list.begin(), list.end());
+    return list;
+  };
+  bool same = false;
+  if (da >= 0 && db >= 0) {
+    auto la = names(da), lb = names(db);
+    same = la && lb && *la == *lb;
+    for (std::size_t i = 0; same && i < la->size(); ++i) {
+      same = sameEntry(da, (*la)[i].c_str(), db, (*lb)[i].c_str(), deviceA, deviceB, depth + 1);
+    }
+  }
+  if (da >= 0) ::close(da);
+  if (db >= 0) ::close(db);
+  return same;
+}
+
+}  // namespace
+
+bool sameContents(const std::string& a, const std::string& b) {
+  struct stat sa, sb;
+  if (::lstat(a.c_str(), &sa) != 0 || ::lstat(b.c_str(), &sb) != 0) return false;
+  return sameEntry(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), sa.st_dev, sb.st_dev, 0);
+}
+
+}  // namespace Core

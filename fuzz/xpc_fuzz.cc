@@ -1,0 +1,18 @@
+// Messages on the privileged helper's socket, in both directions: whatever is accepted is a call
+// of the protocol with arguments of the declared types.
+#include "fuzz/FuzzSupport.h"
+#include "helper/Protocols.h"
+#include "platform/Xpc.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  std::string_view line(reinterpret_cast<const char*>(data), size);
+  for (const auto* interface :
+       {&helper::helperProtocolInterface(), &helper::helperDelegateInterface()}) {
+    auto message = platform::xpc::decodeMessage(line, *interface);
+    if (!message || message->isAnswer) continue;
+    const auto* method = interface->find(message->selector);
+    fuzz::require(method != nullptr);
+    fuzz::require(message->arguments.is_array());
+  }
+  return 0;
+}

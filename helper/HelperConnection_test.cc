@@ -1,0 +1,308 @@
+#include "helper/HelperConnection.h"
+
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <filesystem>
+#include <thread>
+
+#include "helper/HelperInstaller.h"
+#include "monitor/DiskInfo.h"
+#include "platform/Admin.h"
+#include "testsupport/TestSupport.h"
+
+namespace helper {
+namespace {
+
+using testsupport::TempDir;
+
+// Records the helper's reports, which arrive on the transport's queue.
+class RecordingDelegate final : public RVHelperDelegate {
+ public:
+  void helperDeletedAt(const std::string& path, bool success) override {
+    std::lock_guard lock(mutex);
+    results.emplace_back(path, success);
+  }
+  void helperDeletingAt(const std::string& path) override {
+    std::lock_guard lock(mutex);
+    deleting.push_back(path);
+  }
+  void helperDeletionCompleted() override { completed = true; }
+
+  std::mutex mutex;
+  std::vector<std::pair<std::string, bool>> results;
+  std::vector<std::string> deleting;
+  std::atomic<bool> completed{false};
+};
+
+// The real tool, started as this test's user on a socket in a temporary folder.
+class RealHelper : public testsupport::ChildProcess {
+ public:
+  explicit RealHelper(const std::string& socket)
+      : ChildProcess(
+            {RAVELIN_HELPER_BINARY, "--socket", socket, "--allow-uid", std::to_string(::getuid())},
+            socket) {}
+};
+
+// A service that answers the ping late, or never.
+class SlowHelper {
+ public:
+  SlowHelper(const std::string& socket, std::optional<std::chrono::milliseconds> delay)
+      : delay_(delay) {
+    listener_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, socket.c_str(), sizeof(address.sun_path) - 1);
+    ::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    ::listen(listener_, 4);
+    thread_ = std::thread([this] {
+      int fd = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+      if (fd < 0) return;
+      connection_ = platform::xpc::Connection::fromSocket(fd);
+      connection_->setExportedInterface(helperProtocolInterface());
+      connection_->setExportedObject(receiver_);
+      connection_->resume();
+    });
+  }
+  ~SlowHelper() {
+    ::shutdown(listener_, SHUT_RDWR);
+    thread_.join();
+    ::close(listener_);
+    if (connection_) connection_->invalidate();
+    for (auto& t : replies_) t.join();
+  }
+
+ private:
+  class Receiver final : public platform::xpc::Receiver {
+   public:
+    explicit Receiver(SlowHelper& owner) : owner_(owner) {}
+    void receive(platform::xpc::Call call) override {
+      if (call.selector != "test:" || !owner_.delay_) return;  // never answers
+      owner_.replies_.emplace_back([reply = call.reply, delay = *owner_.delay_] {
+        std::this_thread::sleep_for(delay);
+        reply(nlohmann::json::array());
+      });
+    }
+
+   private:
+    SlowHelper& owner_;
+  };
+  std::optional<std::chrono::milliseconds> delay_;
+  int listener_;
+  std::thread thread_;
+  std::vector<std::thread> replies_;
+  std::shared_ptr<Receiver> receiver_ = std::make_shared<Receiver>(*this);
+  std::shared_ptr<platform::xpc::Connection> connection_;
+};
+
+// Drains the main queue until `done`, looking at it at least every 10 ms: the reports watched here
+// arrive on the transport's queue, not as main-queue tasks.
+bool waitFor(const std::function<bool()>& done) {
+  for (int i = 0; i < 1000; ++i) {
+    if (testsupport::drainMainUntil(done, std::chrono::milliseconds(10))) return true;
+  }
+  return done();
+}
+
+class HelperConnectionTest : public ::testing::Test {
+ protected:
+  void SetUp() override { setHelperSocket(socket_); }
+  void TearDown() override { setHelperSocket(""); }
+
+  // Drains the main queue for `span`, counting calls of the connection's error handler.
+  void drainFor(std::chrono::milliseconds span) {
+    testsupport::drainMainUntil([] { return false; }, span);
+  }
+  std::vector<std::string> events72() {
+    std::vector<std::string> infos;
+    for (const auto& e : analytics_.recorder().events()) {
+      if (e.number == 72) infos.push_back(e.properties->at("info"));
+    }
+    return infos;
+  }
+
+  TempDir tmp_;
+  std::string socket_ = tmp_ / "helper.sock";
+  testsupport::ScopedAnalyticsRecorder analytics_;
+};
+
+TEST_F(HelperConnectionTest, AnAnsweredPingKeepsTheConnectionAndASecondConnectIsRefused) {
+  RealHelper tool(socket_);
+  auto connection = HelperConnection::create();
+  int errors = 0;
+  connection->errorHandler = [&] { ++errors; };
+  ASSERT_TRUE(connection->connect(false));
+  EXPECT_FALSE(connection->connect(false));
+  drainFor(std::chrono::milliseconds(3300));
+  EXPECT_EQ(errors, 0);
+  EXPECT_TRUE(events72().empty());
+  EXPECT_TRUE(connection->helper);
+  connection->close();
+  EXPECT_FALSE(connection->helper);
+  drainFor(std::chrono::milliseconds(100));
+  EXPECT_EQ(errors, 0);                     // closing calls no handler
+  EXPECT_TRUE(connection->connect(false));  // idle again: connects anew
+}
+
+TEST_F(HelperConnectionTest, DeletesAsTheHelperAndRefusesTheSystemsFolders) {
+  RealHelper tool(socket_);
+  tmp_.write("tree/a/b/file", "x");
+  tmp_.write("outside/keep", "stays");
+  tmp_.symlink("tree/link", tmp_ / "outside");
+  auto delegate = std::make_shared<RecordingDelegate>();
+  auto connection = HelperConnection::create();
+  connection->delegate = delegate;
+  ASSERT_TRUE(connection->connect(false));
+  connection->helper->deleteAtPaths({tmp_ / "tree", "/", "/etc", "relative", tmp_ / "x/../etc"});
+  ASSERT_TRUE(waitFor([&] { return delegate->completed.load(); }));
+  std::lock_guard lock(delegate->mutex);
+  EXPECT_EQ(delegate->results,
+            (std::vector<std::pair<std::string, bool>>{{tmp_ / "tree", true},
+                                                       {"/", false},
+                                                       {"/etc", false},
+                                                       {"relative", false},
+                                                       {tmp_ / "x/../etc", false}}));
+  EXPECT_EQ(delegate->deleting.size(), 5u);
+  EXPECT_FALSE(std::filesystem::exists(tmp_ / "tree"));
+  EXPECT_TRUE(std::filesystem::exists(tmp_ / "outside/keep"));
+  EXPECT_TRUE(std::filesystem::exists("/etc/passwd"));
+}
+
+TEST_F(HelperConnectionTest, MeasuresAsGetDirectorySizeDoes) {
+  RealHelper tool(socket_);
+  for (int i = 0; i < 50; ++i) {
+    tmp_.write("tree/d" + std::to_string(i % 7) + "/f" + std::to_string(i),
+               std::string(static_cast<std::size_t>(i) * 10, 'x'));
+  }
+  auto connection = HelperConnection::create();
+  ASSERT_TRUE(connection->connect(false));
+  std::atomic<std::int64_t> size{-1};
+  connection->helper->getDirectorySizeAt(tmp_ / "tree", [&](std::int64_t value) { size = value; });
+  ASSERT_TRUE(waitFor([&] { return size.load() >= 0; }));
+  EXPECT_EQ(size.load(), monitor::GetDirectorySize((tmp_ / "tree").c_str()));
+}
+
+// A helper that dies in the middle of a batch: the error handler runs once, on the main queue.
+TEST_F(HelperConnectionTest, AHelperKilledMidBatchEndsTheConnectionOnce) {
+  auto tool = std::make_unique<RealHelper>(socket_);
+  for (int i = 0; i < 3000; ++i) {
+    tmp_.write("big/d" + std::to_string(i % 30) + "/f" + std::to_string(i), "x");
+  }
+  auto delegate = std::make_shared<RecordingDelegate>();
+  auto connection = HelperConnection::create();
+  connection->delegate = delegate;
+  std::atomic<int> errors{0};
+  std::thread::id mainThread = std::this_thread::get_id();
+  bool onMain = true;
+  connection->errorHandler = [&] {
+    ++errors;
+    onMain &= std::this_thread::get_id() == mainThread;
+  };
+  ASSERT_TRUE(connection->connect(false));
+  connection->helper->deleteAtPaths({tmp_ / "big"});
+  tool->kill();
+  ASSERT_TRUE(testsupport::drainMainUntil([&] { return errors.load() > 0; }));
+  drainFor(std::chrono::milliseconds(3300));
+  EXPECT_EQ(errors.load(), 1);
+  EXPECT_TRUE(onMain);
+  EXPECT_EQ(events72(), std::vector<std::string>{"helper exit or crashed"});
+  EXPECT_FALSE(connection->helper);
+}
+
+TEST_F(HelperConnectionTest, APingAnsweredJustInTimeCountsAndOneNeverAnsweredEndsOnce) {
+  {
+    SlowHelper slow(socket_, std::chrono::milliseconds(2900));
+    auto connection = HelperConnection::create();
+    int errors = 0;
+    connection->errorHandler = [&] { ++errors; };
+    ASSERT_TRUE(connection->connect(false));
+    drainFor(std::chrono::milliseconds(3500));
+    EXPECT_EQ(errors, 0);
+    EXPECT_TRUE(events72().empty());
+    connection->close();
+  }
+  std::filesystem::remove(socket_);
+  SlowHelper silent(socket_, std::nullopt);
+  auto connection = HelperConnection::create();
+  int errors = 0;
+  connection->errorHandler = [&] { ++errors; };
+  ASSERT_TRUE(connection->connect(false));
+  drainFor(std::chrono::milliseconds(3500));
+  EXPECT_EQ(errors, 1);
+  // The invalidation that follows isn't reported as an exit.
+  EXPECT_EQ(events72(), std::vector<std::string>{"helper not responding"});
+  EXPECT_FALSE(connection->helper);
+}
+
+class RecordingAdminRunner final : public platform::AdminRunner {
+ public:
+  std::optional<std::string> runAsRoot(const std::string&,
+                                       const std::map<std::string, std::string>&) override {
+    ++runs;
+    return std::string("refused");
+  }
+  int runs = 0;
+};
+
+// Without a host's own socket the installer is asked first: a missing helper is installed only
+// when the caller requires it.
+TEST(HelperInstallTest, AMissingHelperIsInstalledOnlyWhenRequired) {
+  TempDir tmp;
+  InstallLocations locations;
+  locations.toolFolder = tmp / "nothing-installed";
+  setInstallLocations(locations);
+  auto runner = std::make_shared<RecordingAdminRunner>();
+  platform::setAdminRunner(runner);
+  auto connection = HelperConnection::create();
+  EXPECT_FALSE(connection->connect(false));
+  EXPECT_EQ(runner->runs, 0);
+  EXPECT_FALSE(connection->helper);
+  EXPECT_FALSE(connection->connect(true));  // the install is refused
+  EXPECT_EQ(runner->runs, 1);
+  EXPECT_FALSE(connection->helper);
+  platform::setAdminRunner(nullptr);
+  setInstallLocations({});
+}
+
+// As root, the helper lets in root and the one user it serves; a third user is shut out before
+// a message is read.
+TEST(HelperCredentialsTest, OnlyRootAndTheServedUserAreLetIn) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root to run clients as other users";
+  TempDir tmp;
+  ::chmod(tmp.path().c_str(), 0755);
+  const std::string socket = tmp / "helper.sock";
+  testsupport::ChildProcess server(
+      {RAVELIN_HELPER_BINARY, "--socket", socket, "--allow-uid", "65534"}, socket);
+  auto pingAs = [&](uid_t uid) {
+    pid_t child = ::fork();
+    if (child == 0) {
+      if (::setgroups(0, nullptr) != 0 || ::setgid(uid) != 0 || ::setuid(uid) != 0) ::_exit(3);
+      int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+      sockaddr_un address{};
+      address.sun_family = AF_UNIX;
+      std::strncpy(address.sun_path, socket.c_str(), sizeof(address.sun_path) - 1);
+      if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) ::_exit(4);
+      const std::string ping = "{\"selector\":\"test:\",\"arguments\":[],\"reply\":1}\n";
+      ::send(fd, ping.data(), ping.size(), MSG_NOSIGNAL);
+      char buffer[128] = {};
+      ssize_t n = ::recv(fd, buffer, sizeof(buffer) - 1, 0);
+      ::_exit(n > 0 && std::strstr(buffer, "\"reply\":1") != nullptr ? 0 : 1);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  };
+  EXPECT_EQ(pingAs(65534), 0);  // the served user
+  EXPECT_EQ(pingAs(0), 0);      // root
+  EXPECT_EQ(pingAs(1234), 1);   // anyone else: closed unanswered
+}
+
+}  // namespace
+}  // namespace helper

@@ -1,0 +1,239 @@
+#include "helper/HelperInstaller.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include "helper/Protocols.h"
+#include "platform/Admin.h"
+#include "testsupport/TestSupport.h"
+
+namespace helper {
+namespace {
+
+using testsupport::TempDir;
+
+class RecordingAdminRunner final : public platform::AdminRunner {
+ public:
+  std::optional<std::string> runAsRoot(
+      const std::string& script, const std::map<std::string, std::string>& environment) override {
+    scripts.push_back(script);
+    environments.push_back(environment);
+    return answer;
+  }
+  std::vector<std::string> scripts;
+  std::vector<std::map<std::string, std::string>> environments;
+  std::optional<std::string> answer;
+};
+
+std::string infoPlist(const std::string& version) {
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><dict>"
+         "<key>CFBundleVersion</key><string>" +
+         version + "</string></dict></plist>";
+}
+
+class InstallerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    InstallLocations locations;
+    locations.programPrefix = tmp_ / "program";
+    locations.toolFolder = tmp_ / "system/libexec";
+    locations.unitFolder = tmp_ / "system/units";
+    setInstallLocations(locations);
+    platform::setAdminRunner(runner_);
+  }
+  void TearDown() override {
+    setInstallLocations({});
+    platform::setAdminRunner(nullptr);
+  }
+  // A tool file holding its information property list among other bytes, as the built one does.
+  void tool(const std::string& relative, const std::string& version) {
+    tmp_.write(relative, std::string("\x7f"
+                                     "ELF junk",
+                                     9) +
+                             infoPlist(version) + "more");
+  }
+
+  TempDir tmp_;
+  std::shared_ptr<RecordingAdminRunner> runner_ = std::make_shared<RecordingAdminRunner>();
+};
+
+TEST(VersionTest, NumbersCompareByValue) {
+  EXPECT_GT(compareVersions("2.10", "2.9"), 0);
+  EXPECT_LT(compareVersions("2.9", "2.10"), 0);
+  EXPECT_EQ(compareVersions("1.0.3", "1.0.3"), 0);
+  EXPECT_EQ(compareVersions("1.02", "1.2"), 0);
+  EXPECT_GT(compareVersions("1.0.1", "1.0"), 0);
+  EXPECT_LT(compareVersions("1.0", "1.0a"), 0);
+}
+
+TEST(VersionTest, TheBuiltToolCarriesItsVersionInItsFile) {
+  EXPECT_EQ(readBundleVersion(RAVELIN_HELPER_BINARY), RAVELIN_HELPER_VERSION);
+  TempDir tmp;
+  EXPECT_FALSE(readBundleVersion(tmp.write("plain", "no property list here")));
+  EXPECT_FALSE(readBundleVersion(tmp / "missing"));
+  testsupport::FifoGuard pipe(tmp / "pipe");
+  EXPECT_FALSE(readBundleVersion(tmp / "pipe"));
+  EXPECT_FALSE(pipe.fired());
+}
+
+TEST_F(InstallerTest, AnEqualOrNewerInstalledHelperIsKept) {
+  tool("program/libexec/ravelin/" + std::string(kServiceName), "2.9");
+  EXPECT_TRUE(helperNeedsInstall());  // nothing installed
+  tool("system/libexec/" + std::string(kServiceName), "2.9");
+  EXPECT_FALSE(helperNeedsInstall());
+  tool("system/libexec/" + std::string(kServiceName), "2.10");
+  EXPECT_FALSE(helperNeedsInstall());
+  tool("system/libexec/" + std::string(kServiceName), "2.8.9");
+  EXPECT_TRUE(helperNeedsInstall());
+  tmp_.write("system/libexec/" + std::string(kServiceName), "no version");
+  EXPECT_TRUE(helperNeedsInstall());
+  tool("system/libexec/" + std::string(kServiceName), "3");
+  tmp_.write("program/libexec/ravelin/" + std::string(kServiceName), "no version");
+  EXPECT_TRUE(helperNeedsInstall());
+}
+
+TEST_F(InstallerTest, TheScriptUninstallsWhatIsThereThenInstalls) {
+  auto commands = installCommands();
+  ASSERT_EQ(commands.size(), 9u);
+  EXPECT_EQ(commands[0], "set +e");
+  EXPECT_EQ(commands[1], "set -e");
+  EXPECT_EQ(commands[2], "cd \"$__APP_PATH\"");
+  EXPECT_EQ(commands[8],
+            "/bin/systemctl enable --now " + std::string(kServiceName) + "@$__HELPER_UID.service");
+
+  tmp_.write("system/units/" + std::string(kOlderServiceName) + "@.service", "[Unit]");
+  tmp_.write("system/units/" + std::string(kServiceName) + "@.service", "[Unit]");
+  commands = installCommands();
+  ASSERT_EQ(commands.size(), 15u);
+  EXPECT_NE(commands[1].find(kOlderServiceName), std::string::npos);
+  EXPECT_NE(commands[3].find(kOlderServiceName), std::string::npos);
+  EXPECT_NE(commands[4].find(kServiceName), std::string::npos);
+  EXPECT_EQ(commands[7], "set -e");
+
+  // The program's folder travels in the environment, never in the text.
+  ASSERT_TRUE(installHelper());
+  ASSERT_EQ(runner_->scripts.size(), 1u);
+  EXPECT_EQ(runner_->scripts[0].find(tmp_ / "program"), std::string::npos);
+  EXPECT_EQ(runner_->environments[0].at("__APP_PATH"), tmp_ / "program");
+  EXPECT_NE(runner_->scripts[0].find(";set -e;"), std::string::npos);
+}
+
+TEST_F(InstallerTest, AnalyticsTellSuccessAndTheFailuresMessage) {
+  testsupport::ScopedAnalyticsRecorder analytics;
+  EXPECT_TRUE(installHelper());
+  runner_->answer = "Request dismissed";
+  EXPECT_FALSE(installHelper());
+  auto events = analytics.recorder().events();
+  ASSERT_EQ(events.size(), 2u);
+  EXPECT_EQ(events[0].number, 45);
+  EXPECT_EQ(events[0].properties->at("info"), "ok");
+  EXPECT_EQ(events[1].properties->at("info"), "error: Request dismissed");
+}
+
+// Reads one line from a Unix socket within a few seconds.
+std::string pingOnce(const std::string& socketPath) {
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, socketPath.c_str(), sizeof(address.sun_path) - 1);
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
+      const std::string ping = "{\"selector\":\"test:\",\"arguments\":[],\"reply\":1}\n";
+      ::send(fd, ping.data(), ping.size(), MSG_NOSIGNAL);
+      char buffer[256] = {};
+      ssize_t n = ::recv(fd, buffer, sizeof(buffer) - 1, 0);
+      ::close(fd);
+      return n > 0 ? std::string(buffer, static_cast<std::size_t>(n)) : "";
+    }
+    ::close(fd);
+    ::usleep(50000);
+  }
+  return "";
+}
+
+// The real script, run for real as root: in a mount namespace of its own, with the system's
+// folders on memory file systems and systemctl a recorder, from a program folder whose name
+// holds blanks and quotes. Then the installed tool is started and pinged.
+TEST(InstallScriptTest, InstallsTheShippedToolAndUnitForReal) {
+  if (::geteuid() != 0) GTEST_SKIP() << "the script runs as root";
+  const std::string systemTool = "/usr/local/libexec/ravelin/" + std::string(kServiceName);
+  const bool installedBefore = std::filesystem::exists(systemTool);
+  TempDir tmp;
+  const std::string prefix = tmp / "pro gram \"it's\" $HOME";
+  std::filesystem::create_directories(prefix + "/libexec/ravelin");
+  const std::string built = std::filesystem::path(RAVELIN_HELPER_BINARY).parent_path().string();
+  for (const char* name : {kServiceName, "@.service"}) {
+    std::string file = name[0] == '@' ? std::string(kServiceName) + name : name;
+    std::filesystem::copy_file(built + "/" + file, prefix + "/libexec/ravelin/" + file);
+  }
+  const std::string log = tmp / "systemctl.log";
+  std::string recorder = tmp.write("recorder", "#!/bin/sh\necho \"$@\" >> '" + log + "'\n");
+  ::chmod(recorder.c_str(), 0755);
+
+  pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    if (::unshare(CLONE_NEWNS) != 0 ||
+        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount("tmpfs", "/usr/local", "tmpfs", 0, nullptr) != 0 ||
+        ::mount("tmpfs", "/etc/systemd/system", "tmpfs", 0, nullptr) != 0 ||
+        ::mount(recorder.c_str(), "/bin/systemctl", nullptr, MS_BIND, nullptr) != 0) {
+      ::_exit(77);
+    }
+    InstallLocations locations;
+    locations.programPrefix = prefix;
+    setInstallLocations(locations);
+    if (installCommands().size() != 9 || !installHelper()) ::_exit(1);
+    const std::string tool = "/usr/local/libexec/ravelin/" + std::string(kServiceName);
+    struct stat status;
+    if (::stat(tool.c_str(), &status) != 0 || !(status.st_mode & S_IXUSR)) ::_exit(2);
+    if (::stat(("/etc/systemd/system/" + std::string(kServiceName) + "@.service").c_str(),
+               &status) != 0) {
+      ::_exit(3);
+    }
+    if (helperNeedsInstall()) ::_exit(4);  // the same version is now in place
+    // Again, over what is there: the current helper is disabled and removed first.
+    if (installCommands().size() != 12 || !installHelper()) ::_exit(5);
+    std::string socket = tmp / "installed.sock";
+    pid_t server = ::fork();
+    if (server == 0) {
+      ::execl(tool.c_str(), tool.c_str(), "--socket", socket.c_str(), nullptr);
+      ::_exit(127);
+    }
+    std::string answer = pingOnce(socket);
+    ::kill(server, SIGKILL);
+    ::waitpid(server, nullptr, 0);
+    ::_exit(answer == "{\"arguments\":[],\"reply\":1}\n" ? 0 : 6);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "no private mount namespace here";
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  std::ifstream recorded(log);
+  std::string calls((std::istreambuf_iterator<char>(recorded)), std::istreambuf_iterator<char>());
+  const std::string uid = std::to_string(::getuid());
+  EXPECT_NE(calls.find("enable --now " + std::string(kServiceName) + "@" + uid + ".service"),
+            std::string::npos)
+      << calls;
+  EXPECT_NE(calls.find("disable --now " + std::string(kServiceName) + "@" + uid + ".service"),
+            std::string::npos)
+      << calls;
+  // The machine's own folders were never touched.
+  EXPECT_EQ(std::filesystem::exists(systemTool), installedBefore);
+}
+
+}  // namespace
+}  // namespace helper

@@ -1,0 +1,281 @@
+#include "launch/LaunchItem.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <mutex>
+#include <unordered_set>
+
+#include "launch/ItemsStatusManager.h"
+#include "platform/Applications.h"
+#include "platform/Dispatch.h"
+#include "platform/Files.h"
+#include "platform/Launchd.h"
+#include "platform/Locations.h"
+#include "platform/LoginItems.h"
+
+namespace launch {
+
+namespace {
+
+std::function<std::vector<std::string>()>& applicationList() {
+  static auto* urls =
+      new std::function<std::vector<std::string>()>([] { return Core::applicationURLs(); });
+  return *urls;
+}
+
+std::shared_ptr<Core::AppBundle> bundleAt(const std::string& url) {
+  static const Core::AppBundleLoader loader;
+  return std::shared_ptr<Core::AppBundle>(loader.bundle(url));
+}
+
+bool isPropertyList(const std::string& url) { return url.ends_with(".plist"); }
+
+// The label of the service manager's table that an item is known by, and its domain.
+struct Managed {
+  std::optional<std::string> label;
+  platform::launchd::Domain domain;
+};
+
+std::optional<Managed> managed(const LaunchItem& item) {
+  using platform::launchd::Domain;
+  if (std::holds_alternative<UserAgent>(item.itemType)) {
+    return Managed{item.getPlistItemLabel(), Domain::user};
+  }
+  if (std::holds_alternative<GlobalAgent>(item.itemType)) {
+    return Managed{item.getPlistItemLabel(), Domain::global};
+  }
+  if (std::holds_alternative<GlobalDaemon>(item.itemType)) {
+    return Managed{item.getPlistItemLabel(), Domain::system};
+  }
+  const auto& info = std::get<AppLoginItem>(item.itemType).itemInfo;
+  if (!info.loginItemBundle) return std::nullopt;
+  const std::string& id = info.loginItemBundle->bundleID.origin();
+  return Managed{id.empty() ? std::nullopt : std::optional<std::string>(id), Domain::user};
+}
+
+// The program and arguments a desktop entry's Exec line holds, as written.
+std::optional<std::string> execLine(const std::string& path) {
+  auto content = platform::readDesktopEntry(path);
+  if (!content) return std::nullopt;
+  std::size_t at = content->find("\nExec=");
+  if (at == std::string::npos) return std::nullopt;
+  std::size_t end = content->find('\n', at + 1);
+  return content->substr(at + 6, end == std::string::npos ? std::string::npos : end - at - 6);
+}
+
+class LaunchdManagedItemsFinder final : public LaunchItemsFinder {
+ public:
+  void start() override;
+
+ private:
+  static std::vector<LaunchItem> launchdItems();
+  static std::vector<LaunchItem> helperItems(std::vector<LaunchItem> listed);
+};
+
+std::vector<LaunchItem> LaunchdManagedItemsFinder::launchdItems() {
+  const platform::Locations& locations = platform::currentLocations();
+  // The folders hold unit files and, beside them, the folders of their dependencies (.wants,
+  // .requires, drop-in .d): only files are items.
+  auto list = [](const std::string& folder) {
+    std::vector<std::string> names;
+    auto listing = platform::listDirectory(folder);
+    if (!listing.ok()) return names;
+    for (const auto& entry : *listing) {
+      if (entry.isDirectory()) continue;
+      // A link under another unit's name is an alias that enabling that unit made: switching
+      // it would switch the unit itself. A link to /dev/null is a masked unit, and stays.
+      if (entry.type == platform::FileType::symbolicLink) {
+        std::vector<char> target(4096);
+        std::string path = platform::joinPath(folder, entry.name);
+        ssize_t length = ::readlink(path.c_str(), target.data(), target.size() - 1);
+        std::string to =
+            length > 0 ? std::string(target.data(), static_cast<std::size_t>(length)) : "";
+        if (to != "/dev/null" && platform::lastPathComponent(to) != entry.name) continue;
+      }
+      names.push_back(entry.name);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  };
+  std::vector<LaunchItem> items;
+  for (const auto& name : list(locations.globalUserUnits)) {
+    items.emplace_back(platform::joinPath(locations.globalUserUnits, name), GlobalAgent{});
+  }
+  for (const auto& name : list(locations.systemUnits)) {
+    items.emplace_back(platform::joinPath(locations.systemUnits, name), GlobalDaemon{});
+  }
+  std::erase_if(items, [](const LaunchItem& item) {
+    return item.url.find(kProductIdentifier) != std::string::npos;
+  });
+  // In the user's folder only what is named as a unit (or a property list) counts: it holds
+  // whatever the user keeps there.
+  for (const auto& name : list(locations.userUnits)) {
+    bool unit = false;
+    for (const char* suffix : {".plist", ".service", ".socket", ".timer", ".path"}) {
+      if (name.find(suffix) != std::string::npos) unit = true;
+    }
+    if (unit) items.emplace_back(platform::joinPath(locations.userUnits, name), UserAgent{});
+  }
+  return items;
+}
+
+std::vector<LaunchItem> LaunchdManagedItemsFinder::helperItems(std::vector<LaunchItem> listed) {
+  std::vector<LaunchItem> helpers;
+  for (const auto& url : applicationList()()) {
+    // Applications of the macOS layout carry their helpers in Contents/Library/LoginItems;
+    // Linux applications have none.
+    auto app = bundleAt(url);
+    if (!app) continue;
+    std::string folder = platform::joinPath(url, "Contents/Library/LoginItems");
+    if (!platform::isDirectory(folder, platform::Follow::yes)) continue;
+    auto listing = platform::listDirectory(folder);
+    if (!listing.ok()) continue;
+    for (const auto& entry : *listing) {
+      std::string path = platform::joinPath(folder, entry.name);
+      auto helper = bundleAt(path);
+      if (!helper) continue;
+      helpers.emplace_back(path, AppLoginItem{AppLoginItemInfo{app, helper}});
+    }
+  }
+  helpers.insert(helpers.end(), listed.begin(), listed.end());
+  std::unordered_set<LaunchItem> unique(helpers.begin(), helpers.end());
+  std::vector<LaunchItem> out;
+  for (const auto& item : unique) {
+    if (item.bundleId().find(kProductIdentifier) == std::string::npos) out.push_back(item);
+  }
+  return out;
+}
+
+void LaunchdManagedItemsFinder::start() {
+  auto first = std::make_shared<std::vector<LaunchItem>>();
+  auto second = std::make_shared<std::vector<LaunchItem>>();
+  platform::DispatchGroup group;
+  auto global = platform::DispatchQueue::global(platform::QoS::unspecified);
+  global.async(group, [first] { *first = launchdItems(); });
+  // The login-item list is read on the caller's thread, the helpers looked for on a global queue.
+  std::vector<LaunchItem> listed;
+  // The entries a user switched off over the system's are items too, or they could never be
+  // switched on again.
+  auto entries = platform::login_items::loginItemSnapshot(platform::currentLocations());
+  for (auto& entry :
+       platform::login_items::switchedOffSystemEntries(platform::currentLocations())) {
+    entries.push_back(std::move(entry));
+  }
+  for (const auto& entry : entries) {
+    if (!entry.url) continue;
+    auto bundle = bundleAt(*entry.url);
+    if (!bundle) continue;
+    listed.emplace_back(*entry.url, AppLoginItem{AppLoginItemInfo{bundle, nullptr}});
+  }
+  global.async(group, [second, listed = std::move(listed)] { *second = helperItems(listed); });
+  std::weak_ptr<LaunchItemsFinderDelegate> receiver = delegate;
+  group.notify(platform::DispatchQueue::main(), [receiver, first, second] {
+    auto live = receiver.lock();
+    if (!live) return;
+    std::vector<LaunchItem> all = *first;
+    all.insert(all.end(), second->begin(), second->end());
+    live->launchItemsFinderDidFind(all);
+  });
+}
+
+}  // namespace
+
+namespace detail {
+void setApplicationURLs(std::function<std::vector<std::string>()> urls) {
+  applicationList() =
+      urls ? std::move(urls)
+           : std::function<std::vector<std::string>()>([] { return Core::applicationURLs(); });
+}
+}  // namespace detail
+
+LaunchItem::LaunchItem(std::string url, LaunchItemType itemType)
+    : url(std::move(url)), itemType(std::move(itemType)) {
+  if (auto bundle = bundleAt(this->url)) bundleId_ = bundle->bundleID.origin();
+}
+
+std::optional<platform::plist::Value> readPlistContent(const std::string& path) {
+  if (path.empty()) return std::nullopt;
+  auto value = platform::plist::readFile(path);
+  if (!value || value->dictionary() == nullptr) return std::nullopt;
+  return value;
+}
+
+std::optional<std::string> LaunchItem::getPlistItemLabel() const {
+  if (!isPropertyList(url)) {
+    // A unit is known to systemd by its file name.
+    std::string name = platform::lastPathComponent(url);
+    return name.empty() ? std::nullopt : std::optional<std::string>(name);
+  }
+  auto content = readPlistContent(url);
+  if (!content) return std::nullopt;
+  const auto* label = content->find("Label");
+  if (label == nullptr || label->string() == nullptr) return std::nullopt;
+  return *label->string();
+}
+
+std::optional<std::string> LaunchItem::runs() const {
+  if (const auto* login = std::get_if<AppLoginItem>(&itemType)) {
+    const auto& bundle = login->itemInfo.loginItemBundle ? login->itemInfo.loginItemBundle
+                                                         : login->itemInfo.appBundle;
+    return bundle ? execLine(bundle->url) : std::nullopt;
+  }
+  if (!isPropertyList(url)) return platform::launchd::unitCommand(url);
+  auto content = readPlistContent(url);
+  if (!content) return std::nullopt;
+  if (const auto* arguments = content->find("ProgramArguments"); arguments && arguments->array()) {
+    std::string line;
+    for (const auto& argument : *arguments->array()) {
+      if (argument.string() == nullptr) continue;
+      line += (line.empty() ? "" : " ") + *argument.string();
+    }
+    if (!line.empty()) return line;
+  }
+  const auto* program = content->find("Program");
+  return program && program->string() ? std::optional<std::string>(*program->string())
+                                      : std::nullopt;
+}
+
+bool LaunchItem::isAutoStartEnabled() const {
+  auto service = managed(*this);
+  if (!service) {
+    const auto& info = std::get<AppLoginItem>(itemType).itemInfo;
+    return info.appBundle &&
+           platform::login_items::isInLoginItems(platform::currentLocations(), info.appBundle->url);
+  }
+  if (!service->label) return false;
+  const auto& table = ItemsStatusManager::shared().disabledItems;
+  auto found = table.find(*service->label);
+  return found != table.end() && !found->second;
+}
+
+bool LaunchItem::setAutoStartEnabled(bool enabled) {
+  auto service = managed(*this);
+  if (!service) {
+    const auto& info = std::get<AppLoginItem>(itemType).itemInfo;
+    if (!info.appBundle) return false;
+    const auto& locations = platform::currentLocations();
+    return enabled ? platform::login_items::addLoginItem(locations, info.appBundle->url)
+                   : platform::login_items::removeLoginItem(locations, info.appBundle->url);
+  }
+  auto& manager = ItemsStatusManager::shared();
+  if (service->label) {
+    auto found = manager.disabledItems.find(*service->label);
+    if (found != manager.disabledItems.end() && found->second != enabled)
+      return false;                                                      // so already
+    if (found == manager.disabledItems.end() && !enabled) return false;  // counts as off already
+  } else if (!enabled) {
+    return false;
+  }
+  if (!service->label) return false;
+  return manager.change(enabled, *service->label, service->domain);
+}
+
+std::unique_ptr<LaunchItemsFinder> makeLaunchItemsFinder(
+    std::weak_ptr<LaunchItemsFinderDelegate> delegate) {
+  auto finder = std::make_unique<LaunchdManagedItemsFinder>();
+  finder->delegate = std::move(delegate);
+  return finder;
+}
+
+}  // namespace launch

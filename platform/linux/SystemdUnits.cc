@@ -1,0 +1,171 @@
+#include <unistd.h>
+
+#include <set>
+#include <sstream>
+
+#include "platform/Files.h"
+#include "platform/Launchd.h"
+
+namespace platform::launchd {
+
+namespace {
+
+constexpr const char* kSystemctl = "/usr/bin/systemctl";
+constexpr std::size_t kMaxUnitFileBytes = 1024 * 1024;
+
+std::vector<std::string> words(const std::string& line) {
+  std::vector<std::string> out;
+  std::istringstream stream(line);
+  std::string word;
+  while (stream >> word) out.push_back(word);
+  return out;
+}
+
+std::string listUnitFiles(ProcessRunner& runner, std::vector<std::string> scope) {
+  scope.insert(scope.end(), {"list-unit-files", "--no-legend", "--no-pager", "--full"});
+  auto output = runner.run(kSystemctl, scope);
+  if (!output || output->exitStatus != 0) return "";
+  return output->standardOutput;
+}
+
+// A service manager answers when systemd runs the system.
+bool managerRuns() { return isDirectory("/run/systemd/system"); }
+
+// The user's own units below a root, read from their folder: a unit linked into a .wants or
+// .requires folder is enabled; one with an [Install] section and no link is disabled.
+std::string userUnitsBelowRoot(const Locations& locations) {
+  std::set<std::string> linked;
+  auto folders = listDirectory(locations.userUnits);
+  if (!folders.ok()) return "";
+  for (const auto& folder : *folders) {
+    if (!folder.isDirectory() ||
+        !(folder.name.ends_with(".wants") || folder.name.ends_with(".requires"))) {
+      continue;
+    }
+    auto links = listDirectory(joinPath(locations.userUnits, folder.name));
+    if (!links.ok()) continue;
+    for (const auto& link : *links) linked.insert(link.name);
+  }
+  std::string text;
+  for (const auto& unit : *folders) {
+    if (unit.isDirectory()) continue;
+    std::string state;
+    if (linked.count(unit.name)) {
+      state = "enabled";
+    } else if (auto content =
+                   readRegularFile(joinPath(locations.userUnits, unit.name), kMaxUnitFileBytes);
+               content.ok() && content->find("[Install]") != std::string::npos) {
+      state = "disabled";
+    }
+    if (!state.empty()) text += unit.name + " " + state + "\n";
+  }
+  return text;
+}
+
+}  // namespace
+
+std::string renderDisabled(const std::string& listUnitFiles) {
+  static const std::set<std::string> kEnabled = {"enabled", "enabled-runtime", "linked",
+                                                 "linked-runtime", "alias"};
+  static const std::set<std::string> kDisabled = {"disabled", "masked", "masked-runtime"};
+  std::string out;
+  std::istringstream stream(listUnitFiles);
+  std::string line;
+  while (std::getline(stream, line)) {
+    auto fields = words(line);
+    if (fields.size() < 2) continue;
+    const std::string& unit = fields[0];
+    // A unit name has a type suffix and no quote, which the grammar couldn't carry.
+    if (unit.find('.') == std::string::npos || unit.find('"') != std::string::npos) continue;
+    if (kEnabled.count(fields[1])) {
+      out += "\t\"" + unit + "\" => false\n";
+    } else if (kDisabled.count(fields[1])) {
+      out += "\t\"" + unit + "\" => true\n";
+    }
+  }
+  return out;
+}
+
+std::string printDisabled(ProcessRunner& runner, const Locations& locations) {
+  std::string system, global, user;
+  if (!locations.root.empty()) {
+    system = listUnitFiles(runner, {"--root=" + locations.root});
+    global = listUnitFiles(runner, {"--global", "--root=" + locations.root});
+    user = userUnitsBelowRoot(locations);
+  } else {
+    system = listUnitFiles(runner, {});
+    if (system.empty() && !managerRuns()) system = listUnitFiles(runner, {"--root=/"});
+    global = listUnitFiles(runner, {"--global"});
+    user = listUnitFiles(runner, {"--user"});
+  }
+  // The user's own units last: where a name is in two domains, the user's state counts.
+  return "disabled services = {\n" + renderDisabled(system) + renderDisabled(global) +
+         renderDisabled(user) + "}\n";
+}
+
+bool setEnabled(ProcessRunner& runner, const Locations& locations, Domain domain,
+                const std::string& label, bool enabled) {
+  // A unit's name only: systemctl takes a path as a unit file to link, and an option as one.
+  if (label.empty() || label.front() == '-' || label.find('/') != std::string::npos ||
+      label.find('.') == std::string::npos) {
+    return false;
+  }
+  std::vector<std::string> arguments;
+  switch (domain) {
+    case Domain::user:
+      if (!locations.root.empty()) return false;
+      arguments = {"--user"};
+      break;
+    case Domain::global:
+      if (::geteuid() != 0) return false;
+      arguments = {"--global"};
+      break;
+    case Domain::system:
+      if (::geteuid() != 0) return false;
+      break;
+  }
+  if (!locations.root.empty()) {
+    arguments.push_back("--root=" + locations.root);
+  } else if (domain == Domain::system && !managerRuns()) {
+    arguments.push_back("--root=/");
+  }
+  arguments.push_back(enabled ? "enable" : "disable");
+  arguments.push_back("--");
+  arguments.push_back(label);
+  auto output = runner.run(kSystemctl, arguments);
+  return output && output->exitStatus == 0;
+}
+
+std::optional<std::string> unitCommand(const std::string& path) {
+  auto content = readRegularFile(path, kMaxUnitFileBytes);
+  if (!content.ok()) return std::nullopt;
+  return unitCommandIn(*content);
+}
+
+std::optional<std::string> unitCommandIn(std::string_view content) {
+  std::istringstream stream{std::string(content)};
+  std::string line, section;
+  std::optional<std::string> any;
+  while (std::getline(stream, line)) {
+    std::size_t start = line.find_first_not_of(" \t");
+    if (start == std::string::npos) continue;
+    line = line.substr(start);
+    if (line.front() == '[') {
+      section = line.substr(0, line.find(']') + 1);
+      continue;
+    }
+    if (!line.starts_with("ExecStart=")) continue;
+    std::string command = line.substr(10);
+    while (!command.empty() && (command.back() == '\r' || command.back() == ' '))
+      command.pop_back();
+    // Prefixes that change how systemd runs it ("-", "@", "+", "!") aren't part of the command.
+    std::size_t first = command.find_first_not_of("-@+!:");
+    command = first == std::string::npos ? "" : command.substr(first);
+    if (command.empty()) continue;
+    if (section == "[Service]") return command;
+    if (!any) any = command;
+  }
+  return any;
+}
+
+}  // namespace platform::launchd
