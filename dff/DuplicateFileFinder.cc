@@ -324,7 +324,9 @@ void DuplicateFileFinder::resolveFilesInParallel(std::vector<std::vector<File*>>
     bool skipped = false;  // the search was stopped before it was read
     std::exception_ptr fatal;
   };
-  auto runStage = [&](std::vector<Job>& stage) {
+  // Reads every job of a wave: this thread takes its share beside the pool's workers, so a
+  // wave costs one hand-off per extra worker and none when there is a single job.
+  auto runWave = [&](std::vector<Job>& wave) {
     auto read = [&](Job& job, DirectoryHandles* own) {
       if (stopped_.load(std::memory_order_relaxed)) {
         job.skipped = true;
@@ -339,23 +341,28 @@ void DuplicateFileFinder::resolveFilesInParallel(std::vector<std::vector<File*>>
         job.failed = true;
       }
     };
-    if (stage.size() == 1) {
-      read(stage.front(), handles.front().get());
-      return;
-    }
     std::atomic<std::size_t> next{0};
+    auto drain = [&](unsigned w) {
+      for (std::size_t i; (i = next.fetch_add(1, std::memory_order_relaxed)) < wave.size();)
+        read(wave[i], handles[w].get());
+    };
     platform::DispatchGroup group;
-    const unsigned count = static_cast<unsigned>(std::min<std::size_t>(workers, stage.size()));
-    for (unsigned w = 0; w < count; ++w) {
-      pool.async(group, [&, w] {
-        for (std::size_t i; (i = next.fetch_add(1)) < stage.size();)
-          read(stage[i], handles[w].get());
-      });
-    }
+    const unsigned count = static_cast<unsigned>(std::min<std::size_t>(workers, wave.size()));
+    for (unsigned w = 1; w < count; ++w) pool.async(group, [&drain, w] { drain(w); });
+    drain(0);
     group.wait();
   };
+
+  // A part of a group whose next stage is to be read: the group itself for its first stage,
+  // then each part a stage splits it into. Reading it settles some members (`finished`, in the
+  // order they were settled) and splits the rest into new parts (`parts`, in the order made).
+  struct Part {
+    std::vector<FileHash*> members;
+    std::vector<File*> finished;
+    std::vector<std::size_t> parts;
+  };
   // As `treat` in `resolve`, with what a worker read.
-  auto settle = [&](Job& job, Duplicate<HashValue, FileHash*>& stage) {
+  auto settle = [&](Job& job, Duplicate<HashValue, FileHash*>& stage, Part& part) {
     File* item = job.hasher->file;
     if (job.skipped || stopped_.load(std::memory_order_relaxed)) {
       item->unique = true;  // nothing is settled from a stage that was cut off
@@ -369,58 +376,61 @@ void DuplicateFileFinder::resolveFilesInParallel(std::vector<std::vector<File*>>
     }
     job.hasher->hashValue(item->hash);
     if (job.done) {
-      finished.add(item->hash, item);
+      part.finished.push_back(item);
     } else {
       stage.add(item->hash, job.hasher);
     }
   };
-  auto split = [](Duplicate<HashValue, FileHash*>& stage,
-                  std::vector<std::vector<FileHash*>>& work) {
-    for (auto& node : stage) {
-      if (node.values.size() == 1) {
-        node.values.front()->file->unique = true;
-      } else {
-        work.push_back(std::move(node.values));
-      }
-    }
-  };
 
-  // Enough first stages at a time to keep every worker busy, and no more: a batch's hashers
-  // live until its last group is settled.
+  // A batch of groups is taken at a time, as `resolve` would take them, enough to keep every
+  // worker busy: a batch's hashers live until it is settled. Its parts are read in waves, each
+  // wave every part the last one made, whatever group it belongs to; what a part settles
+  // depends only on its own members, so the waves may read the groups' parts in any order.
+  // The digest table is then filled in the one-thread order: group by group, each group's
+  // parts taken from a stack as `resolve` takes them.
   const std::size_t batchEntries = 256 * static_cast<std::size_t>(workers);
   while (!groups.empty()) {
-    std::vector<std::vector<File*>> batch;
+    std::deque<FileHash> hashers;  // stable addresses
+    std::vector<Part> parts;
     std::size_t entries = 0;
-    while (!groups.empty() && (batch.empty() || entries + groups.back().size() <= batchEntries)) {
+    while (!groups.empty() && (parts.empty() || entries + groups.back().size() <= batchEntries)) {
+      Part& group = parts.emplace_back();
+      for (File* file : groups.back()) group.members.push_back(&hashers.emplace_back(file, nullptr));
       entries += groups.back().size();
-      batch.push_back(std::move(groups.back()));
       groups.pop_back();
     }
-    std::deque<FileHash> hashers;  // stable addresses
-    std::vector<Job> first;
-    first.reserve(entries);
-    for (const auto& members : batch) {
-      for (File* file : members) first.emplace_back(&hashers.emplace_back(file, nullptr));
-    }
-    runStage(first);
-    std::size_t at = 0;
-    for (const auto& members : batch) {
-      std::vector<std::vector<FileHash*>> work;
-      {
-        Duplicate<HashValue, FileHash*> stage;
-        for (std::size_t k = 0; k < members.size(); ++k) settle(first[at++], stage);
-        split(stage, work);
+    const std::size_t batchGroups = parts.size();
+
+    for (std::size_t from = 0, to = parts.size(); from < to; from = to, to = parts.size()) {
+      std::vector<Job> wave;
+      for (std::size_t p = from; p < to; ++p) {
+        for (FileHash* hasher : parts[p].members) wave.emplace_back(hasher);
       }
-      while (!work.empty()) {
-        std::vector<FileHash*> group = std::move(work.back());
-        work.pop_back();
-        std::vector<Job> later;
-        later.reserve(group.size());
-        for (FileHash* hasher : group) later.emplace_back(hasher);
-        runStage(later);
+      runWave(wave);
+      std::size_t at = 0;
+      for (std::size_t p = from; p < to; ++p) {
         Duplicate<HashValue, FileHash*> stage;
-        for (Job& job : later) settle(job, stage);
-        split(stage, work);
+        for (std::size_t k = 0; k < parts[p].members.size(); ++k) settle(wave[at++], stage, parts[p]);
+        for (auto& node : stage) {
+          if (node.values.size() == 1) {
+            node.values.front()->file->unique = true;  // a lone member is unique
+          } else {
+            parts[p].parts.push_back(parts.size());
+            parts.push_back(Part{std::move(node.values), {}, {}});  // may move parts[p]
+          }
+        }
+        parts[p].members.clear();
+        parts[p].members.shrink_to_fit();
+      }
+    }
+
+    for (std::size_t g = 0; g < batchGroups; ++g) {
+      std::vector<std::size_t> stack{g};
+      while (!stack.empty()) {
+        const Part& part = parts[stack.back()];
+        stack.pop_back();
+        for (File* file : part.finished) finished.add(file->hash, file);
+        stack.insert(stack.end(), part.parts.begin(), part.parts.end());
       }
     }
   }

@@ -128,10 +128,10 @@ class DuplicateFileFinder {
   // True when a current-path report may go out now; then the caller reports.
   bool mayReportPath() const;
 
-  // `resolve` for files, with `workers` threads reading and digesting each stage: a batch of
-  // groups is taken at a time, as `resolve` would take them, their first stages are read at
-  // once, and then each group is settled in turn, its later stages read in parallel too. Every
-  // worker opens files through folder descriptors of its own (`handleBudget` in all).
+  // `resolve` for files, with `workers` threads reading and digesting: a batch of groups is
+  // taken at a time, as `resolve` would take them, the stages of all its groups are read in
+  // waves, and the digests are settled in the order `resolve` settles them. Every worker opens
+  // files through folder descriptors of its own (`handleBudget` in all).
   void resolveFilesInParallel(std::vector<std::vector<File*>>& groups,
                               Duplicate<HashValue, File*>& finished, unsigned workers,
                               std::size_t handleBudget) const;

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <mutex>
 #include <thread>
@@ -270,6 +273,34 @@ TEST(DispatchSemaphoreTest, TimedWaitGivesUpAndCountsSignals) {
   EXPECT_TRUE(semaphore.wait(0ms));
   EXPECT_TRUE(semaphore.wait(0ms));
   EXPECT_FALSE(semaphore.wait(0ms));
+}
+
+TEST(DispatchQueueTest, AForkedChildRunsItsOwnTasksAndTimers) {
+  // The parent's pool has an idle worker and a timer thread; the child has neither thread.
+  DispatchGroup warm;
+  DispatchQueue::global().async(warm, [] {});
+  warm.wait();
+  DispatchQueue::global().asyncAfter(1ms, [] {});
+  std::this_thread::sleep_for(20ms);
+  pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    ::alarm(10);  // a task handed to a thread that isn't there would wait forever
+    DispatchGroup group;
+    std::atomic<int> ran{0};
+    DispatchQueue::global().async(group, [&] { ++ran; });
+    group.enter();
+    DispatchQueue::global().asyncAfter(1ms, [&] {
+      ++ran;
+      group.leave();
+    });
+    group.wait();
+    ::_exit(ran == 2 ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status)) << "the child was killed by signal " << WTERMSIG(status);
+  EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
 TEST(DispatchQueueTest, KeepsLabelAndQualityOfService) {

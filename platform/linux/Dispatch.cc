@@ -91,12 +91,18 @@ void nameThread(const std::string& label) {
 // Worker threads shared by all queues. A job never waits for a thread: when no worker is idle a
 // new one starts, so tasks that block (on a semaphore, a helper's reply) can't starve others.
 // Workers that stay idle for a while exit. The pool lives for the whole process and is never
-// destroyed, so detached workers never touch a destroyed mutex at exit.
+// destroyed, so detached workers never touch a destroyed mutex at exit. A child made by `fork`
+// has none of its parent's threads: it starts with a pool of its own, or its first job would be
+// handed to a worker the counts say is idle and that doesn't exist there.
 class WorkerPool {
  public:
   static WorkerPool& shared() {
-    static WorkerPool* pool = new WorkerPool;
-    return *pool;
+    static WorkerPool* pool = [] {
+      ::pthread_atfork(nullptr, nullptr, [] { current = new WorkerPool; });
+      return current = new WorkerPool;
+    }();
+    (void)pool;
+    return *current;
   }
 
   void submit(std::function<void()> job) {
@@ -142,14 +148,19 @@ class WorkerPool {
   std::deque<std::function<void()>> jobs_;
   std::size_t idle_ = 0;
   std::size_t threads_ = 0;
+  static inline WorkerPool* current = nullptr;  // the parent's pool is left behind in a child
 };
 
 // Holds delayed tasks until their deadline, then queues them. One thread, started on first use.
 class Timer {
  public:
   static Timer& shared() {
-    static Timer* timer = new Timer;
-    return *timer;
+    static Timer* timer = [] {
+      ::pthread_atfork(nullptr, nullptr, [] { current = new Timer; });  // as for the pool
+      return current = new Timer;
+    }();
+    (void)timer;
+    return *current;
   }
 
   void schedule(DispatchClock::time_point deadline, DispatchQueue queue,
@@ -204,6 +215,7 @@ class Timer {
   std::priority_queue<Entry, std::vector<Entry>, Later> entries_;
   std::uint64_t sequence_ = 0;
   bool started_ = false;
+  static inline Timer* current = nullptr;  // the parent's timer is left behind in a child
 };
 
 std::shared_ptr<QueueState> mainState() {
