@@ -1,6 +1,7 @@
 #include "dff/Hash.h"
 
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -85,6 +86,45 @@ TEST(FileHashTest, FilesThatShrankGrewOrVanishedThrow) {
 
   File folder(tmp.mkdir("folder"), 10, nullptr);
   EXPECT_THROW(FileHash(&folder).update(), std::exception);
+}
+
+// A file written to while its last stage is read: the first read brings the recorded size,
+// and then more arrives. Whether the growth lands inside a stage or just past its end, the
+// file is not the one whose size was compared.
+TEST(FileHashTest, FilesThatGrowWhileTheirLastStageIsReadThrow) {
+  TempDir tmp;
+  static int appendTo = -1;
+  auto growing = [](int fd, void* buffer, std::size_t count, off_t offset) {
+    ssize_t n = ::pread(fd, buffer, std::min<std::size_t>(count, 4096), offset);
+    if (appendTo >= 0) {
+      (void)!::write(appendTo, "more", 4);
+      ::close(appendTo);
+      appendTo = -1;
+    }
+    return n;
+  };
+  for (std::size_t length : {std::size_t{4096}, std::size_t{5000}, std::size_t{12288}}) {
+    std::string path = tmp.write("file" + std::to_string(length), randomBytes(length, 3));
+    File file(path, static_cast<std::int64_t>(length), nullptr);
+    FileHash hasher(&file);
+    ReadCall previous = setReadCall(growing);
+    bool firstDone = length <= 4096;
+    if (!firstDone) {
+      firstDone = hasher.update();  // the first block, read as it was
+      ASSERT_FALSE(firstDone);
+    }
+    appendTo = ::open(path.c_str(), O_WRONLY | O_APPEND);
+    EXPECT_THROW(hasher.update(), std::exception) << length;
+    setReadCall(previous);
+    if (appendTo >= 0) ::close(appendTo);
+    appendTo = -1;
+  }
+  // Unchanged, the same reads finish the file.
+  std::string path = tmp.write("still", randomBytes(12288, 4));
+  File still(path, 12288, nullptr);
+  FileHash hasher(&still);
+  EXPECT_FALSE(hasher.update());
+  EXPECT_TRUE(hasher.update());
 }
 
 TEST(SymbolicLinkHashTest, TargetsUpToTheBufferAreDigested) {
