@@ -14,6 +14,9 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <thread>
+#include <string_view>
+#include <unordered_set>
 #include <utility>
 
 #include "platform/Metadata.h"
@@ -109,7 +112,38 @@ const File& GroupMember::file() const {
 
 std::vector<DuplicateGroup> refineGroups(const std::vector<std::vector<Duplicate>>& groups,
                                          const RefineOptions& options) {
+  // Every member is examined first, on as many threads as there are processors: a search
+  // may give hundreds of thousands of them, and the rest of the work is quick by comparison.
+  std::vector<const std::string*> paths;
+  for (const auto& group : groups) {
+    for (const auto& item : group) {
+      paths.push_back(std::holds_alternative<Photo>(item) ? &std::get<Photo>(item).file.url
+                                                          : &std::get<File>(item).url);
+    }
+  }
+  struct Examined {
+    struct stat status;
+    bool present;
+  };
+  std::vector<Examined> examined(paths.size());
+  auto examine = [&](std::size_t from, std::size_t to) {
+    for (std::size_t i = from; i < to; ++i) {
+      examined[i].present = ::lstat(paths[i]->c_str(), &examined[i].status) == 0;
+    }
+  };
+  const std::size_t threads = std::min<std::size_t>(
+      std::max(1u, std::thread::hardware_concurrency()), 1 + paths.size() / 4096);
+  std::vector<std::thread> helpers;
+  const std::size_t share = (paths.size() + threads - 1) / threads;
+  for (std::size_t t = 1; t < threads; ++t) {
+    helpers.emplace_back(examine, std::min(paths.size(), t * share),
+                         std::min(paths.size(), (t + 1) * share));
+  }
+  examine(0, std::min(paths.size(), share));
+  for (auto& helper : helpers) helper.join();
+
   std::vector<DuplicateGroup> refined;
+  std::size_t next = 0;
   for (const auto& group : groups) {
     DuplicateGroup members;
     std::map<Identity, std::size_t> seen;
@@ -117,9 +151,10 @@ std::vector<DuplicateGroup> refineGroups(const std::vector<std::vector<Duplicate
       GroupMember member;
       member.item = item;
       const std::string& path = member.file().url;
-      struct stat status;
+      const Examined& looked = examined[next++];
       // A member that can no longer be examined can't be shown as a copy of anything.
-      if (::lstat(path.c_str(), &status) != 0) continue;
+      if (!looked.present) continue;
+      const struct stat& status = looked.status;
       if (std::holds_alternative<Photo>(item)) {
         member.kind = MemberKind::photo;
       } else if (S_ISDIR(status.st_mode)) {
@@ -173,9 +208,12 @@ class NameCounter final : public platform::WalkVisitor {
     if (S_ISREG(status.st_mode)) add(status);
   }
   void add(const struct stat& status) {
-    Count& count = counts_[Identity{status.st_dev, status.st_ino}];
-    count.size = status.st_size;
-    count.links = status.st_nlink;
+    add(Identity{status.st_dev, status.st_ino}, status.st_size, status.st_nlink);
+  }
+  void add(const Identity& identity, std::int64_t size, std::uint64_t links) {
+    Count& count = counts_[identity];
+    count.size = size;
+    count.links = links;
     ++count.namesDeleted;
   }
 
@@ -234,26 +272,44 @@ const GroupMember* chooseKept(const std::vector<const GroupMember*>& candidates,
 
 KeepOnePlan planKeepingOne(const std::vector<DuplicateGroup>& groups, const KeepRule& rule) {
   KeepOnePlan plan;
-  std::set<std::string> keptPaths;
-  std::set<std::string> targetPaths;
-  std::vector<KeepOnePlan::Target> targets;
-
-  // Both questions are asked of every member, so both look up sorted sets: a path lies inside a
-  // target when one of its leading parts is a target; a path holds a kept path when the first
-  // kept path at or after it starts with it.
-  auto insideTarget = [&](const std::string& path) {
-    if (targetPaths.count(path) > 0) return true;
-    for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
-         slash = path.find('/', slash + 1)) {
-      if (targetPaths.count(path.substr(0, slash)) > 0) return true;
-    }
-    return targetPaths.count("/") > 0;
+  // Only a folder or a package holds other paths: the questions about what lies inside what
+  // look up sorted sets of those alone, and whole paths are looked up by hashing.
+  std::unordered_set<std::string> keptPaths, targetPaths;
+  std::set<std::string, std::less<>> keptSorted, folderTargets;
+  auto holds = [](MemberKind kind) {
+    return kind == MemberKind::folder || kind == MemberKind::package;
   };
-  auto holdsKept = [&](const std::string& path) {
+  struct Candidate {
+    KeepOnePlan::Target target;
+    const GroupMember* member;  // whose name it is
+  };
+  std::vector<Candidate> candidates;
+
+  // A path lies inside a target when it is one or one of its leading parts is a folder target;
+  // a folder holds a kept path when it is one or the first kept path after it starts with it.
+  auto insideTarget = [&](const std::string& path) {
+    if (targetPaths.empty()) return false;
+    if (targetPaths.count(path) > 0) return true;
+    if (folderTargets.empty()) return false;
+    const std::string_view view(path);
+    for (std::size_t slash = view.find('/', 1); slash != std::string_view::npos;
+         slash = view.find('/', slash + 1)) {
+      if (folderTargets.find(view.substr(0, slash)) != folderTargets.end()) return true;
+    }
+    return folderTargets.count("/") > 0;
+  };
+  std::string below;
+  auto holdsKept = [&](const std::string& path, MemberKind kind) {
     if (keptPaths.count(path) > 0) return true;
-    std::string below = path == "/" ? path : path + "/";
-    auto next = keptPaths.lower_bound(below);
-    return next != keptPaths.end() && next->compare(0, below.size(), below) == 0;
+    if (!holds(kind)) return false;
+    below = path;
+    if (path != "/") below += '/';
+    auto next = keptSorted.lower_bound(below);
+    return next != keptSorted.end() && next->compare(0, below.size(), below) == 0;
+  };
+  auto addTarget = [&](const std::string& path, MemberKind kind) {
+    targetPaths.insert(path);
+    if (holds(kind)) folderTargets.insert(path);
   };
   auto names = [](const GroupMember& member) {
     std::vector<std::string> all{member.file().url};
@@ -275,16 +331,19 @@ KeepOnePlan planKeepingOne(const std::vector<DuplicateGroup>& groups, const Keep
   }
 
   for (const DuplicateGroup* group : order) {
-    std::vector<const GroupMember*> candidates;
+    std::vector<const GroupMember*> free;
     for (const auto& member : *group) {
-      if (!insideTarget(member.file().url)) candidates.push_back(&member);
+      if (!insideTarget(member.file().url)) free.push_back(&member);
     }
-    const GroupMember* keep = candidates.empty() ? nullptr : chooseKept(candidates, rule);
+    const GroupMember* keep = free.empty() ? nullptr : chooseKept(free, rule);
     if (keep == nullptr) {
       ++plan.groupsLeftAlone;
       continue;
     }
-    for (const auto& name : names(*keep)) keptPaths.insert(name);
+    for (const auto& name : names(*keep)) {
+      keptPaths.insert(name);
+      keptSorted.insert(name);
+    }
     plan.kept.push_back(keep->file().url);
     for (const auto& member : *group) {
       if (&member == keep) continue;
@@ -294,34 +353,39 @@ KeepOnePlan planKeepingOne(const std::vector<DuplicateGroup>& groups, const Keep
       std::optional<std::string> photoID;
       if (auto* photo = std::get_if<Photo>(&member.item)) photoID = photo->id;
       for (const auto& name : names(member)) {
-        if (insideTarget(name) || holdsKept(name)) continue;
-        targets.push_back({name, member.kind, keep->file().url, photoID});
-        targetPaths.insert(name);
+        if (insideTarget(name) || holdsKept(name, member.kind)) continue;
+        candidates.push_back({{name, member.kind, keep->file().url, photoID}, &member});
+        addTarget(name, member.kind);
       }
     }
   }
 
   // A target inside another goes with it (a folder decided before the files in it, or a name
   // of a file that is also a name inside a deleted folder).
-  std::sort(targets.begin(), targets.end(),
-            [](const auto& a, const auto& b) { return a.path < b.path; });
+  std::sort(candidates.begin(), candidates.end(),
+            [](const auto& a, const auto& b) { return a.target.path < b.target.path; });
   targetPaths.clear();
-  for (const auto& target : targets) {
-    if (insideTarget(target.path)) continue;
-    plan.deletions.push_back(target);
-    targetPaths.insert(target.path);
-  }
-
+  folderTargets.clear();
   std::map<Identity, NameCounter::Count> counts;
   NameCounter counter(counts);
-  for (const auto& target : plan.deletions) {
-    struct stat status;
-    if (::lstat(target.path.c_str(), &status) != 0) continue;
-    if (S_ISDIR(status.st_mode)) {
-      platform::walkTree(target.path, counter);
-    } else if (S_ISREG(status.st_mode)) {
-      counter.add(status);
+  for (auto& candidate : candidates) {
+    if (insideTarget(candidate.target.path)) continue;
+    addTarget(candidate.target.path, candidate.target.kind);
+    const GroupMember& member = *candidate.member;
+    if (member.kind == MemberKind::file) {
+      // A file was examined when its group was refined: each of its names counts once.
+      counter.add(Identity{member.device, member.inode}, member.file().size, member.linkCount);
+    } else {
+      struct stat status;
+      if (::lstat(candidate.target.path.c_str(), &status) == 0) {
+        if (S_ISDIR(status.st_mode)) {
+          platform::walkTree(candidate.target.path, counter);
+        } else if (S_ISREG(status.st_mode)) {
+          counter.add(status);
+        }
+      }
     }
+    plan.deletions.push_back(std::move(candidate.target));
   }
   for (const auto& [identity, count] : counts) {
     if (count.namesDeleted >= count.links) plan.bytesFreed += count.size;

@@ -136,6 +136,40 @@ TEST(RefineGroupsTest, APhotoWhoseFileIsAlsoWalkedIsOneMemberShownAsThePhoto) {
   EXPECT_EQ(refined[0][1].file().url, copy);
 }
 
+// Enough members that they are examined on several threads: each member keeps what was found
+// at its own path, whatever thread looked at it, and vanished members drop out where they were.
+TEST(RefineGroupsTest, ManyMembersEachKeepTheirOwnIdentity) {
+  TempDir tmp;
+  std::vector<std::vector<Duplicate>> groups;
+  std::vector<std::string> vanished;
+  for (int g = 0; g < 1700; ++g) {
+    std::vector<Duplicate> group;
+    for (int m = 0; m < 3; ++m) {
+      std::string path = tmp / (std::to_string(g) + "-" + std::to_string(m));
+      if (m == 1 && g % 5 == 0) {
+        tmp.mkdir(std::to_string(g) + "-" + std::to_string(m));  // a folder member
+      } else if (m == 2 && g % 7 == 0) {
+        vanished.push_back(path);  // never made
+      } else {
+        ::close(::open(path.c_str(), O_CREAT | O_WRONLY, 0644));
+      }
+      group.push_back(File{path, 0});
+    }
+    groups.push_back(std::move(group));
+  }
+  auto refined = refineGroups(groups);
+  ASSERT_EQ(refined.size(), groups.size());
+  for (std::size_t g = 0; g < refined.size(); ++g) {
+    ASSERT_EQ(refined[g].size(), g % 7 == 0 ? 2u : 3u) << g;
+    for (const auto& member : refined[g]) {
+      struct stat status;
+      ASSERT_EQ(::lstat(member.file().url.c_str(), &status), 0);
+      EXPECT_EQ(member.inode, status.st_ino) << member.file().url;
+      EXPECT_EQ(member.kind == MemberKind::folder, S_ISDIR(status.st_mode)) << member.file().url;
+    }
+  }
+}
+
 TEST(PlanKeepingOneTest, FolderGroupsComeFirstAndNoByteIsCountedTwice) {
   TempDir tmp;
   std::string ten = randomBytes(10000, 5), five = randomBytes(5000, 6);
