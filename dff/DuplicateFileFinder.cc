@@ -8,6 +8,13 @@
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
+#include <cstring>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
 #include <ctime>
 #include <deque>
 #include <exception>
@@ -47,6 +54,135 @@ unsigned char entryType(DIR* dir, const struct dirent* entry) {
   if (::fstatat(::dirfd(dir), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) return DT_UNKNOWN;
   return IFTODT(status.st_mode);
 }
+
+// What one folder holds, in the order `readdir` gave it: each entry's type, and for files and
+// links what `fstatat` said of them. Made by any thread; read by the search's thread.
+struct FolderListing {
+  struct Entry {
+    std::string name;
+    unsigned char type;
+    bool examined = false;  // fstatat succeeded: `size` holds
+    std::int64_t size = 0;
+  };
+  bool opened = false;
+  std::vector<Entry> entries;
+};
+
+// Lists folders ahead of the walk on helper threads, so that the folder the walk takes next is
+// usually ready: the walk itself stays on the search's thread and builds the tree and the size
+// tables in the one order, from listings made in any order. A folder not yet taken by a helper
+// when the walk wants it is listed by the walk itself.
+class FolderLister {
+ public:
+  // `skip` tells which regular files the walk ignores or excludes, so they aren't examined.
+  FolderLister(unsigned helpers, std::function<bool(const char*, std::size_t)> skip)
+      : skip_(std::move(skip)) {
+    for (unsigned h = 0; h < helpers; ++h) threads_.emplace_back([this] { work(); });
+  }
+  ~FolderLister() {
+    {
+      std::lock_guard lock(mutex_);
+      ending_ = true;
+    }
+    wake_.notify_all();
+    for (auto& thread : threads_) thread.join();
+  }
+  FolderLister(const FolderLister&) = delete;
+  FolderLister& operator=(const FolderLister&) = delete;
+
+  bool threaded() const { return !threads_.empty(); }
+
+  // Asks for `folder` to be listed soon; the latest asked is listed first.
+  void prefetch(const Directory* folder, const Path& path) {
+    {
+      std::lock_guard lock(mutex_);
+      if (!jobs_.try_emplace(folder, std::make_unique<Job>(path)).second) return;
+      queue_.push_back(folder);
+    }
+    wake_.notify_one();
+  }
+  bool asked(const Directory* folder) const {
+    std::lock_guard lock(mutex_);
+    return jobs_.count(folder) > 0;
+  }
+
+  // The listing of `folder`: the one made ahead of time, or made now.
+  FolderListing take(const Directory* folder, const Path& path) {
+    std::unique_lock lock(mutex_);
+    auto found = jobs_.find(folder);
+    if (found == jobs_.end()) {
+      lock.unlock();
+      return list(path);
+    }
+    std::unique_ptr<Job> job = std::move(found->second);
+    jobs_.erase(found);
+    if (job->state == Job::queued) {
+      queue_.erase(std::find(queue_.begin(), queue_.end(), folder));
+      lock.unlock();
+      return list(path);
+    }
+    done_.wait(lock, [&] { return job->state == Job::done; });
+    return std::move(job->listing);
+  }
+
+  FolderListing list(const Path& path) const {
+    FolderListing listing;
+    DIR* dir = ::opendir(path.cStr());
+    if (dir == nullptr) return listing;
+    listing.opened = true;
+    const int fd = ::dirfd(dir);
+    while (struct dirent* entry = ::readdir(dir)) {
+      const char* name = entry->d_name;
+      const std::size_t length = std::strlen(name);
+      FolderListing::Entry& out =
+          listing.entries.emplace_back(FolderListing::Entry{{name, length}, entryType(dir, entry)});
+      if (out.type == DT_LNK || (out.type == DT_REG && !skip_(name, length))) {
+        struct stat status;
+        if (::fstatat(fd, name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
+          out.examined = true;
+          out.size = status.st_size;
+        }
+      }
+    }
+    ::closedir(dir);
+    return listing;
+  }
+
+ private:
+  struct Job {
+    explicit Job(Path path) : path(std::move(path)) {}
+    enum State { queued, taken, done };
+    Path path;
+    State state = queued;
+    FolderListing listing;
+  };
+
+  void work() {
+    std::unique_lock lock(mutex_);
+    for (;;) {
+      wake_.wait(lock, [&] { return ending_ || !queue_.empty(); });
+      if (ending_) return;
+      const Directory* folder = queue_.back();
+      queue_.pop_back();
+      Job* job = jobs_.at(folder).get();  // owned by the table until taken, then by `take`
+      job->state = Job::taken;
+      lock.unlock();
+      FolderListing listing = list(job->path);
+      lock.lock();
+      job->listing = std::move(listing);
+      job->state = Job::done;
+      done_.notify_all();
+    }
+  }
+
+  std::function<bool(const char*, std::size_t)> skip_;
+  mutable std::mutex mutex_;
+  std::condition_variable wake_, done_;
+  std::unordered_map<const Directory*, std::unique_ptr<Job>> jobs_;
+  std::vector<const Directory*> queue_;
+  bool ending_ = false;
+  std::vector<std::thread> threads_;
+};
 
 }  // namespace
 
@@ -111,6 +247,15 @@ std::unique_ptr<Directory> DuplicateFileFinder::scanFiles(
     return tree;
   }
 
+  // Regular files the walk passes over are never examined.
+  auto skip = [this](const char* name, std::size_t length) {
+    return (length == 9 && std::memcmp(name, ".DS_Store", 9) == 0) || exclude(name, length);
+  };
+  const unsigned workers = jobs != 0 ? jobs : std::max(1u, std::thread::hardware_concurrency());
+  FolderLister lister(workers - 1, skip);
+  // How many of the folders the walk takes next are listed ahead of it.
+  const std::size_t ahead = 8 * static_cast<std::size_t>(workers);
+
   std::vector<Directory*> stack{tree.get()};
   while (!stack.empty()) {
     Directory* folder = stack.back();
@@ -121,30 +266,27 @@ std::unique_ptr<Directory> DuplicateFileFinder::scanFiles(
       continue;
     }
     const Path folderPath = folder->path();
-    DIR* dir = ::opendir(folderPath.cStr());
-    if (dir == nullptr) {
+    FolderListing listing = lister.take(folder, folderPath);
+    if (!listing.opened) {
       folder->unique = true;
       continue;
     }
-    const int fd = ::dirfd(dir);
-    while (struct dirent* entry = ::readdir(dir)) {
+    for (const FolderListing::Entry& entry : listing.entries) {
       if (stopped_.load(std::memory_order_relaxed)) {
         folder->unique = true;
         break;
       }
-      const char* name = entry->d_name;
-      const std::size_t length = std::strlen(name);
-      struct stat status;
-      switch (entryType(dir, entry)) {
+      const char* name = entry.name.c_str();
+      const std::size_t length = entry.name.size();
+      switch (entry.type) {
         case DT_LNK: {
           notifyCurrentPath(folderPath, name);
-          if (::fstatat(fd, name, &status, AT_SYMLINK_NOFOLLOW) != 0 ||
-              status.st_size < minFileSize) {
+          if (!entry.examined || entry.size < minFileSize) {
             folder->unique = true;
             break;
           }
-          auto link = std::make_unique<Symlink>(Name{{name, length}}, status.st_size, folder);
-          linksBySize.add(status.st_size, link.get());
+          auto link = std::make_unique<Symlink>(Name{{name, length}}, entry.size, folder);
+          linksBySize.add(entry.size, link.get());
           folder->children.push_back(std::move(link));
           break;
         }
@@ -156,13 +298,12 @@ std::unique_ptr<Directory> DuplicateFileFinder::scanFiles(
             break;
           }
           notifyCurrentPath(folderPath, name);
-          if (::fstatat(fd, name, &status, AT_SYMLINK_NOFOLLOW) != 0 ||
-              status.st_size < minFileSize) {
+          if (!entry.examined || entry.size < minFileSize) {
             folder->unique = true;
             break;
           }
-          auto file = std::make_unique<File>(Name{{name, length}}, status.st_size, folder);
-          filesBySize.add(status.st_size, file.get());
+          auto file = std::make_unique<File>(Name{{name, length}}, entry.size, folder);
+          filesBySize.add(entry.size, file.get());
           folder->children.push_back(std::move(file));
           break;
         }
@@ -204,7 +345,11 @@ std::unique_ptr<Directory> DuplicateFileFinder::scanFiles(
           break;
       }
     }
-    ::closedir(dir);
+    if (lister.threaded()) {
+      for (std::size_t i = stack.size(); i > 0 && i + ahead > stack.size(); --i) {
+        if (!lister.asked(stack[i - 1])) lister.prefetch(stack[i - 1], stack[i - 1]->path());
+      }
+    }
   }
   return tree;
 }
