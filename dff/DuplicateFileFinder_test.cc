@@ -453,6 +453,29 @@ TEST_F(OrderTest, AnyNumberOfWorkersGivesTheSameGroupsInTheSameOrder) {
   EXPECT_LT(failingOne.size(), one.size());
 }
 
+// Folders are listed ahead of the walk by other threads, in whatever order they finish: the
+// tree, and so the folder groups and the order of everything, is still the walk's own.
+TEST_F(OrderTest, NestedFoldersGiveTheSameGroupsWithAnyNumberOfWorkers) {
+  // Three copies of one nested tree (whole folder groups), one copy with a file changed (its
+  // folders differ and its files join the file groups), and a wide folder of small files.
+  std::function<void(const std::string&, int)> nest = [&](const std::string& at, int depth) {
+    for (int f = 0; f < 3; ++f) {
+      tmp_.write(at + "f" + std::to_string(f), randomBytes(700 + 50 * depth + f, depth * 10 + f));
+    }
+    if (depth == 0) return;
+    for (int c = 0; c < 3; ++c) nest(at + "c" + std::to_string(c) + "/", depth - 1);
+  };
+  for (const char* copy : {"t1/", "t2/", "x/t3/", "t4/"}) nest(copy, 3);
+  tmp_.write("t4/c1/c2/f0", randomBytes(700 + 100, 999));
+  for (int f = 0; f < 300; ++f) {
+    tmp_.write("wide/" + std::to_string(f), randomBytes(600 + f % 40, f % 90));
+  }
+  const Groups one = runWith(1);
+  ASSERT_GE(one.size(), 10u);
+  EXPECT_EQ(one.back(), (std::vector<std::string>{"t2", "t1", "x/t3"}));  // whole, in walk order
+  for (unsigned jobs : {2u, 3u, 8u}) EXPECT_EQ(runWith(jobs), one) << jobs;
+}
+
 TEST_F(OrderTest, AStopWhileWorkersReadSettlesOnlyTrueGroups) {
   writeTree();
   int seen = 0;
