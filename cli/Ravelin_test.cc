@@ -113,8 +113,8 @@ Outcome run(const std::vector<std::string>& args, const RunOptions& options = {}
     }
     if (options.descriptors) {
       struct rlimit limit {};
-      ::getrlimit(RLIMIT_NOFILE, &limit);
-      limit.rlim_cur = *options.descriptors;
+      // Both limits: the program takes what the hard limit allows.
+      limit.rlim_cur = limit.rlim_max = *options.descriptors;
       ::setrlimit(RLIMIT_NOFILE, &limit);
     }
     ::execv(cargs[0], cargs.data());

@@ -1,4 +1,7 @@
+#include <sys/resource.h>
+
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
@@ -20,9 +23,23 @@ Sizes take suffixes: 10K, 10M, 1.5G, 2T (powers of 1024), 10MB, 1GB (powers of 1
 Exit status: 0 success, 1 failure, 2 bad arguments.
 Run 'ravelin SUBCOMMAND --help' for the options of one subcommand.)";
 
+// The searches keep a folder descriptor for each folder whose files they read, and the soft
+// limit on open files is often far below what the system allows: take what the hard limit
+// gives, up to a bound. Nothing here waits on descriptors with select().
+void raiseOpenFileLimit() {
+  struct rlimit limit {};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  const rlim_t wanted = std::min<rlim_t>(limit.rlim_max, 65536);
+  if (limit.rlim_cur != RLIM_INFINITY && limit.rlim_cur < wanted) {
+    limit.rlim_cur = wanted;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  raiseOpenFileLimit();
   CLI::App app("ravelin: disk clean-up and maintenance engine", "ravelin");
   app.footer(kConventions);
   app.set_version_flag("--version", std::string("ravelin ") + ravelin::kVersion);

@@ -600,10 +600,13 @@ void DuplicateFileFinder::findDuplicateFiles(Duplicate<long long, File*>& filesB
     }
   }
   // Files are opened by name relative to their folder; a quarter of the descriptors this process
-  // may open go to folders.
+  // may open go to folders. Size groups are spread over the whole tree, so a folder left out
+  // of the cache costs an open and a close for each of its files that is read: the cache holds
+  // as many folders as the limit allows, up to a bound that a few megabytes of the kernel's
+  // memory covers.
   struct rlimit limit {};
   ::getrlimit(RLIMIT_NOFILE, &limit);
-  const std::size_t budget = std::min<rlim_t>(1024, limit.rlim_cur / 4);
+  const std::size_t budget = std::min<rlim_t>(16384, limit.rlim_cur / 4);
   const unsigned workers = jobs != 0 ? jobs : std::max(1u, std::thread::hardware_concurrency());
   if (workers > 1) {
     resolveFilesInParallel(groups, fileDuplicates, workers, budget);

@@ -7,6 +7,7 @@ import os
 import statistics
 import subprocess
 import sys
+import tempfile
 
 sys.path.insert(0, os.path.dirname(__file__))
 from measure import measure  # noqa: E402
@@ -45,11 +46,13 @@ def tools(root):
     ]
 
 
-# What each tool reads before it looks at a corpus (the dynamic loader's reads of its libraries,
-# locale files): measured once with --version and taken off its rchar, so that the bytes compared
-# are the bytes of the corpus.
-def startup_rchar(argv):
-    return min(measure([argv[0], "--version"])["rchar"] for _ in range(3))
+# What each tool reads apart from the corpus (the dynamic loader's reads of its libraries,
+# locale files, the processor count): measured on an empty folder with the same options and
+# taken off its rchar, so that the bytes compared are the bytes of the corpus.
+def startup_rchar(argv, root):
+    with tempfile.TemporaryDirectory() as empty:
+        args = [empty if a == root else a for a in argv]
+        return min(measure(args)["rchar"] for _ in range(3))
 
 
 def canonical(name, output):
@@ -180,7 +183,7 @@ def main():
                 continue
             median = statistics.median(s["seconds"] for s in samples[name])
             last = samples[name][-1]
-            results[name] = dict(last, seconds=median, rchar=last["rchar"] - startup_rchar(argv))
+            results[name] = dict(last, seconds=median, rchar=last["rchar"] - startup_rchar(argv, root))
 
         ours = results["ravelin"]
         single = results["ravelin -j1"]
