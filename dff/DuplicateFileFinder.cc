@@ -10,19 +10,20 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstring>
-#include <functional>
-#include <mutex>
-#include <string>
-#include <unordered_map>
-#include <vector>
 #include <ctime>
 #include <deque>
 #include <exception>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <new>
+#include <string>
 #include <thread>
+#include <unordered_map>
+#include <vector>
 
 #include "dff/Hash.h"
+#include "dff/Md5Lanes.h"
 #include "dff/PhotoLibraryReader.h"
 #include "platform/Dispatch.h"
 #include "platform/Metadata.h"
@@ -30,6 +31,9 @@
 namespace dff {
 
 namespace {
+
+// The longest stage that is read into a lane buffer to be digested with others.
+constexpr std::size_t kLaneStageBytes = 64 * 1024;
 
 // Processor-time reading of the last current-path report, for the whole process.
 std::atomic<std::clock_t> gLastPathReport{0};
@@ -486,10 +490,52 @@ void DuplicateFileFinder::resolveFilesInParallel(std::vector<std::vector<File*>>
         job.failed = true;
       }
     };
+    // Short stages (every first stage, and the last stage of most files) are read a few at a
+    // time by each worker and digested together, several files per vector instruction.
+    const std::size_t width = md5LaneWidth();
     std::atomic<std::size_t> next{0};
     auto drain = [&](unsigned w) {
-      for (std::size_t i; (i = next.fetch_add(1, std::memory_order_relaxed)) < wave.size();)
-        read(wave[i], handles[w].get());
+      thread_local std::unique_ptr<char[]> laneBuffers;
+      if (width > 1 && !laneBuffers) laneBuffers.reset(new char[width * kLaneStageBytes]);
+      Md5Lane lanes[16];
+      Job* laneJobs[16];
+      for (;;) {
+        // Small takes while the wave is short, so that every worker gets a share.
+        const std::size_t seen = next.load(std::memory_order_relaxed);
+        if (seen >= wave.size()) break;
+        const std::size_t take =
+            std::clamp<std::size_t>((wave.size() - seen) / (2 * workers), 1, width);
+        const std::size_t from = next.fetch_add(take, std::memory_order_relaxed);
+        if (from >= wave.size()) break;
+        const std::size_t to = std::min(wave.size(), from + take);
+        std::size_t used = 0;
+        for (std::size_t i = from; i < to; ++i) {
+          Job& job = wave[i];
+          if (width == 1 || job.hasher->stageBytes() > kLaneStageBytes) {
+            read(job, handles[w].get());
+            continue;
+          }
+          if (stopped_.load(std::memory_order_relaxed)) {
+            job.skipped = true;
+            continue;
+          }
+          job.hasher->handles = handles[w].get();
+          char* buffer = laneBuffers.get() + used * kLaneStageBytes;
+          try {
+            const std::size_t taken = job.hasher->fetch(buffer, job.done);
+            lanes[used] = {job.hasher->context(), reinterpret_cast<unsigned char*>(buffer), taken};
+            laneJobs[used++] = &job;
+          } catch (const std::bad_alloc&) {
+            job.fatal = std::current_exception();
+          } catch (const std::exception&) {
+            job.failed = true;
+          }
+        }
+        md5UpdateMany(lanes, used);
+        for (std::size_t k = 0; k < used; ++k) {
+          laneJobs[k]->hasher->offset += static_cast<std::int64_t>(lanes[k].length);
+        }
+      }
     };
     platform::DispatchGroup group;
     const unsigned count = static_cast<unsigned>(std::min<std::size_t>(workers, wave.size()));
@@ -540,7 +586,8 @@ void DuplicateFileFinder::resolveFilesInParallel(std::vector<std::vector<File*>>
     std::size_t entries = 0;
     while (!groups.empty() && (parts.empty() || entries + groups.back().size() <= batchEntries)) {
       Part& group = parts.emplace_back();
-      for (File* file : groups.back()) group.members.push_back(&hashers.emplace_back(file, nullptr));
+      for (File* file : groups.back())
+        group.members.push_back(&hashers.emplace_back(file, nullptr));
       entries += groups.back().size();
       groups.pop_back();
     }
@@ -555,7 +602,8 @@ void DuplicateFileFinder::resolveFilesInParallel(std::vector<std::vector<File*>>
       std::size_t at = 0;
       for (std::size_t p = from; p < to; ++p) {
         Duplicate<HashValue, FileHash*> stage;
-        for (std::size_t k = 0; k < parts[p].members.size(); ++k) settle(wave[at++], stage, parts[p]);
+        for (std::size_t k = 0; k < parts[p].members.size(); ++k)
+          settle(wave[at++], stage, parts[p]);
         for (auto& node : stage) {
           if (node.values.size() == 1) {
             node.values.front()->file->unique = true;  // a lone member is unique

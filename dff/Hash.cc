@@ -29,21 +29,22 @@ char* linkBuffer() {
 
 ReadCall gReadCall = ::pread;
 
-// Reads one stage of a file into the digest: `blocks` blocks of 4096 bytes from `offset`, or
+// Reads one stage of a file into `buffer`: `blocks` blocks of 4096 bytes from `offset`, or
 // fewer when the file reaches `size` on a block boundary. The stage is fetched with as few
-// reads as the kernel allows instead of one call per block; what enters the digest, where the
-// stage ends and when it fails are the same as reading block by block: the stage ends when a
-// block brings `offset` to `size`, and a file that ends first fails. Gives true when `size` was
-// reached, after checking that the file still ends there: a file that grew while it was read is
-// no longer the file whose size was compared. Throws when the file can't be read, ends early or
-// has changed size. Closes `fd` in every case.
-bool readStage(Hash& hash, int fd, std::int64_t size, std::int64_t& offset, int blocks) {
+// reads as the kernel allows instead of one call per block; which bytes go to the digest, where
+// the stage ends and when it fails are the same as reading block by block: the stage ends when
+// a block brings `offset` to `size`, and a file that ends first fails. Gives the number of bytes
+// for the digest, and sets `reachedEnd` when they bring the file to `size`, after checking that
+// the file still ends there: a file that grew while it was read is no longer the file whose
+// size was compared. Throws when the file can't be read, ends early or has changed size.
+// Closes `fd` in every case.
+std::size_t fetchStage(int fd, std::int64_t size, std::int64_t offset, int blocks, char* buffer,
+                       bool& reachedEnd) {
   const std::size_t wanted = kReadBlock * static_cast<std::size_t>(blocks);
   // Long stages tell the kernel to read ahead; short ones aren't worth the call.
   if (blocks > 1 && size - offset > static_cast<std::int64_t>(kReadBlock * 64)) {
     ::posix_fadvise(fd, offset, static_cast<off_t>(wanted), POSIX_FADV_SEQUENTIAL);
   }
-  char* buffer = stageBuffer();
   // Nothing past `size` is wanted: the stage's reading stops there, and a block that would run
   // past it is read short, which is what reading block by block would have given at the end.
   const std::size_t limit = static_cast<std::size_t>(
@@ -55,13 +56,13 @@ bool readStage(Hash& hash, int fd, std::int64_t size, std::int64_t& offset, int 
     if (n <= 0) break;  // an error, or the end of the file
     got += static_cast<std::size_t>(n);
   }
-  bool reachedEnd = false;
+  reachedEnd = false;
+  std::size_t taken = 0;
   for (std::size_t at = 0; at < limit; at += kReadBlock) {
     if (at >= got) break;  // a block read would have found the end
     std::size_t n = std::min(kReadBlock, got - at);
-    hash.updateMD5(buffer + at, static_cast<std::uint32_t>(n));
-    offset += static_cast<std::int64_t>(n);
-    if (offset == size) {
+    taken += n;
+    if (offset + static_cast<std::int64_t>(taken) == size) {
       reachedEnd = true;
       break;
     }
@@ -76,10 +77,10 @@ bool readStage(Hash& hash, int fd, std::int64_t size, std::int64_t& offset, int 
     bool unchanged = ::fstat(fd, &status) == 0 && status.st_size == size;
     ::close(fd);
     if (!unchanged) throw std::exception();
-    return true;
+    return taken;
   }
   ::close(fd);
-  return false;
+  return taken;
 }
 
 // Opens a file for reading in a way that can't block: a pipe or a device put where a file was
@@ -139,7 +140,14 @@ void Hash::hashValue(HashValue& value) const {
   std::memcpy(&value.second, digest + 8, 8);
 }
 
-bool FileHash::update() {
+std::size_t FileHash::stageBytes() const {
+  const std::int64_t wanted =
+      static_cast<std::int64_t>(kReadBlock) * (offset == 0 ? kFirstStageBlocks : kLaterStageBlocks);
+  return static_cast<std::size_t>(std::max<std::int64_t>(0, std::min(wanted, file->size - offset)));
+}
+
+std::size_t FileHash::fetch(char* buffer, bool& done) {
+  done = false;
   if (file->size == 0) {
     // A scanned file's size is what `lstat` said; a photo's may come from its library's
     // database, so an empty photo is looked at (without opening it) before it counts as empty.
@@ -150,15 +158,26 @@ bool FileHash::update() {
         throw std::exception();
       }
     }
-    return true;
+    done = true;
+    return 0;
   }
   int folder = handles != nullptr && !file->keepsWholePath() && file->parent != nullptr
                    ? handles->descriptor(file->parent)
                    : -1;
   int fd = folder >= 0 ? openRegular(folder, file->name().c_str(), file->size)
                        : openRegular(AT_FDCWD, file->path().cStr(), file->size);
-  return readStage(*this, fd, file->size, offset,
-                   offset == 0 ? kFirstStageBlocks : kLaterStageBlocks);
+  return fetchStage(fd, file->size, offset, offset == 0 ? kFirstStageBlocks : kLaterStageBlocks,
+                    buffer, done);
+}
+
+bool FileHash::update() {
+  char* buffer = stageBuffer();
+  bool done;
+  const std::size_t taken = fetch(buffer, done);
+  // One call for the whole stage: MD5 of a byte sequence doesn't depend on how it is handed in.
+  updateMD5(buffer, static_cast<std::uint32_t>(taken));
+  offset += static_cast<std::int64_t>(taken);
+  return done;
 }
 
 bool SymbolicLinkHash::hash(const Symlink* link, HashValue& value) {
@@ -265,8 +284,14 @@ bool PackageHash::calculateFiles() {
     files.pop_back();
     return files.empty();
   }
-  if (readStage(*this, openRegular(AT_FDCWD, file.path.cStr(), file.size), file.size, offset,
-                offset == 0 ? kFirstStageBlocks : kLaterStageBlocks)) {
+  char* buffer = stageBuffer();
+  bool reachedEnd;
+  const std::size_t taken =
+      fetchStage(openRegular(AT_FDCWD, file.path.cStr(), file.size), file.size, offset,
+                 offset == 0 ? kFirstStageBlocks : kLaterStageBlocks, buffer, reachedEnd);
+  updateMD5(buffer, static_cast<std::uint32_t>(taken));
+  offset += static_cast<std::int64_t>(taken);
+  if (reachedEnd) {
     files.pop_back();
     offset = 0;
   }

@@ -39,6 +39,8 @@ class Hash {
   void updateMD5(const void* data, std::uint32_t length) { MD5_Update(&state_, data, length); }
   // The digest of everything added so far.
   void hashValue(HashValue& value) const;
+  // The running state, for digesting several hashes' bytes at once.
+  MD5_CTX* context() { return &state_; }
 
  private:
   MD5_CTX state_;
@@ -75,6 +77,13 @@ class FileHash : public Hash {
   // Throws a standard exception when the file can't be opened without blocking, is no longer a
   // regular file of its recorded size, or ends before it.
   bool update();
+
+  // `update` in two halves, so that the bytes of many files can be digested together: `fetch`
+  // reads the next stage into `buffer` (room for `stageBytes()`) and gives how many bytes of it
+  // go to the digest, setting `done` as `update` would return; the caller adds them to
+  // `context()` and then to `offset`. Throws as `update` does.
+  std::size_t stageBytes() const;
+  std::size_t fetch(char* buffer, bool& done);
 
   File* file;
   std::int64_t offset = 0;
