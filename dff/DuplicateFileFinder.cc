@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <barrier>
 #include <condition_variable>
 #include <cstring>
 #include <ctime>
@@ -537,11 +538,89 @@ void DuplicateFileFinder::resolveFilesInParallel(std::vector<std::vector<File*>>
         }
       }
     };
-    platform::DispatchGroup group;
+    // A few long stages, more than there are workers but not twice as many (the three files
+    // of a group that are still equal after half of their length): taken whole, one worker
+    // would be left with the last one while the others wait. Each stage is read whole into a
+    // buffer of its own, and then digested a slice at a time by whichever worker is free, one
+    // worker at a time per file, so that all of them digest until the end.
+    const bool sliced = workers > 1 && wave.size() > workers && wave.size() < 2 * workers &&
+                        std::all_of(wave.begin(), wave.end(), [](const Job& job) {
+                          return job.hasher->stageBytes() > kLaneStageBytes;
+                        });
+    struct Slices {
+      std::unique_ptr<char[]> buffer;
+      std::size_t length = 0;
+      std::size_t digested = 0;
+      bool busy = false;
+    };
+    std::vector<Slices> slices(sliced ? wave.size() : 0);
+    std::mutex sliceMutex;
+    std::condition_variable sliceFreed;
+    auto fetchWhole = [&](unsigned w) {
+      for (std::size_t i; (i = next.fetch_add(1, std::memory_order_relaxed)) < wave.size();) {
+        Job& job = wave[i];
+        if (stopped_.load(std::memory_order_relaxed)) {
+          job.skipped = true;
+          continue;
+        }
+        job.hasher->handles = handles[w].get();
+        try {
+          slices[i].buffer.reset(new char[job.hasher->stageBytes()]);
+          slices[i].length = job.hasher->fetch(slices[i].buffer.get(), job.done);
+        } catch (const std::bad_alloc&) {
+          job.fatal = std::current_exception();
+        } catch (const std::exception&) {
+          job.failed = true;
+        }
+      }
+    };
+    auto digestSlices = [&] {
+      constexpr std::size_t kSlice = 512 * 1024;
+      std::unique_lock lock(sliceMutex);
+      for (;;) {
+        Slices* pick = nullptr;
+        bool pending = false;
+        for (auto& file : slices) {
+          if (file.digested == file.length) continue;
+          pending = true;
+          if (!file.busy && (pick == nullptr ||
+                             file.length - file.digested > pick->length - pick->digested)) {
+            pick = &file;
+          }
+        }
+        if (!pending) return;
+        if (pick == nullptr) {
+          sliceFreed.wait(lock);
+          continue;
+        }
+        pick->busy = true;
+        const std::size_t at = pick->digested;
+        const std::size_t length = std::min(kSlice, pick->length - at);
+        lock.unlock();
+        wave[static_cast<std::size_t>(pick - slices.data())].hasher->updateMD5(
+            pick->buffer.get() + at, static_cast<std::uint32_t>(length));
+        lock.lock();
+        pick->digested += length;
+        pick->busy = false;
+        sliceFreed.notify_all();
+      }
+    };
     const unsigned count = static_cast<unsigned>(std::min<std::size_t>(workers, wave.size()));
-    for (unsigned w = 1; w < count; ++w) pool.async(group, [&drain, w] { drain(w); });
-    drain(0);
+    std::barrier readersDone(static_cast<std::ptrdiff_t>(count));
+    auto work = [&](unsigned w) {
+      if (!sliced) return drain(w);
+      fetchWhole(w);
+      readersDone.arrive_and_wait();
+      digestSlices();
+    };
+
+    platform::DispatchGroup group;
+    for (unsigned w = 1; w < count; ++w) pool.async(group, [&work, w] { work(w); });
+    work(0);
     group.wait();
+    for (std::size_t i = 0; i < slices.size(); ++i) {
+      wave[i].hasher->offset += static_cast<std::int64_t>(slices[i].length);
+    }
   };
 
   // A part of a group whose next stage is to be read: the group itself for its first stage,
