@@ -583,8 +583,8 @@ void DuplicateFileFinder::resolveFilesInParallel(std::vector<std::vector<File*>>
         for (auto& file : slices) {
           if (file.digested == file.length) continue;
           pending = true;
-          if (!file.busy && (pick == nullptr ||
-                             file.length - file.digested > pick->length - pick->digested)) {
+          if (!file.busy &&
+              (pick == nullptr || file.length - file.digested > pick->length - pick->digested)) {
             pick = &file;
           }
         }

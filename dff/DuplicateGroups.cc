@@ -14,8 +14,8 @@
 #include <memory>
 #include <optional>
 #include <set>
-#include <thread>
 #include <string_view>
+#include <thread>
 #include <unordered_set>
 #include <utility>
 

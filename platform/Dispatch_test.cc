@@ -1,7 +1,6 @@
 #include "platform/Dispatch.h"
 
 #include <gtest/gtest.h>
-
 #include <sys/wait.h>
 #include <unistd.h>
 
