@@ -474,6 +474,8 @@ void DuplicateFileFinder::resolveFilesInParallel(std::vector<std::vector<File*>>
     bool skipped = false;  // the search was stopped before it was read
     std::exception_ptr fatal;
   };
+  // Buffers of whole long stages, kept from wave to wave.
+  std::vector<std::unique_ptr<char[]>> wholeStages;
   // Reads every job of a wave: this thread takes its share beside the pool's workers, so a
   // wave costs one hand-off per extra worker and none when there is a single job.
   auto runWave = [&](std::vector<Job>& wave) {
@@ -494,6 +496,18 @@ void DuplicateFileFinder::resolveFilesInParallel(std::vector<std::vector<File*>>
     // Short stages (every first stage, and the last stage of most files) are read a few at a
     // time by each worker and digested together, several files per vector instruction.
     const std::size_t width = md5LaneWidth();
+    // A wave of long stages only, more than there are workers and not a multiple of them (the
+    // three files of a group still equal after half of their length): taken whole, some
+    // worker would be left with the last ones while the others wait. The last of them (the
+    // odd ones and one more per worker) are read whole into buffers of their own, and then
+    // digested a slice at a time by whichever worker is free, one worker at a time per file,
+    // so that all of them digest until the end.
+    const std::size_t odd = wave.size() % workers;
+    const bool sliced = workers > 1 && wave.size() > workers && odd != 0 &&
+                        std::all_of(wave.begin(), wave.end(), [](const Job& job) {
+                          return job.hasher->stageBytes() > kLaneStageBytes;
+                        });
+    const std::size_t tail = sliced ? wave.size() - odd - workers : wave.size();
     std::atomic<std::size_t> next{0};
     auto drain = [&](unsigned w) {
       thread_local std::unique_ptr<char[]> laneBuffers;
@@ -503,12 +517,11 @@ void DuplicateFileFinder::resolveFilesInParallel(std::vector<std::vector<File*>>
       for (;;) {
         // Small takes while the wave is short, so that every worker gets a share.
         const std::size_t seen = next.load(std::memory_order_relaxed);
-        if (seen >= wave.size()) break;
-        const std::size_t take =
-            std::clamp<std::size_t>((wave.size() - seen) / (2 * workers), 1, width);
+        if (seen >= tail) break;
+        const std::size_t take = std::clamp<std::size_t>((tail - seen) / (2 * workers), 1, width);
         const std::size_t from = next.fetch_add(take, std::memory_order_relaxed);
-        if (from >= wave.size()) break;
-        const std::size_t to = std::min(wave.size(), from + take);
+        if (from >= tail) break;
+        const std::size_t to = std::min(tail, from + take);
         std::size_t used = 0;
         for (std::size_t i = from; i < to; ++i) {
           Job& job = wave[i];
@@ -538,35 +551,31 @@ void DuplicateFileFinder::resolveFilesInParallel(std::vector<std::vector<File*>>
         }
       }
     };
-    // A few long stages, more than there are workers but not twice as many (the three files
-    // of a group that are still equal after half of their length): taken whole, one worker
-    // would be left with the last one while the others wait. Each stage is read whole into a
-    // buffer of its own, and then digested a slice at a time by whichever worker is free, one
-    // worker at a time per file, so that all of them digest until the end.
-    const bool sliced = workers > 1 && wave.size() > workers && wave.size() < 2 * workers &&
-                        std::all_of(wave.begin(), wave.end(), [](const Job& job) {
-                          return job.hasher->stageBytes() > kLaneStageBytes;
-                        });
     struct Slices {
-      std::unique_ptr<char[]> buffer;
+      char* buffer = nullptr;
       std::size_t length = 0;
       std::size_t digested = 0;
       bool busy = false;
     };
-    std::vector<Slices> slices(sliced ? wave.size() : 0);
+    std::vector<Slices> slices(wave.size() - tail);
+    while (wholeStages.size() < slices.size()) {
+      wholeStages.emplace_back(new char[kReadBlock * kLaterStageBlocks]);
+    }
+    for (std::size_t k = 0; k < slices.size(); ++k) slices[k].buffer = wholeStages[k].get();
+    std::atomic<std::size_t> nextWhole{tail};
     std::mutex sliceMutex;
     std::condition_variable sliceFreed;
     auto fetchWhole = [&](unsigned w) {
-      for (std::size_t i; (i = next.fetch_add(1, std::memory_order_relaxed)) < wave.size();) {
+      for (std::size_t i; (i = nextWhole.fetch_add(1, std::memory_order_relaxed)) < wave.size();) {
         Job& job = wave[i];
         if (stopped_.load(std::memory_order_relaxed)) {
           job.skipped = true;
           continue;
         }
         job.hasher->handles = handles[w].get();
+        Slices& whole = slices[i - tail];
         try {
-          slices[i].buffer.reset(new char[job.hasher->stageBytes()]);
-          slices[i].length = job.hasher->fetch(slices[i].buffer.get(), job.done);
+          whole.length = job.hasher->fetch(whole.buffer, job.done);
         } catch (const std::bad_alloc&) {
           job.fatal = std::current_exception();
         } catch (const std::exception&) {
@@ -597,8 +606,8 @@ void DuplicateFileFinder::resolveFilesInParallel(std::vector<std::vector<File*>>
         const std::size_t at = pick->digested;
         const std::size_t length = std::min(kSlice, pick->length - at);
         lock.unlock();
-        wave[static_cast<std::size_t>(pick - slices.data())].hasher->updateMD5(
-            pick->buffer.get() + at, static_cast<std::uint32_t>(length));
+        wave[tail + static_cast<std::size_t>(pick - slices.data())].hasher->updateMD5(
+            pick->buffer + at, static_cast<std::uint32_t>(length));
         lock.lock();
         pick->digested += length;
         pick->busy = false;
@@ -608,7 +617,8 @@ void DuplicateFileFinder::resolveFilesInParallel(std::vector<std::vector<File*>>
     const unsigned count = static_cast<unsigned>(std::min<std::size_t>(workers, wave.size()));
     std::barrier readersDone(static_cast<std::ptrdiff_t>(count));
     auto work = [&](unsigned w) {
-      if (!sliced) return drain(w);
+      drain(w);
+      if (!sliced) return;
       fetchWhole(w);
       readersDone.arrive_and_wait();
       digestSlices();
@@ -618,8 +628,8 @@ void DuplicateFileFinder::resolveFilesInParallel(std::vector<std::vector<File*>>
     for (unsigned w = 1; w < count; ++w) pool.async(group, [&work, w] { work(w); });
     work(0);
     group.wait();
-    for (std::size_t i = 0; i < slices.size(); ++i) {
-      wave[i].hasher->offset += static_cast<std::int64_t>(slices[i].length);
+    for (std::size_t k = 0; k < slices.size(); ++k) {
+      wave[tail + k].hasher->offset += static_cast<std::int64_t>(slices[k].length);
     }
   };
 

@@ -476,6 +476,22 @@ TEST_F(OrderTest, NestedFoldersGiveTheSameGroupsWithAnyNumberOfWorkers) {
   for (unsigned jobs : {2u, 3u, 8u}) EXPECT_EQ(runWith(jobs), one) << jobs;
 }
 
+// A few long files: their later stages are read whole and digested a slice at a time by
+// whichever worker is free, alone or after other files of the same wave.
+TEST_F(OrderTest, FewLongFilesGiveTheSameGroupsWithAnyNumberOfWorkers) {
+  const std::size_t size = 4096 + 4096000 + 50;  // two later stages, the last one short
+  std::string three = randomBytes(size, 41), four = randomBytes(size + 1, 42);
+  for (int copy = 0; copy < 3; ++copy) tmp_.write("three" + std::to_string(copy), three);
+  for (int copy = 0; copy < 4; ++copy) tmp_.write("four" + std::to_string(copy), four);
+  three.back() ^= 1;  // equal to the others until its very last byte
+  tmp_.write("three-last", three);
+  four[size / 2] ^= 1;  // parts from the others in the middle of the first long stage
+  tmp_.write("four-middle", four);
+  const Groups one = runWith(1);
+  ASSERT_EQ(one.size(), 2u);
+  for (unsigned jobs : {2u, 3u, 4u, 6u}) EXPECT_EQ(runWith(jobs), one) << jobs;
+}
+
 TEST_F(OrderTest, AStopWhileWorkersReadSettlesOnlyTrueGroups) {
   writeTree();
   int seen = 0;
