@@ -28,9 +28,11 @@ class DupesReport final : public Core::DuplicateFileFinderDelegate {
     progress = value;
     redraw();
   }
+  // The groups are refined as they arrive rather than copied first: a search of a million
+  // files would otherwise hold them twice.
   void duplicateFileFinderCompleted(
       const std::vector<std::vector<Core::Duplicate>>& found) override {
-    groups = found;
+    groups = Core::refineGroups(found, options);
     finished = true;
   }
 
@@ -39,7 +41,8 @@ class DupesReport final : public Core::DuplicateFileFinderDelegate {
   StatusLine status;
   std::string current;
   double progress = 0;
-  std::vector<std::vector<Core::Duplicate>> groups;
+  Core::RefineOptions options;
+  std::vector<Core::DuplicateGroup> groups;
   bool finished = false;
 };
 
@@ -252,6 +255,7 @@ void addDupesCommand(CLI::App& app) {
     finder.setMinFileSize(*bytes);
     finder.setJobs(*jobs);
     auto report = std::make_shared<DupesReport>();
+    report->options.keepHardLinks = *hardLinks;
     finder.setDelegate(report);
 
     InterruptGuard interrupt;
@@ -268,9 +272,7 @@ void addDupesCommand(CLI::App& app) {
         },
         std::chrono::hours(24 * 365));
     report->status.clear();
-    Core::RefineOptions options;
-    options.keepHardLinks = *hardLinks;
-    auto groups = Core::refineGroups(report->groups, options);
+    std::vector<Core::DuplicateGroup> groups = std::move(report->groups);
     if (*remove) {
       if (stopped) throw CommandError{kFailure, "stopped: nothing deleted"};
       Core::KeepRule rule;

@@ -112,8 +112,10 @@ const File& GroupMember::file() const {
 
 std::vector<DuplicateGroup> refineGroups(const std::vector<std::vector<Duplicate>>& groups,
                                          const RefineOptions& options) {
-  // Every member is examined first, on as many threads as there are processors: a search
-  // may give hundreds of thousands of them, and the rest of the work is quick by comparison.
+  // Members are examined ahead of their turn, a window of them at a time, on as many threads as
+  // there are processors: a search may give a million of them, and the rest of the work is quick
+  // by comparison. The window bounds what is held: a stat for each member at once would double
+  // the memory of a search of a million files.
   std::vector<const std::string*> paths;
   for (const auto& group : groups) {
     for (const auto& item : group) {
@@ -125,22 +127,31 @@ std::vector<DuplicateGroup> refineGroups(const std::vector<std::vector<Duplicate
     struct stat status;
     bool present;
   };
-  std::vector<Examined> examined(paths.size());
-  auto examine = [&](std::size_t from, std::size_t to) {
-    for (std::size_t i = from; i < to; ++i) {
-      examined[i].present = ::lstat(paths[i]->c_str(), &examined[i].status) == 0;
+  constexpr std::size_t kWindow = 1 << 14;
+  std::vector<Examined> examined;
+  std::size_t windowStart = 0;
+  auto examinedAt = [&](std::size_t index) -> const Examined& {
+    if (index >= windowStart + examined.size()) {
+      windowStart = index;
+      examined.resize(std::min(kWindow, paths.size() - index));
+      auto examine = [&](std::size_t from, std::size_t to) {
+        for (std::size_t i = from; i < to; ++i) {
+          examined[i].present = ::lstat(paths[windowStart + i]->c_str(), &examined[i].status) == 0;
+        }
+      };
+      const std::size_t threads = std::min<std::size_t>(
+          std::max(1u, std::thread::hardware_concurrency()), 1 + examined.size() / 4096);
+      const std::size_t share = (examined.size() + threads - 1) / threads;
+      std::vector<std::thread> helpers;
+      for (std::size_t t = 1; t < threads; ++t) {
+        helpers.emplace_back(examine, std::min(examined.size(), t * share),
+                             std::min(examined.size(), (t + 1) * share));
+      }
+      examine(0, std::min(examined.size(), share));
+      for (auto& helper : helpers) helper.join();
     }
+    return examined[index - windowStart];
   };
-  const std::size_t threads = std::min<std::size_t>(
-      std::max(1u, std::thread::hardware_concurrency()), 1 + paths.size() / 4096);
-  std::vector<std::thread> helpers;
-  const std::size_t share = (paths.size() + threads - 1) / threads;
-  for (std::size_t t = 1; t < threads; ++t) {
-    helpers.emplace_back(examine, std::min(paths.size(), t * share),
-                         std::min(paths.size(), (t + 1) * share));
-  }
-  examine(0, std::min(paths.size(), share));
-  for (auto& helper : helpers) helper.join();
 
   std::vector<DuplicateGroup> refined;
   std::size_t next = 0;
@@ -151,7 +162,7 @@ std::vector<DuplicateGroup> refineGroups(const std::vector<std::vector<Duplicate
       GroupMember member;
       member.item = item;
       const std::string& path = member.file().url;
-      const Examined& looked = examined[next++];
+      const Examined& looked = examinedAt(next++);
       // A member that can no longer be examined can't be shown as a copy of anything.
       if (!looked.present) continue;
       const struct stat& status = looked.status;

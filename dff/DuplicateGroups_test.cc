@@ -136,13 +136,14 @@ TEST(RefineGroupsTest, APhotoWhoseFileIsAlsoWalkedIsOneMemberShownAsThePhoto) {
   EXPECT_EQ(refined[0][1].file().url, copy);
 }
 
-// Enough members that they are examined on several threads: each member keeps what was found
-// at its own path, whatever thread looked at it, and vanished members drop out where they were.
+// Enough members that they are examined on several threads and in several windows: each member
+// keeps what was found at its own path, whatever thread or window looked at it, and vanished
+// members drop out where they were.
 TEST(RefineGroupsTest, ManyMembersEachKeepTheirOwnIdentity) {
   TempDir tmp;
   std::vector<std::vector<Duplicate>> groups;
   std::vector<std::string> vanished;
-  for (int g = 0; g < 1700; ++g) {
+  for (int g = 0; g < 6000; ++g) {
     std::vector<Duplicate> group;
     for (int m = 0; m < 3; ++m) {
       std::string path = tmp / (std::to_string(g) + "-" + std::to_string(m));
