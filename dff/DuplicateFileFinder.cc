@@ -479,19 +479,24 @@ void DuplicateFileFinder::resolveFilesInParallel(std::vector<std::vector<File*>>
   // Reads every job of a wave: this thread takes its share beside the pool's workers, so a
   // wave costs one hand-off per extra worker and none when there is a single job.
   auto runWave = [&](std::vector<Job>& wave) {
-    auto read = [&](Job& job, DirectoryHandles* own) {
+    // Runs one worker's `step` of `job` unless the search was stopped, with that worker's folder
+    // descriptors. A failure marks the job; running out of memory is handed to the search's
+    // thread. True when the step ran through.
+    auto attempt = [&](Job& job, DirectoryHandles* own, auto&& step) {
       if (stopped_.load(std::memory_order_relaxed)) {
         job.skipped = true;
-        return;
+        return false;
       }
       job.hasher->handles = own;
       try {
-        job.done = job.hasher->update();
+        step();
+        return true;
       } catch (const std::bad_alloc&) {
         job.fatal = std::current_exception();
       } catch (const std::exception&) {
         job.failed = true;
       }
+      return false;
     };
     // Short stages (every first stage, and the last stage of most files) are read a few at a
     // time by each worker and digested together, several files per vector instruction.
@@ -526,23 +531,15 @@ void DuplicateFileFinder::resolveFilesInParallel(std::vector<std::vector<File*>>
         for (std::size_t i = from; i < to; ++i) {
           Job& job = wave[i];
           if (width == 1 || job.hasher->stageBytes() > kLaneStageBytes) {
-            read(job, handles[w].get());
+            attempt(job, handles[w].get(), [&] { job.done = job.hasher->update(); });
             continue;
           }
-          if (stopped_.load(std::memory_order_relaxed)) {
-            job.skipped = true;
-            continue;
-          }
-          job.hasher->handles = handles[w].get();
           char* buffer = laneBuffers.get() + used * kLaneStageBytes;
-          try {
-            const std::size_t taken = job.hasher->fetch(buffer, job.done);
+          std::size_t taken = 0;
+          if (attempt(job, handles[w].get(),
+                      [&] { taken = job.hasher->fetch(buffer, job.done); })) {
             lanes[used] = {job.hasher->context(), reinterpret_cast<unsigned char*>(buffer), taken};
             laneJobs[used++] = &job;
-          } catch (const std::bad_alloc&) {
-            job.fatal = std::current_exception();
-          } catch (const std::exception&) {
-            job.failed = true;
           }
         }
         md5UpdateMany(lanes, used);
@@ -568,19 +565,9 @@ void DuplicateFileFinder::resolveFilesInParallel(std::vector<std::vector<File*>>
     auto fetchWhole = [&](unsigned w) {
       for (std::size_t i; (i = nextWhole.fetch_add(1, std::memory_order_relaxed)) < wave.size();) {
         Job& job = wave[i];
-        if (stopped_.load(std::memory_order_relaxed)) {
-          job.skipped = true;
-          continue;
-        }
-        job.hasher->handles = handles[w].get();
         Slices& whole = slices[i - tail];
-        try {
-          whole.length = job.hasher->fetch(whole.buffer, job.done);
-        } catch (const std::bad_alloc&) {
-          job.fatal = std::current_exception();
-        } catch (const std::exception&) {
-          job.failed = true;
-        }
+        attempt(job, handles[w].get(),
+                [&] { whole.length = job.hasher->fetch(whole.buffer, job.done); });
       }
     };
     auto digestSlices = [&] {
