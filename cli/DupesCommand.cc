@@ -28,11 +28,10 @@ class DupesReport final : public Core::DuplicateFileFinderDelegate {
     progress = value;
     redraw();
   }
-  // The groups are refined as they arrive rather than copied first: a search of a million
+  // The groups are refined as they arrive, and taken apart as they are: a search of a million
   // files would otherwise hold them twice.
-  void duplicateFileFinderCompleted(
-      const std::vector<std::vector<Core::Duplicate>>& found) override {
-    groups = Core::refineGroups(found, options);
+  void duplicateFileFinderCompleted(std::vector<std::vector<Core::Duplicate>> found) override {
+    groups = Core::refineGroups(std::move(found), options);
     finished = true;
   }
 
@@ -134,17 +133,18 @@ void deleteDuplicates(const std::vector<Core::DuplicateGroup>& groups, const Cor
   DeletionRequest request;
   request.kept = plan.kept;
   for (const auto& target : plan.deletions) {
-    if (auto refused = hostRefusal(target.path)) {
-      request.leftAlone.emplace_back(target.path, "refused: " + *refused);
-    } else if (!Core::sameContents(target.path, target.keptPath)) {
+    std::string path(target.path), keptPath(target.keptPath);
+    if (auto refused = hostRefusal(path)) {
+      request.leftAlone.emplace_back(path, "refused: " + *refused);
+    } else if (!Core::sameContents(path, keptPath)) {
       request.leftAlone.emplace_back(
-          target.path, "changed since the search, or not the same bytes as the kept " +
-                           displayText(target.keptPath));
+          path,
+          "changed since the search, or not the same bytes as the kept " + displayText(keptPath));
     } else if (target.photoID) {
       request.photos.push_back(
-          Core::Photo{*target.photoID, Core::File{target.path, bytesAt(target.path)}});
+          Core::Photo{std::string(*target.photoID), Core::File{path, bytesAt(path)}});
     } else {
-      request.paths.push_back(target.path);
+      request.paths.push_back(std::move(path));
     }
   }
   confirmAndDelete(request, yes, dryRun, json);

@@ -24,21 +24,28 @@ void DuplicateFileFinder::start() {
   // The run owns the finder: the engine's callbacks reach it until `find` has returned.
   queue.async([self = shared_from_this(), slot = slot_] {
     dff::DFFGroups found = self->find();
+    // The entries are this run's alone: their strings move over instead of being copied, and
+    // each group is let go once converted, so that the groups are held once, not twice.
     std::vector<std::vector<Duplicate>> groups;
     groups.reserve(found.size());
-    for (const auto& group : found) {
+    for (auto& group : found) {
       auto& converted = groups.emplace_back();
       converted.reserve(group.size());
-      for (const auto& entry : group) {
-        if (auto* photo = dynamic_cast<const dff::DFFPhoto*>(entry.get())) {
-          converted.push_back(Photo{photo->id, File{photo->url, photo->size}});
+      for (auto& entry : group) {
+        if (auto* photo = dynamic_cast<dff::DFFPhoto*>(entry.get())) {
+          converted.push_back(
+              Photo{std::move(photo->id), File{std::move(photo->url), photo->size}});
         } else {
-          converted.push_back(File{entry->url, entry->size});
+          converted.push_back(File{std::move(entry->url), entry->size});
         }
       }
+      group = {};
     }
-    platform::DispatchQueue::main().async([slot, groups = std::move(groups)] {
-      if (auto delegate = slot->delegate.lock()) delegate->duplicateFileFinderCompleted(groups);
+    found = {};
+    platform::DispatchQueue::main().async([slot, groups = std::move(groups)]() mutable {
+      if (auto delegate = slot->delegate.lock()) {
+        delegate->duplicateFileFinderCompleted(std::move(groups));
+      }
     });
   });
 }

@@ -18,7 +18,8 @@ class DuplicateFileFinderDelegate {
   virtual ~DuplicateFileFinderDelegate() = default;
   virtual void duplicateFileFinderCurrent(const std::string& url) = 0;
   virtual void duplicateFileFinderProgress(double progress) = 0;
-  virtual void duplicateFileFinderCompleted(const std::vector<std::vector<Duplicate>>& groups) = 0;
+  // The groups are the delegate's to keep or take apart.
+  virtual void duplicateFileFinderCompleted(std::vector<std::vector<Duplicate>> groups) = 0;
 };
 
 // Runs searches on a serial queue of their own and reports on the main queue. The delegate is

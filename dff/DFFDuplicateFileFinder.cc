@@ -1,5 +1,7 @@
 #include "dff/DFFDuplicateFileFinder.h"
 
+#include "platform/HostStatistics.h"
+
 namespace dff {
 
 DFFDuplicateFileFinder::DFFDuplicateFileFinder()
@@ -42,6 +44,8 @@ void DFFDuplicateFileFinder::setMinFileSize(std::int64_t size) {
 DFFGroups DFFDuplicateFileFinder::find() {
   DFFGroups groups = convertResult(finder_->find());
   finder_->releaseFiles();
+  // The tree was built and freed on this thread; the host builds what it shows on another.
+  platform::releaseFreedMemory();
   return groups;
 }
 

@@ -628,48 +628,97 @@ void DuplicateFileFinder::resolveFilesInParallel(std::vector<std::vector<File*>>
     std::vector<File*> finished;
     std::vector<std::size_t> parts;
   };
-  // As `treat` in `resolve`, with what a worker read.
-  auto settle = [&](Job& job, Duplicate<HashValue, FileHash*>& stage, Part& part) {
+  // As `treat` in `resolve`, with what a worker read. True when the member goes on to another
+  // stage; the caller files it.
+  auto settle = [&](Job& job, Part& part) {
     File* item = job.hasher->file;
     if (job.skipped || stopped_.load(std::memory_order_relaxed)) {
       item->unique = true;  // nothing is settled from a stage that was cut off
-      return;
+      return false;
     }
     notifyCurrentPath(item);
     if (job.fatal) std::rethrow_exception(job.fatal);
     if (job.failed) {
       item->unique = true;
-      return;
+      return false;
     }
     job.hasher->hashValue(item->hash);
     if (job.done) {
       part.finished.push_back(item);
-    } else {
-      stage.add(item->hash, job.hasher);
+      return false;
+    }
+    return true;
+  };
+  // The members of part `p` that go on, by digest: a lone one is unique, the others make new
+  // parts.
+  auto split = [](std::vector<Part>& parts, std::size_t p, Duplicate<HashValue, FileHash*>& stage) {
+    for (auto& node : stage) {
+      if (node.values.size() == 1) {
+        node.values.front()->file->unique = true;
+      } else {
+        parts[p].parts.push_back(parts.size());
+        parts.push_back(Part{std::move(node.values), {}, {}});  // may move parts[p]
+      }
     }
   };
 
   // A batch of groups is taken at a time, as `resolve` would take them, enough to keep every
-  // worker busy: a batch's hashers live until it is settled. Its parts are read in waves, each
-  // wave every part the last one made, whatever group it belongs to; what a part settles
-  // depends only on its own members, so the waves may read the groups' parts in any order.
-  // The digest table is then filled in the one-thread order: group by group, each group's
-  // parts taken from a stack as `resolve` takes them.
+  // worker busy. Its parts are read in waves, each wave every part the last one made, whatever
+  // group it belongs to; what a part settles depends only on its own members, so the waves may
+  // read the groups' parts in any order. The digest table is then filled in the one-thread
+  // order: group by group, each group's parts taken from a stack as `resolve` takes them.
   const std::size_t batchEntries = 256 * static_cast<std::size_t>(workers);
+  std::vector<FileHash> reading;
+  reading.reserve(batchEntries);  // never moves: jobs point into it
+  std::vector<std::size_t> owners;
   while (!groups.empty()) {
-    std::deque<FileHash> hashers;  // stable addresses
-    std::vector<Part> parts;
+    std::vector<std::vector<File*>> batch;
     std::size_t entries = 0;
-    while (!groups.empty() && (parts.empty() || entries + groups.back().size() <= batchEntries)) {
-      Part& group = parts.emplace_back();
-      for (File* file : groups.back())
-        group.members.push_back(&hashers.emplace_back(file, nullptr));
+    while (!groups.empty() && (batch.empty() || entries + groups.back().size() <= batchEntries)) {
       entries += groups.back().size();
+      batch.push_back(std::move(groups.back()));
       groups.pop_back();
     }
-    const std::size_t batchGroups = parts.size();
+    const std::size_t batchGroups = batch.size();
+    std::vector<Part> parts(batchGroups);
+    std::deque<FileHash> hashers;  // members past their first stage; stable addresses
 
-    for (std::size_t from = 0, to = parts.size(); from < to; from = to, to = parts.size()) {
+    // First stages are read a batch's worth of files at a time, whatever groups they belong to,
+    // and a file keeps its hasher only when it goes on, as in `resolve`: one size group may
+    // hold a million small files, and most finish or drop out in their first stage.
+    auto stage = std::make_unique<Duplicate<HashValue, FileHash*>>();  // of group `open`
+    std::size_t open = 0;
+    for (std::size_t g = 0, i = 0; g < batchGroups;) {
+      reading.clear();
+      owners.clear();
+      for (; g < batchGroups && reading.size() < batchEntries; ++g, i = 0) {
+        for (; i < batch[g].size() && reading.size() < batchEntries; ++i) {
+          reading.emplace_back(batch[g][i], nullptr);
+          owners.push_back(g);
+        }
+        if (i < batch[g].size()) break;
+      }
+      std::vector<Job> wave;
+      wave.reserve(reading.size());
+      for (FileHash& hasher : reading) wave.emplace_back(&hasher);
+      runWave(wave);
+      for (std::size_t k = 0; k < wave.size(); ++k) {
+        for (; open < owners[k]; ++open) {
+          split(parts, open, *stage);
+          stage = std::make_unique<Duplicate<HashValue, FileHash*>>();
+        }
+        if (settle(wave[k], parts[open])) {
+          FileHash* kept = &hashers.emplace_back(std::move(reading[k]));
+          stage->add(kept->file->hash, kept);
+        }
+      }
+    }
+    split(parts, open, *stage);
+    stage.reset();
+    batch.clear();
+
+    for (std::size_t from = batchGroups, to = parts.size(); from < to;
+         from = to, to = parts.size()) {
       std::vector<Job> wave;
       for (std::size_t p = from; p < to; ++p) {
         for (FileHash* hasher : parts[p].members) wave.emplace_back(hasher);
@@ -677,17 +726,12 @@ void DuplicateFileFinder::resolveFilesInParallel(std::vector<std::vector<File*>>
       runWave(wave);
       std::size_t at = 0;
       for (std::size_t p = from; p < to; ++p) {
-        Duplicate<HashValue, FileHash*> stage;
-        for (std::size_t k = 0; k < parts[p].members.size(); ++k)
-          settle(wave[at++], stage, parts[p]);
-        for (auto& node : stage) {
-          if (node.values.size() == 1) {
-            node.values.front()->file->unique = true;  // a lone member is unique
-          } else {
-            parts[p].parts.push_back(parts.size());
-            parts.push_back(Part{std::move(node.values), {}, {}});  // may move parts[p]
-          }
+        Duplicate<HashValue, FileHash*> later;
+        for (std::size_t k = 0; k < parts[p].members.size(); ++k) {
+          Job& job = wave[at++];
+          if (settle(job, parts[p])) later.add(job.hasher->file->hash, job.hasher);
         }
+        split(parts, p, later);
         parts[p].members.clear();
         parts[p].members.shrink_to_fit();
       }

@@ -492,6 +492,39 @@ TEST_F(OrderTest, FewLongFilesGiveTheSameGroupsWithAnyNumberOfWorkers) {
   for (unsigned jobs : {2u, 3u, 4u, 6u}) EXPECT_EQ(runWith(jobs), one) << jobs;
 }
 
+// One size shared by more files than the workers' first stages take at once (a few hundred per
+// worker), among small groups: members of one size group that are read in different takes
+// still meet in one table, and those that go on keep their place.
+TEST_F(OrderTest, ASizeGroupLargerThanOneTakeGivesTheSameGroups) {
+  const std::string base = randomBytes(5000, 7);
+  for (int i = 0; i < 1800; ++i) {
+    std::string content = base;
+    switch (i % 7) {
+      case 1:
+        content[4500] ^= 1;  // parts from the base in its second stage
+        break;
+      case 2:
+        content[10] ^= 1;  // in its first
+        break;
+      case 3:
+        content[4999] = static_cast<char>(i);  // alone or nearly so, found only at the end
+        content[4998] = static_cast<char>(i >> 8);
+        break;
+      default:
+        break;
+    }
+    tmp_.write("big/" + std::to_string(i % 13) + "/" + std::to_string(i), content);
+  }
+  for (int g = 0; g < 40; ++g) {
+    const std::string small = randomBytes(300 + g, 200 + g);
+    tmp_.write("small/a" + std::to_string(g), small);
+    tmp_.write("small/b" + std::to_string(g), small);
+  }
+  const Groups one = runWith(1);
+  ASSERT_GE(one.size(), 43u);
+  for (unsigned jobs : {2u, 3u}) EXPECT_EQ(runWith(jobs), one) << jobs;
+}
+
 TEST_F(OrderTest, AStopWhileWorkersReadSettlesOnlyTrueGroups) {
   writeTree();
   int seen = 0;

@@ -110,7 +110,7 @@ const File& GroupMember::file() const {
   return std::get<File>(item);
 }
 
-std::vector<DuplicateGroup> refineGroups(const std::vector<std::vector<Duplicate>>& groups,
+std::vector<DuplicateGroup> refineGroups(std::vector<std::vector<Duplicate>> groups,
                                          const RefineOptions& options) {
   // Members are examined ahead of their turn, a window of them at a time, on as many threads as
   // there are processors: a search may give a million of them, and the rest of the work is quick
@@ -155,18 +155,19 @@ std::vector<DuplicateGroup> refineGroups(const std::vector<std::vector<Duplicate
 
   std::vector<DuplicateGroup> refined;
   std::size_t next = 0;
-  for (const auto& group : groups) {
+  for (auto& group : groups) {
     DuplicateGroup members;
     std::map<Identity, std::size_t> seen;
-    for (const auto& item : group) {
-      GroupMember member;
-      member.item = item;
-      const std::string& path = member.file().url;
+    for (auto& item : group) {
+      // Examined before its path moves out: the window may begin with it.
       const Examined& looked = examinedAt(next++);
+      GroupMember member;
+      member.item = std::move(item);
+      const std::string& path = member.file().url;
       // A member that can no longer be examined can't be shown as a copy of anything.
       if (!looked.present) continue;
       const struct stat& status = looked.status;
-      if (std::holds_alternative<Photo>(item)) {
+      if (std::holds_alternative<Photo>(member.item)) {
         member.kind = MemberKind::photo;
       } else if (S_ISDIR(status.st_mode)) {
         member.kind = platform::isPackage(path) ? MemberKind::package : MemberKind::folder;
@@ -200,21 +201,19 @@ std::vector<DuplicateGroup> refineGroups(const std::vector<std::vector<Duplicate
       members.push_back(std::move(member));
     }
     if (members.size() >= 2) refined.push_back(std::move(members));
+    group = {};  // its members moved out; the paths ahead of the window are in later groups
   }
   return refined;
 }
 
 namespace {
 
-// Adds each regular file below a deleted folder, once per name.
-class NameCounter final : public platform::WalkVisitor {
+// Adds up what deleting frees: every name of a regular file that is deleted is noted with the
+// file's device, inode, size and link count, and a file counts once, when all its names are
+// deleted. Deleted folders hold most of what a large clean-up deletes, so a name costs a small
+// record, and the records are sorted once at the end rather than kept in a tree.
+class FreedBytes final : public platform::WalkVisitor {
  public:
-  struct Count {
-    std::int64_t size = 0;
-    std::uint64_t links = 0;
-    std::uint64_t namesDeleted = 0;
-  };
-  explicit NameCounter(std::map<Identity, Count>& counts) : counts_(counts) {}
   void entry(const std::string&, std::string_view, const struct stat& status) override {
     if (S_ISREG(status.st_mode)) add(status);
   }
@@ -222,14 +221,28 @@ class NameCounter final : public platform::WalkVisitor {
     add(Identity{status.st_dev, status.st_ino}, status.st_size, status.st_nlink);
   }
   void add(const Identity& identity, std::int64_t size, std::uint64_t links) {
-    Count& count = counts_[identity];
-    count.size = size;
-    count.links = links;
-    ++count.namesDeleted;
+    names_.push_back({identity, size, links});
+  }
+  std::int64_t total() {
+    std::sort(names_.begin(), names_.end(),
+              [](const Name& a, const Name& b) { return a.identity < b.identity; });
+    std::int64_t bytes = 0;
+    for (std::size_t i = 0; i < names_.size();) {
+      std::size_t j = i;
+      while (j < names_.size() && names_[j].identity == names_[i].identity) ++j;
+      if (j - i >= names_[i].links) bytes += names_[i].size;
+      i = j;
+    }
+    return bytes;
   }
 
  private:
-  std::map<Identity, Count>& counts_;
+  struct Name {
+    Identity identity;
+    std::int64_t size;
+    std::uint64_t links;
+  };
+  std::vector<Name> names_;
 };
 
 }  // namespace
@@ -284,9 +297,10 @@ const GroupMember* chooseKept(const std::vector<const GroupMember*>& candidates,
 KeepOnePlan planKeepingOne(const std::vector<DuplicateGroup>& groups, const KeepRule& rule) {
   KeepOnePlan plan;
   // Only a folder or a package holds other paths: the questions about what lies inside what
-  // look up sorted sets of those alone, and whole paths are looked up by hashing.
-  std::unordered_set<std::string> keptPaths, targetPaths;
-  std::set<std::string, std::less<>> keptSorted, folderTargets;
+  // look up sorted sets of those alone, and whole paths are looked up by hashing. Every path
+  // here is a view of a name in `groups`.
+  std::unordered_set<std::string_view> keptPaths, targetPaths;
+  std::set<std::string_view> keptSorted, folderTargets;
   auto holds = [](MemberKind kind) {
     return kind == MemberKind::folder || kind == MemberKind::package;
   };
@@ -298,32 +312,31 @@ KeepOnePlan planKeepingOne(const std::vector<DuplicateGroup>& groups, const Keep
 
   // A path lies inside a target when it is one or one of its leading parts is a folder target;
   // a folder holds a kept path when it is one or the first kept path after it starts with it.
-  auto insideTarget = [&](const std::string& path) {
+  auto insideTarget = [&](std::string_view path) {
     if (targetPaths.empty()) return false;
     if (targetPaths.count(path) > 0) return true;
     if (folderTargets.empty()) return false;
-    const std::string_view view(path);
-    for (std::size_t slash = view.find('/', 1); slash != std::string_view::npos;
-         slash = view.find('/', slash + 1)) {
-      if (folderTargets.find(view.substr(0, slash)) != folderTargets.end()) return true;
+    for (std::size_t slash = path.find('/', 1); slash != std::string_view::npos;
+         slash = path.find('/', slash + 1)) {
+      if (folderTargets.count(path.substr(0, slash)) > 0) return true;
     }
     return folderTargets.count("/") > 0;
   };
   std::string below;
-  auto holdsKept = [&](const std::string& path, MemberKind kind) {
+  auto holdsKept = [&](std::string_view path, MemberKind kind) {
     if (keptPaths.count(path) > 0) return true;
     if (!holds(kind)) return false;
     below = path;
     if (path != "/") below += '/';
     auto next = keptSorted.lower_bound(below);
-    return next != keptSorted.end() && next->compare(0, below.size(), below) == 0;
+    return next != keptSorted.end() && next->substr(0, below.size()) == below;
   };
-  auto addTarget = [&](const std::string& path, MemberKind kind) {
+  auto addTarget = [&](std::string_view path, MemberKind kind) {
     targetPaths.insert(path);
     if (holds(kind)) folderTargets.insert(path);
   };
   auto names = [](const GroupMember& member) {
-    std::vector<std::string> all{member.file().url};
+    std::vector<std::string_view> all{member.file().url};
     all.insert(all.end(), member.otherNames.begin(), member.otherNames.end());
     return all;
   };
@@ -331,14 +344,10 @@ KeepOnePlan planKeepingOne(const std::vector<DuplicateGroup>& groups, const Keep
   // Folders and packages first: a file group then keeps a copy that outlives them.
   std::vector<const DuplicateGroup*> order;
   for (const auto& group : groups) {
-    if (group.front().kind == MemberKind::folder || group.front().kind == MemberKind::package) {
-      order.push_back(&group);
-    }
+    if (holds(group.front().kind)) order.push_back(&group);
   }
   for (const auto& group : groups) {
-    if (group.front().kind != MemberKind::folder && group.front().kind != MemberKind::package) {
-      order.push_back(&group);
-    }
+    if (!holds(group.front().kind)) order.push_back(&group);
   }
 
   for (const DuplicateGroup* group : order) {
@@ -351,7 +360,7 @@ KeepOnePlan planKeepingOne(const std::vector<DuplicateGroup>& groups, const Keep
       ++plan.groupsLeftAlone;
       continue;
     }
-    for (const auto& name : names(*keep)) {
+    for (std::string_view name : names(*keep)) {
       keptPaths.insert(name);
       keptSorted.insert(name);
     }
@@ -361,9 +370,9 @@ KeepOnePlan planKeepingOne(const std::vector<DuplicateGroup>& groups, const Keep
       // The same file as the kept one under another name: deleting it frees nothing and would
       // take a name the user sees away.
       if (member.device == keep->device && member.inode == keep->inode) continue;
-      std::optional<std::string> photoID;
+      std::optional<std::string_view> photoID;
       if (auto* photo = std::get_if<Photo>(&member.item)) photoID = photo->id;
-      for (const auto& name : names(member)) {
+      for (std::string_view name : names(member)) {
         if (insideTarget(name) || holdsKept(name, member.kind)) continue;
         candidates.push_back({{name, member.kind, keep->file().url, photoID}, &member});
         addTarget(name, member.kind);
@@ -377,30 +386,28 @@ KeepOnePlan planKeepingOne(const std::vector<DuplicateGroup>& groups, const Keep
             [](const auto& a, const auto& b) { return a.target.path < b.target.path; });
   targetPaths.clear();
   folderTargets.clear();
-  std::map<Identity, NameCounter::Count> counts;
-  NameCounter counter(counts);
+  FreedBytes freed;
   for (auto& candidate : candidates) {
     if (insideTarget(candidate.target.path)) continue;
     addTarget(candidate.target.path, candidate.target.kind);
     const GroupMember& member = *candidate.member;
     if (member.kind == MemberKind::file) {
       // A file was examined when its group was refined: each of its names counts once.
-      counter.add(Identity{member.device, member.inode}, member.file().size, member.linkCount);
+      freed.add(Identity{member.device, member.inode}, member.file().size, member.linkCount);
     } else {
+      const std::string path(candidate.target.path);
       struct stat status;
-      if (::lstat(candidate.target.path.c_str(), &status) == 0) {
+      if (::lstat(path.c_str(), &status) == 0) {
         if (S_ISDIR(status.st_mode)) {
-          platform::walkTree(candidate.target.path, counter);
+          platform::walkTree(path, freed);
         } else if (S_ISREG(status.st_mode)) {
-          counter.add(status);
+          freed.add(status);
         }
       }
     }
-    plan.deletions.push_back(std::move(candidate.target));
+    plan.deletions.push_back(candidate.target);
   }
-  for (const auto& [identity, count] : counts) {
-    if (count.namesDeleted >= count.links) plan.bytesFreed += count.size;
-  }
+  plan.bytesFreed = freed.total();
   return plan;
 }
 

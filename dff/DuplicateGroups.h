@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Core/File.h"
@@ -65,17 +66,19 @@ struct RefineOptions {
 
 // The groups with every member looked up on disk: members that are one file become one member (a
 // photo wins over a plain file, else the first), members that can no longer be examined are
-// dropped, and a group left with fewer than two members is no group.
-std::vector<DuplicateGroup> refineGroups(const std::vector<std::vector<Duplicate>>& groups,
+// dropped, and a group left with fewer than two members is no group. The groups given are taken
+// apart as they are refined.
+std::vector<DuplicateGroup> refineGroups(std::vector<std::vector<Duplicate>> groups,
                                          const RefineOptions& options = {});
 
-// A "keep one of each" clean-up: which paths it deletes and how many bytes that frees.
+// A "keep one of each" clean-up: which paths it deletes and how many bytes that frees. Its
+// paths are views of the names in the groups planned, valid while those groups are.
 struct KeepOnePlan {
   struct Target {
-    std::string path;
+    std::string_view path;
     MemberKind kind;
-    std::string keptPath;  // the member its group keeps, to compare it with before deleting
-    std::optional<std::string> photoID;  // for a photo
+    std::string_view keptPath;  // the member its group keeps, to compare it with before deleting
+    std::optional<std::string_view> photoID;  // for a photo
   };
   std::vector<Target> deletions;    // no target lies inside another
   std::vector<std::string> kept;    // the member kept of each group, in group order
@@ -100,6 +103,9 @@ struct KeepRule {
 
 // A member that is the same file as the kept one (one device and inode) is never deleted.
 KeepOnePlan planKeepingOne(const std::vector<DuplicateGroup>& groups, const KeepRule& rule = {});
+// The plan would outlive groups made for the call.
+KeepOnePlan planKeepingOne(std::vector<DuplicateGroup>&& groups,
+                           const KeepRule& rule = {}) = delete;
 
 // True when `a` and `b` hold the same bytes: two regular files of equal content, two links with
 // the same target text, or two folders with the same names, each entry the same in turn. Nothing

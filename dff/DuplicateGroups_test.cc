@@ -191,7 +191,7 @@ TEST(PlanKeepingOneTest, FolderGroupsComeFirstAndNoByteIsCountedTwice) {
   // One of the folders goes with all it holds, one copy of "abc" and the third copy of f1.
   EXPECT_EQ(plan.bytesFreed, 15000 + 3 + 10000);
   std::set<std::string> deleted;
-  for (const auto& target : plan.deletions) deleted.insert(target.path);
+  for (const auto& target : plan.deletions) deleted.insert(std::string(target.path));
   EXPECT_EQ(deleted.size(), 3u);
   // The kept copy of f1 lies in the kept folder: the clean-up leaves one of everything.
   std::string keptFolder = deleted.count(tmp / "a") ? tmp / "b" : tmp / "a";
@@ -214,7 +214,8 @@ TEST(PlanKeepingOneTest, NothingThatHoldsAKeptMemberIsDeleted) {
   folder.item = File{outer, 1};
   folder.kind = MemberKind::folder;
   // A file group whose kept member lies in a folder that another group would delete.
-  auto plan = planKeepingOne({{file, folder}});
+  std::vector<DuplicateGroup> groups{{file, folder}};
+  auto plan = planKeepingOne(groups);
   EXPECT_TRUE(plan.deletions.empty());
   EXPECT_EQ(plan.kept, std::vector<std::string>{inner});
 }

@@ -21,9 +21,9 @@ class RecordingDelegate final : public DuplicateFileFinderDelegate {
     events.push_back("progress " + std::to_string(progress).substr(0, 3));
     onMain &= std::this_thread::get_id() == mainThread;
   }
-  void duplicateFileFinderCompleted(const std::vector<std::vector<Duplicate>>& found) override {
+  void duplicateFileFinderCompleted(std::vector<std::vector<Duplicate>> found) override {
     events.push_back("completed");
-    groups = found;
+    groups = std::move(found);
     onMain &= std::this_thread::get_id() == mainThread;
   }
   bool completed() const { return !events.empty() && events.back() == "completed"; }

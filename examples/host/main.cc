@@ -18,8 +18,7 @@ class Printer final : public Core::DuplicateFileFinderDelegate {
  public:
   void duplicateFileFinderCurrent(const std::string&) override {}
   void duplicateFileFinderProgress(double) override {}
-  void duplicateFileFinderCompleted(
-      const std::vector<std::vector<Core::Duplicate>>& groups) override {
+  void duplicateFileFinderCompleted(std::vector<std::vector<Core::Duplicate>> groups) override {
     for (const auto& group : groups) {
       for (const auto& member : group) {
         const auto& file = std::holds_alternative<Core::File>(member)
