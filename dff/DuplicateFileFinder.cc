@@ -256,7 +256,7 @@ std::unique_ptr<Directory> DuplicateFileFinder::scanFiles(
   auto skip = [this](const char* name, std::size_t length) {
     return (length == 9 && std::memcmp(name, ".DS_Store", 9) == 0) || exclude(name, length);
   };
-  const unsigned workers = jobs != 0 ? jobs : std::max(1u, std::thread::hardware_concurrency());
+  const unsigned workers = jobs != 0 ? jobs : platform::processorCount();
   FolderLister lister(workers - 1, skip);
   // How many of the folders the walk takes next are listed ahead of it.
   const std::size_t ahead = 8 * static_cast<std::size_t>(workers);
@@ -775,7 +775,7 @@ void DuplicateFileFinder::findDuplicateFiles(Duplicate<long long, File*>& filesB
   struct rlimit limit {};
   ::getrlimit(RLIMIT_NOFILE, &limit);
   const std::size_t budget = std::min<rlim_t>(16384, limit.rlim_cur / 4);
-  const unsigned workers = jobs != 0 ? jobs : std::max(1u, std::thread::hardware_concurrency());
+  const unsigned workers = jobs != 0 ? jobs : platform::processorCount();
   if (workers > 1) {
     resolveFilesInParallel(groups, fileDuplicates, workers, budget);
   } else {

@@ -19,6 +19,7 @@
 #include <unordered_set>
 #include <utility>
 
+#include "platform/Dispatch.h"
 #include "platform/Metadata.h"
 #include "platform/TreeWalker.h"
 
@@ -139,8 +140,8 @@ std::vector<DuplicateGroup> refineGroups(std::vector<std::vector<Duplicate>> gro
           examined[i].present = ::lstat(paths[windowStart + i]->c_str(), &examined[i].status) == 0;
         }
       };
-      const std::size_t threads = std::min<std::size_t>(
-          std::max(1u, std::thread::hardware_concurrency()), 1 + examined.size() / 4096);
+      const std::size_t threads =
+          std::min<std::size_t>(platform::processorCount(), 1 + examined.size() / 4096);
       const std::size_t share = (examined.size() + threads - 1) / threads;
       std::vector<std::thread> helpers;
       for (std::size_t t = 1; t < threads; ++t) {

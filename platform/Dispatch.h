@@ -67,6 +67,9 @@ class DispatchSpecificKey {
 
 class DispatchGroup;
 
+// The processors this process may use, at least 1; looked up once.
+unsigned processorCount();
+
 class DispatchQueue {
  public:
   enum class Attributes { serial, concurrent };

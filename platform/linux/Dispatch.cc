@@ -16,6 +16,11 @@
 
 namespace platform {
 
+unsigned processorCount() {
+  static const unsigned count = std::max(1u, std::thread::hardware_concurrency());
+  return count;
+}
+
 std::string_view toString(QoS qos) {
   switch (qos) {
     case QoS::background:
