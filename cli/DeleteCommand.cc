@@ -69,6 +69,10 @@ void addDeleteCommand(CLI::App& app) {
     if (!from->empty()) {
       for (const auto& line : entriesOf(readList(*from), '\n')) {
         auto bytes = unescapeText(line);
+        if (bytes && bytes->find('\0') != std::string::npos) {
+          throw CommandError{
+              kUsage, fmt::format("--from: a path holding a NUL byte: {}", displayText(line))};
+        }
         if (!bytes) {
           throw CommandError{kUsage, fmt::format("--from: not a path as ravelin writes them: {}",
                                                  displayText(line))};

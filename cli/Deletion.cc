@@ -114,6 +114,8 @@ std::string reasonLeft(const std::string& path, bool stopped) {
 }  // namespace
 
 std::optional<std::string> hostRefusal(const std::string& path) {
+  // The system reads a path up to its first NUL: "/tmp/..<NUL>/x" would be "/tmp/..".
+  if (path.find('\0') != std::string::npos) return "a path holding a NUL byte";
   if (path == "/") return "the root folder";
   const std::string& home = platform::currentLocations().home;
   if (!home.empty() && path == absolutePath(home)) return "your home folder itself";

@@ -377,8 +377,15 @@ TEST(RavelinTest, DeleteTakesListsOfAnyBytes) {
   Outcome fromNul = run({"delete", "--yes", "--from0", tmp / "list0"});
   ASSERT_EQ(fromNul.status, 0) << fromNul.err;
   EXPECT_FALSE(std::filesystem::exists(kept));
-  tmp.write("bad", "bad\\q escape\n");
-  EXPECT_EQ(run({"delete", "--yes", "--from", tmp / "bad"}).status, 2);
+  // A bad escape, and a NUL: "DIR/sub/..<NUL>/x" would reach DIR itself where the system reads it.
+  tmp.write("sub/victim", "stays");
+  for (const std::string& line :
+       {std::string("bad\\q escape"), tmp / "sub/..\\x00/victim", tmp / "sub\\x00"}) {
+    tmp.write("bad", line + "\n");
+    EXPECT_EQ(run({"delete", "--yes", "--from", tmp / "bad"}).status, 2) << line;
+    EXPECT_EQ(run({"delete", "--dry-run", "--from", tmp / "bad"}).status, 2) << line;
+  }
+  EXPECT_TRUE(std::filesystem::exists(tmp / "sub/victim"));
 }
 
 // What an unprivileged user may not delete goes to the helper, which deletes it as root.
@@ -399,7 +406,8 @@ TEST(RavelinTest, DeleteHandsWhatTheUserMayNotDeleteToTheHelper) {
   EXPECT_EQ(alone.status, 1) << alone.err;
   EXPECT_TRUE(std::filesystem::exists(tmp / "roots/locked/f"));
   testsupport::ChildProcess server(
-      {RAVELIN_HELPER_BINARY, "--socket", socket, "--allow-uid", "65534"}, socket);
+      {RAVELIN_HELPER_BINARY, "--socket", socket, "--allow-uid", "65534", "--home", tmp.path()},
+      socket);
   Outcome helped = run(
       {"delete", "--yes", "--json", "--helper-socket", socket, tmp / "mine", tmp / "roots/locked"},
       user);

@@ -161,7 +161,8 @@ TEST_F(DeleterTest, PathsRefusedWithEaccesGoToTheHelper) {
   ::chown((tmp_ / "mine/file").c_str(), 65534, 65534);
   const std::string socket = tmp_ / "helper.sock";
   testsupport::ChildProcess helperTool(
-      {RAVELIN_HELPER_BINARY, "--socket", socket, "--allow-uid", "65534"}, socket);
+      {RAVELIN_HELPER_BINARY, "--socket", socket, "--allow-uid", "65534", "--home", tmp_.path()},
+      socket);
   helper::setHelperSocket(socket);
   {
     testsupport::AsUnprivilegedUser user;

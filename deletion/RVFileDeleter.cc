@@ -58,6 +58,11 @@ void RVFileDeleter::deleteFiles() {
 }
 
 RVFileDeleter::Result RVFileDeleter::deleteAt(const std::string& path) {
+  // The system would read the path only up to a NUL, and so delete something else.
+  if (path.find('\0') != std::string::npos) {
+    errno = EINVAL;
+    return failed;
+  }
   updateCurrentPath(path.c_str());
   struct stat status;
   if (::lstat(path.c_str(), &status) != 0) return errno == ENOENT ? deleted : failed;

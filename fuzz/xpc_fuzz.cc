@@ -13,6 +13,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto* method = interface->find(message->selector);
     fuzz::require(method != nullptr);
     fuzz::require(message->arguments.is_array());
+    // No accepted text holds a NUL: the system would read a path only up to it.
+    for (const auto& argument : message->arguments) {
+      if (argument.is_string()) {
+        fuzz::require(argument.get_ref<const std::string&>().find('\0') == std::string::npos);
+      }
+      if (argument.is_array()) {
+        for (const auto& item : argument) {
+          fuzz::require(item.get_ref<const std::string&>().find('\0') == std::string::npos);
+        }
+      }
+    }
   }
   return 0;
 }

@@ -1,5 +1,7 @@
 #include "helper/HelperConnection.h"
 
+#include <unistd.h>
+
 #include <atomic>
 #include <chrono>
 
@@ -17,8 +19,7 @@ constexpr auto kPingTimeout = std::chrono::milliseconds(3000);
 }  // namespace
 
 void setHelperSocket(const std::string& path) {
-  platform::xpc::setSocketPath(kServiceName,
-                               path.empty() ? "/run/" + std::string(kServiceName) + ".sock" : path);
+  platform::xpc::setSocketPath(kServiceName, path.empty() ? helperSocketPath(::getuid()) : path);
   gOwnSocket.store(!path.empty());
 }
 
@@ -62,6 +63,9 @@ bool HelperConnection::connect(bool required) {
     if (!required) return false;
     if (!installHelper()) return false;
   }
+  // This user's own instance, unless the host runs its own.
+  if (!usesOwnHelperSocket())
+    platform::xpc::setSocketPath(kServiceName, helperSocketPath(::getuid()));
   std::weak_ptr<HelperConnection> weakSelf = weak_from_this();
   // 3.
   connection_ = platform::xpc::Connection::toService(kServiceName, platform::xpc::kPrivileged);

@@ -16,6 +16,8 @@
 #include "helper/HelperInstaller.h"
 #include "monitor/DiskInfo.h"
 #include "platform/Admin.h"
+#include "platform/Files.h"
+#include "platform/SystemRoots.h"
 #include "testsupport/TestSupport.h"
 
 namespace helper {
@@ -34,22 +36,65 @@ class RecordingDelegate final : public RVHelperDelegate {
     std::lock_guard lock(mutex);
     deleting.push_back(path);
   }
-  void helperDeletionCompleted() override { completed = true; }
+  void helperDeletionCompleted() override { ++completed; }
 
   std::mutex mutex;
   std::vector<std::pair<std::string, bool>> results;
   std::vector<std::string> deleting;
-  std::atomic<bool> completed{false};
+  std::atomic<int> completed{0};
 };
 
-// The real tool, started as this test's user on a socket in a temporary folder.
+// The real tool, started as this test's user on a socket in a temporary folder, serving this
+// user with `home` as the home folder it cleans.
 class RealHelper : public testsupport::ChildProcess {
  public:
-  explicit RealHelper(const std::string& socket)
-      : ChildProcess(
-            {RAVELIN_HELPER_BINARY, "--socket", socket, "--allow-uid", std::to_string(::getuid())},
-            socket) {}
+  RealHelper(const std::string& socket, const std::string& home)
+      : ChildProcess({RAVELIN_HELPER_BINARY, "--socket", socket, "--allow-uid",
+                      std::to_string(::getuid()), "--home", home},
+                     socket) {}
 };
+
+int connectTo(const std::string& socket) {
+  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, socket.c_str(), sizeof(address.sun_path) - 1);
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+    ::close(fd);
+    return -1;
+  }
+  // Only a guard against a hang: every read here ends with a line or the helper's close.
+  timeval limit{30, 0};
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+  return fd;
+}
+
+// Sends `line` and reads until the helper answers a line or closes: the answer, "" if closed.
+std::string exchange(int fd, const std::string& line) {
+  ::send(fd, line.data(), line.size(), MSG_NOSIGNAL);
+  std::string answer;
+  char buffer[256];
+  while (answer.find('\n') == std::string::npos) {
+    ssize_t n = ::recv(fd, buffer, sizeof(buffer), 0);
+    if (n <= 0) break;
+    answer.append(buffer, static_cast<std::size_t>(n));
+  }
+  return answer;
+}
+
+const std::string kPing = "{\"selector\":\"test:\",\"arguments\":[],\"reply\":1}\n";
+
+// A ping on a new connection, tried until the helper has room for it.
+bool pingAnswered(const std::string& socket) {
+  for (int attempt = 0; attempt < 1000; ++attempt) {
+    int fd = connectTo(socket);
+    std::string answer = fd >= 0 ? exchange(fd, kPing) : "";
+    if (fd >= 0) ::close(fd);
+    if (!answer.empty()) return answer == "{\"arguments\":[],\"reply\":1}\n";
+    std::this_thread::yield();
+  }
+  return false;
+}
 
 // A service that answers the ping late, or never.
 class SlowHelper {
@@ -134,7 +179,7 @@ class HelperConnectionTest : public ::testing::Test {
 };
 
 TEST_F(HelperConnectionTest, AnAnsweredPingKeepsTheConnectionAndASecondConnectIsRefused) {
-  RealHelper tool(socket_);
+  RealHelper tool(socket_, tmp_ / "home");
   auto connection = HelperConnection::create();
   int errors = 0;
   connection->errorHandler = [&] { ++errors; };
@@ -151,32 +196,104 @@ TEST_F(HelperConnectionTest, AnAnsweredPingKeepsTheConnectionAndASecondConnectIs
   EXPECT_TRUE(connection->connect(false));  // idle again: connects anew
 }
 
-TEST_F(HelperConnectionTest, DeletesAsTheHelperAndRefusesTheSystemsFolders) {
-  RealHelper tool(socket_);
-  tmp_.write("tree/a/b/file", "x");
+TEST_F(HelperConnectionTest, DeletesInTheServedHomeAndRefusesTheRest) {
+  RealHelper tool(socket_, tmp_ / "home");
+  tmp_.write("home/tree/a/b/file", "x");
   tmp_.write("outside/keep", "stays");
-  tmp_.symlink("tree/link", tmp_ / "outside");
+  tmp_.symlink("home/tree/link", tmp_ / "outside");
   auto delegate = std::make_shared<RecordingDelegate>();
   auto connection = HelperConnection::create();
   connection->delegate = delegate;
   ASSERT_TRUE(connection->connect(false));
-  connection->helper->deleteAtPaths({tmp_ / "tree", "/", "/etc", "relative", tmp_ / "x/../etc"});
-  ASSERT_TRUE(waitFor([&] { return delegate->completed.load(); }));
+  connection->helper->deleteAtPaths({tmp_ / "home/tree", "/", "/etc/shadow", "/usr/lib", "relative",
+                                     tmp_ / "home/../outside", tmp_ / "outside/keep"});
+  ASSERT_TRUE(waitFor([&] { return delegate->completed.load() == 1; }));
   std::lock_guard lock(delegate->mutex);
   EXPECT_EQ(delegate->results,
-            (std::vector<std::pair<std::string, bool>>{{tmp_ / "tree", true},
+            (std::vector<std::pair<std::string, bool>>{{tmp_ / "home/tree", true},
                                                        {"/", false},
-                                                       {"/etc", false},
+                                                       {"/etc/shadow", false},
+                                                       {"/usr/lib", false},
                                                        {"relative", false},
-                                                       {tmp_ / "x/../etc", false}}));
-  EXPECT_EQ(delegate->deleting.size(), 5u);
-  EXPECT_FALSE(std::filesystem::exists(tmp_ / "tree"));
+                                                       {tmp_ / "home/../outside", false},
+                                                       {tmp_ / "outside/keep", false}}));
+  EXPECT_EQ(delegate->deleting.size(), 7u);
+  EXPECT_FALSE(std::filesystem::exists(tmp_ / "home/tree"));
   EXPECT_TRUE(std::filesystem::exists(tmp_ / "outside/keep"));
-  EXPECT_TRUE(std::filesystem::exists("/etc/passwd"));
+}
+
+// Messages an attacker would send: each ends its connection before anything is done, and the
+// helper goes on serving the next client.
+TEST_F(HelperConnectionTest, HostileMessagesEndTheirConnectionAndNothingElse) {
+  RealHelper tool(socket_, tmp_ / "home");
+  tmp_.write("home/keep", "stays");
+  tmp_.write("victim", "stays");
+  const std::string home = tmp_ / "home";
+  std::string deep;
+  for (int i = 0; i < 100000; ++i) deep += "[";
+  for (const std::string& line : std::vector<std::string>{
+           // "home/..<NUL>" is tmp_ itself where the system reads it.
+           "{\"selector\":\"deleteAtPaths:\",\"arguments\":[[\"" + home + "/..\\u0000\"]]}\n",
+           "{\"selector\":\"deleteAtPaths:\",\"arguments\":[[\"" + home + "/..\\\\x00\"]]}\n",
+           std::string("{\"selector\":\"getDirectorySizeAt:with:\",\"arguments\":[\"/\\u0000\"],"
+                       "\"reply\":2}\n"),
+           "{\"selector\":\"test:\",\"arguments\":[" + deep + "],\"reply\":1}\n",
+           "{\"selector\":\"deleteAtPaths:\",\"arguments\":[[\"" + home + "/\xff\xfe\"]]}\n",
+           kPing.substr(0, kPing.size() - 1) + std::string(1, '\0') + "\n"}) {
+    int fd = connectTo(socket_);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(exchange(fd, line), "") << line.substr(0, 80);
+    ::close(fd);
+    EXPECT_TRUE(pingAnswered(socket_)) << line.substr(0, 80);
+  }
+  EXPECT_TRUE(std::filesystem::exists(tmp_ / "victim"));
+  EXPECT_TRUE(std::filesystem::exists(tmp_ / "home/keep"));
+}
+
+// A stop ends the batch it was sent for, even when another batch follows at once.
+TEST_F(HelperConnectionTest, AStopEndsItsBatchWhateverComesAfter) {
+  RealHelper tool(socket_, tmp_ / "home");
+  for (int i = 0; i < 50; ++i) tmp_.write("home/first/f" + std::to_string(i), "x");
+  tmp_.write("home/second/f", "x");
+  auto delegate = std::make_shared<RecordingDelegate>();
+  auto connection = HelperConnection::create();
+  connection->delegate = delegate;
+  ASSERT_TRUE(connection->connect(false));
+  connection->helper->pauseDeleting();
+  connection->helper->deleteAtPaths({tmp_ / "home/first"});
+  connection->helper->stopDeleting();
+  connection->helper->deleteAtPaths({tmp_ / "home/second"});
+  ASSERT_TRUE(waitFor([&] { return delegate->completed.load() == 2; }));
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(tmp_ / "home/first"), {}), 50);
+  EXPECT_FALSE(std::filesystem::exists(tmp_ / "home/second"));
+}
+
+// Idle connections past the limit are closed at once: threads stay bounded and the helper still
+// answers once they are gone.
+TEST_F(HelperConnectionTest, ManyConnectionsLeaveTheThreadCountBounded) {
+  RealHelper tool(socket_, tmp_ / "home");
+  std::vector<int> idle;
+  for (int i = 0; i < 500; ++i) {
+    int fd = connectTo(socket_);
+    ASSERT_GE(fd, 0) << i;
+    idle.push_back(fd);
+  }
+  // The last one is past the limit: the helper closes it, after handling all before it.
+  char byte;
+  EXPECT_EQ(::recv(idle.back(), &byte, 1, 0), 0);
+  auto threads = [&] {
+    auto status = platform::readSmallFile("/proc/" + std::to_string(tool.pid()) + "/status");
+    std::size_t at = status ? status->find("Threads:") : std::string::npos;
+    return at == std::string::npos ? -1 : std::stoi(status->substr(at + 8));
+  };
+  EXPECT_GT(threads(), 0);
+  EXPECT_LE(threads(), 64);
+  for (int fd : idle) ::close(fd);
+  EXPECT_TRUE(pingAnswered(socket_));
 }
 
 TEST_F(HelperConnectionTest, MeasuresAsGetDirectorySizeDoes) {
-  RealHelper tool(socket_);
+  RealHelper tool(socket_, tmp_ / "home");
   for (int i = 0; i < 50; ++i) {
     tmp_.write("tree/d" + std::to_string(i % 7) + "/f" + std::to_string(i),
                std::string(static_cast<std::size_t>(i) * 10, 'x'));
@@ -191,7 +308,7 @@ TEST_F(HelperConnectionTest, MeasuresAsGetDirectorySizeDoes) {
 
 // A helper that dies in the middle of a batch: the error handler runs once, on the main queue.
 TEST_F(HelperConnectionTest, AHelperKilledMidBatchEndsTheConnectionOnce) {
-  auto tool = std::make_unique<RealHelper>(socket_);
+  auto tool = std::make_unique<RealHelper>(socket_, tmp_.path());
   for (int i = 0; i < 3000; ++i) {
     tmp_.write("big/d" + std::to_string(i % 30) + "/f" + std::to_string(i), "x");
   }

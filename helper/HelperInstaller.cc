@@ -48,8 +48,8 @@ std::vector<std::string> uninstallCommands() {
     if (!platform::fileExists(installedUnitPath(identifier), platform::Follow::no)) continue;
     commands.push_back("/bin/systemctl disable --now " + std::string(identifier) +
                        "@$__HELPER_UID.service");
-    commands.push_back("/bin/rm " + installedUnitPath(identifier));
-    commands.push_back("/bin/rm " + installedToolPath(identifier));
+    commands.push_back("/bin/rm -f " + installedUnitPath(identifier));
+    commands.push_back("/bin/rm -f " + installedToolPath(identifier));
   }
   return commands;
 }
@@ -135,9 +135,19 @@ int compareVersions(const std::string& a, const std::string& b) {
   return 0;
 }
 
+std::string enabledInstancePath(unsigned uid) {
+  return installLocations().unitFolder + "/multi-user.target.wants/" + kServiceName + "@" +
+         std::to_string(uid) + ".service";
+}
+
 bool helperNeedsInstall() {
   const std::string installed = installedToolPath(kServiceName);
   if (!platform::fileExists(installed, platform::Follow::no)) return true;
+  // Each user has an instance of their own: another user's is no use to this one.
+  if (!platform::fileExists(installedUnitPath(kServiceName), platform::Follow::no) ||
+      !platform::fileExists(enabledInstancePath(::getuid()), platform::Follow::no)) {
+    return true;
+  }
   auto shippedVersion = readBundleVersion(shippedToolPath());
   if (!shippedVersion) return true;
   auto installedVersion = readBundleVersion(installed);
@@ -148,20 +158,36 @@ bool helperNeedsInstall() {
 
 std::vector<std::string> installCommands() {
   const std::string n = kServiceName;
+  const std::string unit = unitName(n);
   const std::string shipped = std::string("./") + kShippedFolder + "/";
+  const InstallLocations& where = installLocations();
+  // Accepted only as regular files owned by root that no one else may write: the unit says what
+  // root runs, so it is checked like the tool.
+  const std::string accepted =
+      " -maxdepth 0 -type f -user root ! -perm /022 | /usr/bin/wc -l | "
+      "/bin/grep -qx 2";
   std::vector<std::string> commands{"set +e"};
   for (auto& command : uninstallCommands()) commands.push_back(std::move(command));
-  const InstallLocations& where = installLocations();
   commands.insert(
       commands.end(),
-      {"set -e", "cd \"$__APP_PATH\"",
-       // The tool is accepted only as a regular file owned by root that no one else may write.
-       "/usr/bin/find " + shipped + n +
-           " -maxdepth 0 -type f -user root ! -perm /022 | "
-           "/bin/grep -q .",
-       "/bin/mkdir -p " + where.toolFolder, "/bin/cp " + shipped + n + " " + where.toolFolder + "/",
-       "/bin/mkdir -p " + where.unitFolder,
-       "/bin/cp " + shipped + unitName(n) + " " + where.unitFolder + "/",
+      {"set -e", "umask 022", "cd \"$__APP_PATH\"",
+       // A first look, so that a file that fails is never copied anywhere.
+       "/usr/bin/find " + shipped + n + " " + shipped + unit + accepted,
+       "/usr/bin/install -d -o root -g root -m 0755 " + where.toolFolder + " " + where.unitFolder,
+       // The files are copied into folders of root's, each beside its final place, checked
+       // there where no one else can change them, and renamed into place: what was checked is
+       // what is installed, whatever happens in the program's folder meanwhile.
+       "t=$(/bin/mktemp -d " + where.toolFolder + "/.install.XXXXXX)",
+       "u=$(/bin/mktemp -d " + where.unitFolder + "/.ravelin-install.XXXXXX)",
+       "trap '/bin/rm -rf \"$t\" \"$u\"' EXIT",
+       "/bin/cp --no-dereference --preserve=mode,ownership " + shipped + n + " \"$t/" + n + "\"",
+       "/bin/cp --no-dereference --preserve=mode,ownership " + shipped + unit + " \"$u/" + unit +
+           "\"",
+       "/usr/bin/find \"$t/" + n + "\" \"$u/" + unit + "\"" + accepted,
+       "/bin/chown root:root \"$t/" + n + "\" \"$u/" + unit + "\"",
+       "/bin/chmod 0755 \"$t/" + n + "\"", "/bin/chmod 0644 \"$u/" + unit + "\"",
+       "/bin/mv -f \"$t/" + n + "\" " + where.toolFolder + "/" + n,
+       "/bin/mv -f \"$u/" + unit + "\" " + where.unitFolder + "/" + unit,
        "/bin/systemctl enable --now " + n + "@$__HELPER_UID.service"});
   return commands;
 }

@@ -37,13 +37,20 @@ std::optional<std::string> readBundleVersion(const std::string& path);
 // Compares version texts number by number ("2.10" after "2.9"); <0, 0 or >0.
 int compareVersions(const std::string& a, const std::string& b);
 
-// True when no helper is installed, a version can't be read, or the shipped helper is newer.
+// The link that enabling user `uid`'s instance of the helper makes.
+std::string enabledInstancePath(unsigned uid);
+
+// True when no helper is installed, this user's instance isn't enabled, a version can't be read,
+// or the shipped helper is newer.
 bool helperNeedsInstall();
 
 // The install script's commands, in order: the uninstall of every helper present (older
-// identifier first) under "set +e", then "set -e", the acceptance check of the shipped tool, the
-// copies and the enabling of the unit. The program's folder is named only as "$__APP_PATH" and
-// the user as "$__HELPER_UID".
+// identifier first) under "set +e"; then, under "set -e" and "umask 022", the acceptance check of
+// the shipped tool and unit (regular files of root's that no one else may write), their copies
+// into root's temporary folders beside their places, the same check of the copies, owner and
+// modes set (0755 for the tool, 0644 for the unit), the renames into place and the enabling of
+// this user's instance. The program's folder is named only as "$__APP_PATH" and the user as
+// "$__HELPER_UID".
 std::vector<std::string> installCommands();
 
 // Runs the install script as root (the user is asked to consent). Records event 45 with "ok" or

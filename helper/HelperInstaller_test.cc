@@ -92,6 +92,11 @@ TEST_F(InstallerTest, AnEqualOrNewerInstalledHelperIsKept) {
   tool("program/libexec/ravelin/" + std::string(kServiceName), "2.9");
   EXPECT_TRUE(helperNeedsInstall());  // nothing installed
   tool("system/libexec/" + std::string(kServiceName), "2.9");
+  tmp_.write("system/units/" + std::string(kServiceName) + "@.service", "[Unit]");
+  EXPECT_TRUE(helperNeedsInstall());  // another user's instance is no use to this one
+  tmp_.mkdir("system/units/multi-user.target.wants");
+  tmp_.symlink(enabledInstancePath(::getuid()).substr(tmp_.path().size() + 1),
+               tmp_ / ("system/units/" + std::string(kServiceName) + "@.service"));
   EXPECT_FALSE(helperNeedsInstall());
   tool("system/libexec/" + std::string(kServiceName), "2.10");
   EXPECT_FALSE(helperNeedsInstall());
@@ -106,17 +111,16 @@ TEST_F(InstallerTest, AnEqualOrNewerInstalledHelperIsKept) {
 
 TEST_F(InstallerTest, TheScriptUninstallsWhatIsThereThenInstalls) {
   auto commands = installCommands();
-  ASSERT_EQ(commands.size(), 9u);
+  const std::size_t installing = commands.size() - 1;
   EXPECT_EQ(commands[0], "set +e");
   EXPECT_EQ(commands[1], "set -e");
-  EXPECT_EQ(commands[2], "cd \"$__APP_PATH\"");
-  EXPECT_EQ(commands[8],
+  EXPECT_EQ(commands.back(),
             "/bin/systemctl enable --now " + std::string(kServiceName) + "@$__HELPER_UID.service");
 
   tmp_.write("system/units/" + std::string(kOlderServiceName) + "@.service", "[Unit]");
   tmp_.write("system/units/" + std::string(kServiceName) + "@.service", "[Unit]");
   commands = installCommands();
-  ASSERT_EQ(commands.size(), 15u);
+  ASSERT_EQ(commands.size(), installing + 7);
   EXPECT_NE(commands[1].find(kOlderServiceName), std::string::npos);
   EXPECT_NE(commands[3].find(kOlderServiceName), std::string::npos);
   EXPECT_NE(commands[4].find(kServiceName), std::string::npos);
@@ -195,27 +199,41 @@ TEST(InstallScriptTest, InstallsTheShippedToolAndUnitForReal) {
     InstallLocations locations;
     locations.programPrefix = prefix;
     setInstallLocations(locations);
-    if (installCommands().size() != 9 || !installHelper()) ::_exit(1);
-    const std::string tool = "/usr/local/libexec/ravelin/" + std::string(kServiceName);
-    struct stat status;
-    if (::stat(tool.c_str(), &status) != 0 || !(status.st_mode & S_IXUSR)) ::_exit(2);
-    if (::stat(("/etc/systemd/system/" + std::string(kServiceName) + "@.service").c_str(),
-               &status) != 0) {
-      ::_exit(3);
-    }
+    // Whatever the caller's mask, the installed files get their own modes.
+    ::umask(0);
+    if (!installHelper()) ::_exit(1);
+    const std::string folder = "/usr/local/libexec/ravelin";
+    const std::string tool = folder + "/" + std::string(kServiceName);
+    const std::string unit = installedUnitPath(kServiceName);
+    auto modeIs = [](const std::string& path, mode_t mode) {
+      struct stat status;
+      return ::lstat(path.c_str(), &status) == 0 && status.st_uid == 0 &&
+             (status.st_mode & 07777) == mode;
+    };
+    if (!modeIs(folder, 0755) || !modeIs(tool, 0755) || !modeIs(unit, 0644)) ::_exit(2);
+    // Enabling made this link; the recorder in systemctl's place didn't.
+    std::filesystem::create_directories("/etc/systemd/system/multi-user.target.wants");
+    std::filesystem::create_symlink(unit, enabledInstancePath(::getuid()));
     if (helperNeedsInstall()) ::_exit(4);  // the same version is now in place
     // Again, over what is there: the current helper is disabled and removed first.
-    if (installCommands().size() != 12 || !installHelper()) ::_exit(5);
+    if (!installHelper()) ::_exit(5);
     std::string socket = tmp / "installed.sock";
     pid_t server = ::fork();
     if (server == 0) {
-      ::execl(tool.c_str(), tool.c_str(), "--socket", socket.c_str(), nullptr);
+      ::execl(tool.c_str(), tool.c_str(), "--socket", socket.c_str(), "--allow-uid", "0", nullptr);
       ::_exit(127);
     }
     std::string answer = pingOnce(socket);
     ::kill(server, SIGKILL);
     ::waitpid(server, nullptr, 0);
-    ::_exit(answer == "{\"arguments\":[],\"reply\":1}\n" ? 0 : 6);
+    if (answer != "{\"arguments\":[],\"reply\":1}\n") ::_exit(6);
+    // A unit that others may change says nothing root should run: nothing is installed.
+    std::filesystem::remove(tool);
+    std::filesystem::remove(unit);
+    ::chmod((prefix + "/libexec/ravelin/" + std::string(kServiceName) + "@.service").c_str(), 0664);
+    if (installHelper()) ::_exit(7);
+    if (!std::filesystem::is_empty(folder) || std::filesystem::exists(unit)) ::_exit(8);
+    ::_exit(0);
   }
   int status = 0;
   ASSERT_EQ(::waitpid(child, &status, 0), child);

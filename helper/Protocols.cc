@@ -7,6 +7,10 @@ using platform::xpc::Call;
 using platform::xpc::Interface;
 using platform::xpc::ReplyBlock;
 
+std::string helperSocketPath(unsigned uid) {
+  return "/run/ravelin/helper-" + std::to_string(uid) + ".sock";
+}
+
 const Interface& helperProtocolInterface() {
   static const auto* interface = new Interface(
       "RVHelperProtocol",

@@ -20,6 +20,9 @@ inline constexpr char kServiceName[] = "com.fernhollow.Ravelin.PrivilegedHelper"
 // The name of the product's earlier helper, known only to the installer.
 inline constexpr char kOlderServiceName[] = "com.fernhollow.Bastion.PrivilegedHelper";
 
+// The socket of the helper instance that serves user `uid`: each user has a helper of their own.
+std::string helperSocketPath(unsigned uid);
+
 class RVHelperProtocol {
  public:
   virtual ~RVHelperProtocol() = default;
@@ -34,7 +37,9 @@ class RVHelperProtocol {
   virtual void getDirectorySizeAt(std::string path, std::function<void(std::int64_t)> reply) = 0;
   virtual void stopGettingSize() = 0;
   // Switches the system unit (or, with `global`, the unit of every user's session) `label` on
-  // or off with systemctl as root; `reply` says whether systemctl did it.
+  // or off with systemctl as root; `reply` says whether the unit's state is now the one asked
+  // for. The helper switches off only listed startup items and switches on only the
+  // administrator's units or what it switched off itself.
   virtual void setUnitEnabled(std::string label, bool global, bool enabled,
                               std::function<void(bool)> reply) = 0;
 };

@@ -75,29 +75,9 @@ class LaunchdManagedItemsFinder final : public LaunchItemsFinder {
 
 std::vector<LaunchItem> LaunchdManagedItemsFinder::launchdItems() {
   const platform::Locations& locations = platform::currentLocations();
-  // The folders hold unit files and, beside them, the folders of their dependencies (.wants,
-  // .requires, drop-in .d): only files are items.
-  auto list = [](const std::string& folder) {
-    std::vector<std::string> names;
-    auto listing = platform::listDirectory(folder);
-    if (!listing.ok()) return names;
-    for (const auto& entry : *listing) {
-      if (entry.isDirectory()) continue;
-      // A link under another unit's name is an alias that enabling that unit made: switching
-      // it would switch the unit itself. A link to /dev/null is a masked unit, and stays.
-      if (entry.type == platform::FileType::symbolicLink) {
-        std::vector<char> target(4096);
-        std::string path = platform::joinPath(folder, entry.name);
-        ssize_t length = ::readlink(path.c_str(), target.data(), target.size() - 1);
-        std::string to =
-            length > 0 ? std::string(target.data(), static_cast<std::size_t>(length)) : "";
-        if (to != "/dev/null" && platform::lastPathComponent(to) != entry.name) continue;
-      }
-      names.push_back(entry.name);
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-  };
+  // The folders hold unit files and, beside them, the folders of their dependencies: only
+  // units are items.
+  const auto& list = platform::launchd::listedUnits;
   std::vector<LaunchItem> items;
   for (const auto& name : list(locations.globalUserUnits)) {
     items.emplace_back(platform::joinPath(locations.globalUserUnits, name), GlobalAgent{});

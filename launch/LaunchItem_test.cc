@@ -235,9 +235,10 @@ TEST(HelperUnitsTest, ASystemUnitIsSwitchedThroughTheHelper) {
   tmp.write("elsewhere/evil.service",
             "[Service]\nExecStart=/bin/true\n[Install]\nWantedBy=multi-user.target\n");
   const std::string socket = tmp / "helper.sock";
-  testsupport::ChildProcess helperTool({RAVELIN_HELPER_BINARY, "--socket", socket, "--allow-uid",
-                                        "65534", "--units-root", tmp.path()},
-                                       socket);
+  testsupport::ChildProcess helperTool(
+      {RAVELIN_HELPER_BINARY, "--socket", socket, "--allow-uid", "65534", "--units-root",
+       tmp.path(), "--state-dir", tmp / "state"},
+      socket);
   helper::setHelperSocket(socket);
   ItemsStatusManager manager(
       std::shared_ptr<platform::ProcessRunner>(platform::makeProcessRunner()));

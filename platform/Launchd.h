@@ -37,6 +37,25 @@ std::string printDisabled(ProcessRunner& runner, const Locations& locations);
 bool setEnabled(ProcessRunner& runner, const Locations& locations, Domain domain,
                 const std::string& label, bool enabled);
 
+// Whether `label` can only be a unit's name: a type suffix, no "/" (systemctl would take a path
+// as a unit file to link), no leading "-" (an option), no NUL, no blank or control character.
+bool isUnitName(const std::string& label);
+
+// The units of a unit folder as the launch-item finder lists them, sorted: its files and links,
+// without the folders beside them (.wants, .requires, drop-in .d) and without aliases (a link
+// under another unit's name, which enabling that unit made). A link to /dev/null is a masked
+// unit, and is listed.
+std::vector<std::string> listedUnits(const std::string& folder);
+
+// The state systemctl gives `label` in `domain` ("enabled", "disabled", "static", "masked", ...),
+// read in that domain alone; nothing when systemctl can't say.
+std::optional<std::string> unitState(ProcessRunner& runner, const Locations& locations,
+                                     Domain domain, const std::string& label);
+
+// For a state of `systemctl is-enabled`: true when the unit is switched on, false when it is
+// switched off or masked, nothing when it can't be switched (static, indirect, generated, ...).
+std::optional<bool> isSwitchedOn(const std::string& state);
+
 // What a unit file runs: the first ExecStart= of its [Service] section, or of any section for
 // other unit types. Nothing for what can't be read.
 std::optional<std::string> unitCommand(const std::string& path);

@@ -76,6 +76,7 @@ class ChildProcess {
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
   void kill();
+  int pid() const { return pid_; }
 
  private:
   int pid_ = -1;

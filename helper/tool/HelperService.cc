@@ -1,44 +1,92 @@
 #include "helper/tool/HelperService.h"
 
+#include <system_error>
 #include <thread>
 
 #include "helper/tool/SafeDeletion.h"
+#include "helper/tool/UnitPolicy.h"
 #include "monitor/DiskInfo.h"
 #include "platform/Launchd.h"
 #include "platform/Locations.h"
 
 namespace helper {
 
-HelperService::HelperService(std::shared_ptr<RVHelperDelegate> client)
-    : client_(std::move(client)) {}
+namespace {
+
+// Starts `body` on a thread of its own; false when the process can't make one more.
+template <class Body>
+bool startThread(Body&& body) {
+  try {
+    std::thread(std::forward<Body>(body)).detach();
+    return true;
+  } catch (const std::system_error&) {
+    return false;
+  }
+}
+
+}  // namespace
+
+HelperService::HelperService(std::shared_ptr<RVHelperDelegate> client, HelperSettings settings)
+    : client_(std::move(client)), settings_(std::move(settings)) {}
 
 HelperService::~HelperService() { shutDown(); }
 
 void HelperService::test(std::function<void()> reply) { reply(); }
 
 void HelperService::deleteAtPaths(std::vector<std::string> paths) {
+  bool start = false;
   {
     std::lock_guard lock(mutex_);
-    stopped_ = false;
-    paused_ = false;
-  }
-  std::thread([self = shared_from_this(), paths = std::move(paths)] {
-    std::lock_guard batch(self->batchMutex_);
-    const std::set<std::string> mounts = currentMountPoints();
-    for (const auto& path : paths) {
-      if (!self->mayGoOn()) break;
-      self->client_->helperDeletingAt(path);
-      bool deleted = !refusal(path, mounts) && deleteTree(path, [&] { return self->mayGoOn(); });
-      self->client_->helperDeletedAt(path, deleted);
+    if (batches_.size() < kMaxWaitingBatches) {
+      batches_.push_back(Batch{nextBatch_++, std::move(paths)});
+      start = !deleting_;
+      deleting_ = true;
+      paths.clear();
     }
-    self->client_->helperDeletionCompleted();
-  }).detach();
+  }
+  if (start && !startThread([self = shared_from_this()] { self->runBatches(); })) {
+    std::lock_guard lock(mutex_);
+    deleting_ = false;
+    for (auto& batch : batches_) {
+      for (auto& path : batch.paths) paths.push_back(std::move(path));
+    }
+    batches_.clear();
+  }
+  if (paths.empty()) return;
+  // Refused whole: too many batches waiting, or no thread to run them.
+  for (const auto& path : paths) client_->helperDeletedAt(path, false);
+  client_->helperDeletionCompleted();
 }
 
-bool HelperService::mayGoOn() {
+void HelperService::runBatches() {
+  for (;;) {
+    Batch batch;
+    {
+      std::lock_guard lock(mutex_);
+      if (batches_.empty()) {
+        deleting_ = false;
+        return;
+      }
+      batch = std::move(batches_.front());
+      batches_.pop_front();
+    }
+    // The places are read for each batch: mounts come and go.
+    const CleanupPlaces places = cleanupPlacesFor(settings_.servedUser, settings_.home);
+    for (const auto& path : batch.paths) {
+      if (!mayGoOn(batch.number)) break;
+      client_->helperDeletingAt(path);
+      bool deleted = !refusal(path, places) &&
+                     deleteTree(path, [this, number = batch.number] { return mayGoOn(number); });
+      client_->helperDeletedAt(path, deleted);
+    }
+    client_->helperDeletionCompleted();
+  }
+}
+
+bool HelperService::mayGoOn(std::uint64_t batch) {
   std::unique_lock lock(mutex_);
-  resumed_.wait(lock, [this] { return !paused_ || stopped_; });
-  return !stopped_;
+  changed_.wait(lock, [&] { return !paused_ || batch < stopBefore_; });
+  return batch >= stopBefore_;
 }
 
 void HelperService::pauseDeleting() {
@@ -51,54 +99,85 @@ void HelperService::resumeDeleting() {
     std::lock_guard lock(mutex_);
     paused_ = false;
   }
-  resumed_.notify_all();
+  changed_.notify_all();
 }
 
 void HelperService::stopDeleting() {
   {
     std::lock_guard lock(mutex_);
-    stopped_ = true;
+    stopBefore_ = nextBatch_;
+    paused_ = false;
   }
-  resumed_.notify_all();
+  changed_.notify_all();
 }
 
 void HelperService::getDirectorySizeAt(std::string path, std::function<void(std::int64_t)> reply) {
+  {
+    std::lock_guard lock(mutex_);
+    if (measuring_) return reply(0);
+    measuring_ = true;
+  }
   stopSize_.store(false);
-  std::thread([self = shared_from_this(), path = std::move(path), reply = std::move(reply)] {
+  auto measure = [self = shared_from_this(), path = std::move(path), reply] {
     // Measuring only reads, but a path of odd shape gets no answer but 0.
     bool wellFormed =
-        !path.empty() && path.front() == '/' && path.find("/./") == std::string::npos &&
-        path.find("/../") == std::string::npos && !path.ends_with("/.") && !path.ends_with("/..");
-    reply(wellFormed ? monitor::GetDirectorySize(path.c_str(), &self->stopSize_) : 0);
-  }).detach();
+        !path.empty() && path.front() == '/' && path.find('\0') == std::string::npos &&
+        path.find("/./") == std::string::npos && path.find("/../") == std::string::npos &&
+        !path.ends_with("/.") && !path.ends_with("/..");
+    std::int64_t size = wellFormed ? monitor::GetDirectorySize(path.c_str(), &self->stopSize_) : 0;
+    {
+      std::lock_guard lock(self->mutex_);
+      self->measuring_ = false;
+    }
+    reply(size);
+  };
+  if (!startThread(std::move(measure))) {
+    {
+      std::lock_guard lock(mutex_);
+      measuring_ = false;
+    }
+    reply(0);
+  }
 }
 
 void HelperService::stopGettingSize() { stopSize_.store(true); }
 
-namespace {
-std::string& unitsRoot() {
-  static auto* root = new std::string;
-  return *root;
-}
-}  // namespace
-
-void HelperService::setUnitsRoot(std::string root) { unitsRoot() = std::move(root); }
-
 void HelperService::setUnitEnabled(std::string label, bool global, bool enabled,
                                    std::function<void(bool)> reply) {
-  std::thread([label = std::move(label), global, enabled, reply = std::move(reply)] {
-    platform::Locations locations;
-    locations.root = unitsRoot();
+  {
+    std::lock_guard lock(mutex_);
+    if (switching_) return reply(false);
+    switching_ = true;
+  }
+  auto work = [self = shared_from_this(), label = std::move(label), global, enabled, reply] {
+    platform::Locations locations = platform::Locations::fromEnvironment(self->settings_.unitsRoot);
     auto runner = platform::makeProcessRunner();
-    reply(platform::launchd::setEnabled(
-        *runner, locations,
-        global ? platform::launchd::Domain::global : platform::launchd::Domain::system, label,
-        enabled));
-  }).detach();
+    DisabledUnitsRecord record(self->settings_.stateFolder);
+    bool done =
+        switchUnit(*runner, locations, record,
+                   global ? platform::launchd::Domain::global : platform::launchd::Domain::system,
+                   label, enabled);
+    {
+      std::lock_guard lock(self->mutex_);
+      self->switching_ = false;
+    }
+    reply(done);
+  };
+  if (!startThread(std::move(work))) {
+    {
+      std::lock_guard lock(mutex_);
+      switching_ = false;
+    }
+    reply(false);
+  }
 }
 
 void HelperService::shutDown() {
   stopSize_.store(true);
+  {
+    std::lock_guard lock(mutex_);
+    batches_.clear();
+  }
   stopDeleting();
 }
 

@@ -1,5 +1,6 @@
 #include <unistd.h>
 
+#include <algorithm>
 #include <set>
 #include <sstream>
 
@@ -103,25 +104,52 @@ std::string printDisabled(ProcessRunner& runner, const Locations& locations) {
          renderDisabled(user) + "}\n";
 }
 
-bool setEnabled(ProcessRunner& runner, const Locations& locations, Domain domain,
-                const std::string& label, bool enabled) {
-  // A unit's name only: systemctl takes a path as a unit file to link, and an option as one.
-  if (label.empty() || label.front() == '-' || label.find('/') != std::string::npos ||
+bool isUnitName(const std::string& label) {
+  if (label.empty() || label.size() > 256 || label.front() == '-' || label.front() == '.' ||
       label.find('.') == std::string::npos) {
     return false;
   }
+  for (unsigned char c : label) {
+    if (c <= ' ' || c == '/' || c == '\\' || c == 0x7f) return false;
+  }
+  return true;
+}
+
+std::vector<std::string> listedUnits(const std::string& folder) {
+  std::vector<std::string> names;
+  auto listing = listDirectory(folder);
+  if (!listing.ok()) return names;
+  for (const auto& entry : *listing) {
+    if (entry.isDirectory()) continue;
+    if (entry.type == FileType::symbolicLink) {
+      std::vector<char> target(4096);
+      std::string path = joinPath(folder, entry.name);
+      ssize_t length = ::readlink(path.c_str(), target.data(), target.size() - 1);
+      std::string to =
+          length > 0 ? std::string(target.data(), static_cast<std::size_t>(length)) : "";
+      if (to != "/dev/null" && lastPathComponent(to) != entry.name) continue;
+    }
+    names.push_back(entry.name);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+namespace {
+
+// The arguments that put systemctl in `domain` (and below the locations' root); nothing where
+// that can't be done here.
+std::optional<std::vector<std::string>> domainArguments(const Locations& locations, Domain domain) {
   std::vector<std::string> arguments;
   switch (domain) {
     case Domain::user:
-      if (!locations.root.empty()) return false;
+      if (!locations.root.empty()) return std::nullopt;
       arguments = {"--user"};
       break;
     case Domain::global:
-      if (::geteuid() != 0) return false;
       arguments = {"--global"};
       break;
     case Domain::system:
-      if (::geteuid() != 0) return false;
       break;
   }
   if (!locations.root.empty()) {
@@ -129,10 +157,45 @@ bool setEnabled(ProcessRunner& runner, const Locations& locations, Domain domain
   } else if (domain == Domain::system && !managerRuns()) {
     arguments.push_back("--root=/");
   }
-  arguments.push_back(enabled ? "enable" : "disable");
-  arguments.push_back("--");
-  arguments.push_back(label);
-  auto output = runner.run(kSystemctl, arguments);
+  return arguments;
+}
+
+}  // namespace
+
+std::optional<std::string> unitState(ProcessRunner& runner, const Locations& locations,
+                                     Domain domain, const std::string& label) {
+  if (!isUnitName(label)) return std::nullopt;
+  auto arguments = domainArguments(locations, domain);
+  if (!arguments) return std::nullopt;
+  arguments->insert(arguments->end(), {"is-enabled", "--", label});
+  // is-enabled exits 1 for a unit that isn't enabled; its word says what it is.
+  auto output = runner.run(kSystemctl, *arguments);
+  if (!output) return std::nullopt;
+  auto found = words(output->standardOutput);
+  if (found.empty()) return std::nullopt;
+  return found.front();
+}
+
+std::optional<bool> isSwitchedOn(const std::string& state) {
+  if (state == "enabled" || state == "enabled-runtime" || state == "linked" ||
+      state == "linked-runtime" || state == "alias") {
+    return true;
+  }
+  if (state == "disabled" || state == "masked" || state == "masked-runtime") return false;
+  return std::nullopt;
+}
+
+bool setEnabled(ProcessRunner& runner, const Locations& locations, Domain domain,
+                const std::string& label, bool enabled) {
+  // A unit's name only: systemctl takes a path as a unit file to link, and an option as one.
+  if (!isUnitName(label)) return false;
+  if (domain != Domain::user && ::geteuid() != 0) return false;
+  auto arguments = domainArguments(locations, domain);
+  if (!arguments) return false;
+  arguments->push_back(enabled ? "enable" : "disable");
+  arguments->push_back("--");
+  arguments->push_back(label);
+  auto output = runner.run(kSystemctl, *arguments);
   return output && output->exitStatus == 0;
 }
 

@@ -5,9 +5,11 @@
 
 #include <atomic>
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <system_error>
 #include <thread>
 
 #include "platform/Text.h"
@@ -18,6 +20,13 @@ namespace platform::xpc {
 namespace {
 
 constexpr std::size_t kMaxLine = 1024 * 1024;
+// The deepest nesting of arrays and objects a message may have. The protocols need three levels
+// (the message, its arguments, a list of paths); the limit is checked on the text before any
+// parsing, so that nothing recursive ever meets a deeper one.
+constexpr int kMaxDepth = 8;
+// Lines read but not yet delivered: past this the reader stops reading until the queue catches
+// up, so a peer that floods the socket fills its own buffers, not this process's memory.
+constexpr std::size_t kMaxBacklog = 64;
 
 std::mutex& pathsMutex() {
   static auto* mutex = new std::mutex;
@@ -47,14 +56,40 @@ bool conformsTo(const nlohmann::json& value, ArgumentType type) {
   return false;
 }
 
+// Whether the arrays and objects of the JSON text `line` nest at most `limit` deep. Brackets
+// inside strings don't count.
+bool nestsAtMost(std::string_view line, int limit) {
+  int depth = 0;
+  bool inString = false;
+  for (std::size_t i = 0; i < line.size(); ++i) {
+    char c = line[i];
+    if (inString) {
+      if (c == '\\') {
+        ++i;
+      } else if (c == '"') {
+        inString = false;
+      }
+    } else if (c == '"') {
+      inString = true;
+    } else if (c == '[' || c == '{') {
+      if (++depth > limit) return false;
+    } else if (c == ']' || c == '}') {
+      --depth;
+    }
+  }
+  return true;
+}
+
 // Strings go out escaped and come in unescaped; nothing else changes. Nothing when a string
-// holds an escape that the other end couldn't have written.
+// holds an escape that the other end couldn't have written, or a NUL byte: no text of these
+// protocols may hold one, and a path cut short at a NUL by the system would name another file.
+// Called only on values whose depth `nestsAtMost` bounded, or that this process built.
 std::optional<nlohmann::json> mapStrings(const nlohmann::json& value, bool escape) {
   if (value.is_string()) {
     const auto& text = value.get_ref<const std::string&>();
     if (escape) return nlohmann::json(escapedText(text));
     auto bytes = unescapedText(text);
-    if (!bytes) return std::nullopt;
+    if (!bytes || bytes->find('\0') != std::string::npos) return std::nullopt;
     return nlohmann::json(std::move(*bytes));
   }
   if (value.is_array()) {
@@ -124,6 +159,12 @@ struct Connection::Shared {
 
   std::mutex writeMutex;  // one line at a time on the socket
 
+  // Lines handed to the queue and not yet delivered; the reader waits while there are too many.
+  std::mutex backlogMutex;
+  std::condition_variable backlogShrank;
+  std::size_t backlog = 0;
+  std::atomic<bool> ended{false};  // set with `invalidated`, readable without `mutex`
+
   explicit Shared(DispatchQueue queue, std::string name)
       : queue(std::move(queue)), serviceName(std::move(name)) {}
 
@@ -135,13 +176,33 @@ struct Connection::Shared {
       std::lock_guard lock(shared->mutex);
       if (shared->invalidated) return;
       shared->invalidated = true;
+      shared->ended = true;
       if (shared->fd >= 0) ::shutdown(shared->fd, SHUT_RDWR);
       handler = std::move(shared->invalidationHandler);
       shared->invalidationHandler = nullptr;
       shared->pending.clear();
       shared->exportedObject.reset();
     }
+    {
+      std::lock_guard lock(shared->backlogMutex);
+      shared->backlogShrank.notify_all();
+    }
     if (handler) shared->queue.async(std::move(handler));
+  }
+
+  // Waits until one more line may be queued; false once the connection has ended.
+  bool admitLine() {
+    std::unique_lock lock(backlogMutex);
+    backlogShrank.wait(lock, [this] { return backlog < kMaxBacklog || ended.load(); });
+    if (ended.load()) return false;
+    ++backlog;
+    return true;
+  }
+
+  void lineDelivered() {
+    std::lock_guard lock(backlogMutex);
+    --backlog;
+    backlogShrank.notify_one();
   }
 
   // The other end went away: the interruption handler, if any, then invalidation.
@@ -176,8 +237,25 @@ struct Connection::Shared {
     return true;
   }
 
+  // Starts the connection's reader thread; a connection whose thread can't be made (the
+  // process is at its limit) ends at once.
   static void startReading(const std::shared_ptr<Shared>& shared, int fd) {
-    std::thread([shared, fd] {
+    try {
+      std::thread([shared, fd] { read(shared, fd); }).detach();
+    } catch (const std::system_error&) {
+      invalidate(shared);
+      shared->queue.async([shared] { closeDescriptor(shared); });
+    }
+  }
+
+  static void closeDescriptor(const std::shared_ptr<Shared>& shared) {
+    std::lock_guard lock(shared->mutex);
+    if (shared->fd >= 0) ::close(shared->fd);
+    shared->fd = -1;
+  }
+
+  static void read(const std::shared_ptr<Shared>& shared, int fd) {
+    {
       std::string buffer;
       char chunk[65536];
       for (;;) {
@@ -186,13 +264,17 @@ struct Connection::Shared {
         if (n <= 0) break;
         buffer.append(chunk, static_cast<std::size_t>(n));
         std::size_t start = 0;
+        bool admitted = true;
         for (std::size_t end; (end = buffer.find('\n', start)) != std::string::npos;
              start = end + 1) {
+          if (!(admitted = shared->admitLine())) break;
           std::string line = buffer.substr(start, end - start);
           shared->queue.async([shared, line = std::move(line)]() mutable {
             Connection::deliver(shared, std::move(line));
+            shared->lineDelivered();
           });
         }
+        if (!admitted) break;
         buffer.erase(0, start);
         if (buffer.size() > kMaxLine) {
           invalidate(shared);
@@ -204,11 +286,9 @@ struct Connection::Shared {
       // invalidation has shut it.
       shared->queue.async([shared] {
         invalidate(shared);
-        std::lock_guard lock(shared->mutex);
-        if (shared->fd >= 0) ::close(shared->fd);
-        shared->fd = -1;
+        closeDescriptor(shared);
       });
-    }).detach();
+    }
   }
 };
 
@@ -367,6 +447,10 @@ void Connection::send(const std::string& selector, nlohmann::json arguments,
 }
 
 std::optional<Message> decodeMessage(std::string_view line, const Interface& exported) {
+  // A NUL would end the parse early and hide what follows it.
+  if (line.find('\0') != std::string_view::npos || !nestsAtMost(line, kMaxDepth)) {
+    return std::nullopt;
+  }
   nlohmann::json json = nlohmann::json::parse(line, nullptr, false);
   if (json.is_discarded() || !json.is_object()) return std::nullopt;
   auto arguments = json.find("arguments");
