@@ -1,6 +1,8 @@
 #include "helper/HelperConnection.h"
 
 #include <grp.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -388,6 +390,21 @@ TEST(HelperInstallTest, AMissingHelperIsInstalledOnlyWhenRequired) {
   setInstallLocations({});
 }
 
+// Pings the helper on `socket` as user `uid`, in a child process: 0 answered, 1 closed
+// unanswered, 4 no connection.
+int pingAs(uid_t uid, const std::string& socket) {
+  pid_t child = ::fork();
+  if (child == 0) {
+    if (::setgroups(0, nullptr) != 0 || ::setgid(uid) != 0 || ::setuid(uid) != 0) ::_exit(3);
+    int fd = connectTo(socket);
+    if (fd < 0) ::_exit(4);
+    ::_exit(exchange(fd, kPing) == "{\"arguments\":[],\"reply\":1}\n" ? 0 : 1);
+  }
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
 // As root, the helper lets in root and the one user it serves; a third user is shut out before
 // a message is read.
 TEST(HelperCredentialsTest, OnlyRootAndTheServedUserAreLetIn) {
@@ -397,28 +414,51 @@ TEST(HelperCredentialsTest, OnlyRootAndTheServedUserAreLetIn) {
   const std::string socket = tmp / "helper.sock";
   testsupport::ChildProcess server(
       {RAVELIN_HELPER_BINARY, "--socket", socket, "--allow-uid", "65534"}, socket);
-  auto pingAs = [&](uid_t uid) {
-    pid_t child = ::fork();
-    if (child == 0) {
-      if (::setgroups(0, nullptr) != 0 || ::setgid(uid) != 0 || ::setuid(uid) != 0) ::_exit(3);
-      int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-      sockaddr_un address{};
-      address.sun_family = AF_UNIX;
-      std::strncpy(address.sun_path, socket.c_str(), sizeof(address.sun_path) - 1);
-      if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) ::_exit(4);
-      const std::string ping = "{\"selector\":\"test:\",\"arguments\":[],\"reply\":1}\n";
-      ::send(fd, ping.data(), ping.size(), MSG_NOSIGNAL);
-      char buffer[128] = {};
-      ssize_t n = ::recv(fd, buffer, sizeof(buffer) - 1, 0);
-      ::_exit(n > 0 && std::strstr(buffer, "\"reply\":1") != nullptr ? 0 : 1);
+  EXPECT_EQ(pingAs(65534, socket), 0);  // the served user
+  EXPECT_EQ(pingAs(0, socket), 0);      // root
+  EXPECT_EQ(pingAs(1234, socket), 1);   // anyone else: closed unanswered
+}
+
+// Two users, two instances on their default sockets: each reaches their own, neither the
+// other's. Run in a mount namespace of its own, with a memory file system on /run.
+TEST(HelperCredentialsTest, EachServedUserReachesTheirOwnHelper) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root to run clients as other users";
+  pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    if (::unshare(CLONE_NEWNS) != 0 ||
+        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount("tmpfs", "/run", "tmpfs", 0, "mode=0755") != 0) {
+      ::_exit(77);
     }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  };
-  EXPECT_EQ(pingAs(65534), 0);  // the served user
-  EXPECT_EQ(pingAs(0), 0);      // root
-  EXPECT_EQ(pingAs(1234), 1);   // anyone else: closed unanswered
+    const uid_t ada = 65534, bob = 65533;
+    testsupport::ChildProcess first({RAVELIN_HELPER_BINARY, "--allow-uid", std::to_string(ada)},
+                                    helperSocketPath(ada));
+    testsupport::ChildProcess second({RAVELIN_HELPER_BINARY, "--allow-uid", std::to_string(bob)},
+                                     helperSocketPath(bob));
+    bool own = pingAs(ada, helperSocketPath(ada)) == 0 && pingAs(bob, helperSocketPath(bob)) == 0;
+    bool other =
+        pingAs(ada, helperSocketPath(bob)) == 0 || pingAs(bob, helperSocketPath(ada)) == 0;
+    // A second instance for the same user leaves the first one's socket alone.
+    pid_t again = ::fork();
+    if (again == 0) {
+      ::execl(RAVELIN_HELPER_BINARY, RAVELIN_HELPER_BINARY, "--allow-uid", "65534", nullptr);
+      ::_exit(127);
+    }
+    int ended = 0;
+    ::waitpid(again, &ended, 0);
+    bool firstStays = WIFEXITED(ended) && WEXITSTATUS(ended) == 1 &&
+                      pingAs(ada, helperSocketPath(ada)) == 0;
+    // _exit runs no destructor: the helpers are ended here, or they would outlive the test.
+    first.kill();
+    second.kill();
+    ::_exit(own ? (other ? 2 : (firstStays ? 0 : 3)) : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "no private mount namespace here";
+  EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
 }  // namespace
