@@ -80,8 +80,11 @@ std::unordered_map<std::string, bool> ItemsStatusManager::parseDisabled(const st
 void ItemsStatusManager::reloadDisabledItems() {
   // Linux has no user-domain argument to pass: the rendering covers the user's units, the
   // units of every user and the system's, each from its own source.
-  disabledItems =
-      parseDisabled(platform::launchd::printDisabled(*runner_, platform::currentLocations()));
+  using platform::launchd::Domain;
+  for (Domain domain : {Domain::user, Domain::global, Domain::system}) {
+    disabledItems[static_cast<std::size_t>(domain)] = parseDisabled(
+        platform::launchd::printDisabled(*runner_, platform::currentLocations(), domain));
+  }
 }
 
 namespace {
@@ -112,16 +115,19 @@ bool ItemsStatusManager::change(bool enabled, const std::string& label,
                                 platform::launchd::Domain domain) {
   using platform::launchd::Domain;
   const auto& locations = platform::currentLocations();
-  bool done;
   if (domain != Domain::user && ::geteuid() != 0 && locations.root.empty()) {
-    // A unit of the system needs root: the helper has it. Below a root there is no helper to
-    // ask, as it serves this system only.
-    done = changeThroughHelper(enabled, label, domain == Domain::global);
-  } else {
-    done = platform::launchd::setEnabled(*runner_, locations, domain, label, enabled);
+    // A unit of the system needs root: the helper has it, and answers with the state it read
+    // back. Below a root there is no helper to ask, as it serves this system only.
+    bool done = changeThroughHelper(enabled, label, domain == Domain::global);
+    reloadDisabledItems();
+    return done;
   }
+  bool done = platform::launchd::setEnabled(*runner_, locations, domain, label, enabled);
   reloadDisabledItems();
-  return done;
+  // What the service manager says now decides, not what the tool answered.
+  const auto& table = disabledItemsIn(domain);
+  auto found = table.find(label);
+  return done && found != table.end() && found->second != enabled;
 }
 
 }  // namespace launch

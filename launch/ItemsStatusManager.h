@@ -1,12 +1,14 @@
 #pragma once
 
 // The enabled state of the launch items that a service manager runs, kept in memory: one table
-// from label to the manager's "disabled" flag, read at first use and again after each change
-// made here. A label missing from the table counts as not enabled.
+// per domain (the user's, every user's, the system's) from label to the manager's "disabled"
+// flag, read at first use and again after each change made here. A unit of the same name in two
+// domains has a state in each. A label missing from its domain's table counts as not enabled.
 //
 // Queries read the table and start no process; a reload or a change runs the service manager's
 // tool and blocks for it. Used from one thread at a time (the host's main thread).
 
+#include <array>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -28,8 +30,8 @@ class ItemsStatusManager {
 
   // Runs the tool that switches `label` of `domain` on or off, then reloads. A global or system
   // unit needs root: as another user the privileged helper switches it, if one is installed.
-  // False when it wasn't done. Called on the main thread, which it drains while the helper
-  // answers.
+  // True only when the table read back after the change says what was asked. Called on the main
+  // thread, which it drains while the helper answers.
   bool change(bool enabled, const std::string& label, platform::launchd::Domain domain);
 
   // Where the table comes from; a host or a test may give another runner, then reload.
@@ -44,7 +46,14 @@ class ItemsStatusManager {
   // The standard output of `path` run with `arguments`, as text; "" when it can't be run.
   std::string runCommand(const std::string& path, const std::vector<std::string>& arguments);
 
-  std::unordered_map<std::string, bool> disabledItems;
+  // The table of `domain`.
+  const std::unordered_map<std::string, bool>& disabledItemsIn(
+      platform::launchd::Domain domain) const {
+    return disabledItems[static_cast<std::size_t>(domain)];
+  }
+
+  // Indexed by `platform::launchd::Domain`.
+  std::array<std::unordered_map<std::string, bool>, 3> disabledItems;
 
  private:
   std::shared_ptr<platform::ProcessRunner> runner_;

@@ -224,7 +224,7 @@ bool LaunchItem::isAutoStartEnabled() const {
            platform::login_items::isInLoginItems(platform::currentLocations(), info.appBundle->url);
   }
   if (!service->label) return false;
-  const auto& table = ItemsStatusManager::shared().disabledItems;
+  const auto& table = ItemsStatusManager::shared().disabledItemsIn(service->domain);
   auto found = table.find(*service->label);
   return found != table.end() && !found->second;
 }
@@ -240,10 +240,10 @@ bool LaunchItem::setAutoStartEnabled(bool enabled) {
   }
   auto& manager = ItemsStatusManager::shared();
   if (service->label) {
-    auto found = manager.disabledItems.find(*service->label);
-    if (found != manager.disabledItems.end() && found->second != enabled)
-      return false;                                                      // so already
-    if (found == manager.disabledItems.end() && !enabled) return false;  // counts as off already
+    const auto& table = manager.disabledItemsIn(service->domain);
+    auto found = table.find(*service->label);
+    if (found != table.end() && found->second != enabled) return false;  // so already
+    if (found == table.end() && !enabled) return false;                  // counts as off already
   } else if (!enabled) {
     return false;
   }

@@ -155,7 +155,12 @@ TEST_F(LaunchItemTest, TheTableDecidesAndAChangeRunsOnlyWhenItChangesSomething) 
   EXPECT_FALSE(off.setAutoStartEnabled(false));      // disabled already
   EXPECT_FALSE(unknown.setAutoStartEnabled(false));  // counts as off already
   EXPECT_EQ(runner_->calls().size(), before);
+  // A change counts only when the table read back after it says so.
+  EXPECT_FALSE(unknown.setAutoStartEnabled(true));
+  runner_->answer("/usr/bin/systemctl",
+                  platform::ProcessOutput{"on.service enabled\nunknown.service enabled\n", 0});
   EXPECT_TRUE(unknown.setAutoStartEnabled(true));
+  runner_->answer("/usr/bin/systemctl", platform::ProcessOutput{"on.service disabled\n", 0});
   EXPECT_TRUE(on.setAutoStartEnabled(false));
   auto calls = runner_->calls();
   std::vector<std::vector<std::string>> changes;
@@ -167,7 +172,30 @@ TEST_F(LaunchItemTest, TheTableDecidesAndAChangeRunsOnlyWhenItChangesSomething) 
   }
   EXPECT_EQ(changes,
             (std::vector<std::vector<std::string>>{{"--user", "enable", "--", "unknown.service"},
+                                                   {"--user", "enable", "--", "unknown.service"},
                                                    {"--user", "disable", "--", "on.service"}}));
+}
+
+// A unit of the same name in two domains reads its own state in each.
+TEST_F(LaunchItemTest, EachDomainHasItsOwnTable) {
+  struct ByDomain final : platform::ProcessRunner {
+    std::optional<platform::ProcessOutput> run(const std::string&,
+                                               const std::vector<std::string>& arguments) override {
+      auto has = [&](const char* word) {
+        return std::find(arguments.begin(), arguments.end(), word) != arguments.end();
+      };
+      const char* state = has("--user") ? "disabled" : has("--global") ? "masked" : "enabled";
+      return platform::ProcessOutput{std::string("backup.service ") + state + "\n", 0};
+    }
+  };
+  ItemsStatusManager::shared().setProcessRunner(std::make_shared<ByDomain>());
+  ItemsStatusManager::shared().reloadDisabledItems();
+  EXPECT_TRUE(
+      LaunchItem(tmp_ / "etc/systemd/system/backup.service", GlobalDaemon{}).isAutoStartEnabled());
+  EXPECT_FALSE(
+      LaunchItem(tmp_ / "etc/systemd/user/backup.service", GlobalAgent{}).isAutoStartEnabled());
+  EXPECT_FALSE(LaunchItem(tmp_ / "home/.config/systemd/user/backup.service", UserAgent{})
+                   .isAutoStartEnabled());
 }
 
 TEST_F(LaunchItemTest, AListedApplicationIsSwitchedThroughTheList) {

@@ -29,6 +29,8 @@ std::string renderDisabled(const std::string& listUnitFiles);
 // answers. The user's own units below a root are read from their folder's .wants links, since
 // systemctl has no such mode.
 std::string printDisabled(ProcessRunner& runner, const Locations& locations);
+// The same for one domain alone: a unit of the same name in another domain has its own table.
+std::string printDisabled(ProcessRunner& runner, const Locations& locations, Domain domain);
 
 // Enables or disables the unit `label` of `domain` with systemctl. A global or system unit needs
 // root: as another user nothing is run and the answer is false. False too where it can't be done

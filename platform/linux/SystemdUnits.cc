@@ -87,21 +87,38 @@ std::string renderDisabled(const std::string& listUnitFiles) {
   return out;
 }
 
-std::string printDisabled(ProcessRunner& runner, const Locations& locations) {
-  std::string system, global, user;
-  if (!locations.root.empty()) {
-    system = listUnitFiles(runner, {"--root=" + locations.root});
-    global = listUnitFiles(runner, {"--global", "--root=" + locations.root});
-    user = userUnitsBelowRoot(locations);
-  } else {
-    system = listUnitFiles(runner, {});
-    if (system.empty() && !managerRuns()) system = listUnitFiles(runner, {"--root=/"});
-    global = listUnitFiles(runner, {"--global"});
-    user = listUnitFiles(runner, {"--user"});
+std::string printDisabled(ProcessRunner& runner, const Locations& locations, Domain domain) {
+  std::string listing;
+  switch (domain) {
+    case Domain::system:
+      if (!locations.root.empty()) {
+        listing = listUnitFiles(runner, {"--root=" + locations.root});
+      } else {
+        listing = listUnitFiles(runner, {});
+        if (listing.empty() && !managerRuns()) listing = listUnitFiles(runner, {"--root=/"});
+      }
+      break;
+    case Domain::global:
+      listing = locations.root.empty()
+                    ? listUnitFiles(runner, {"--global"})
+                    : listUnitFiles(runner, {"--global", "--root=" + locations.root});
+      break;
+    case Domain::user:
+      listing = locations.root.empty() ? listUnitFiles(runner, {"--user"})
+                                       : userUnitsBelowRoot(locations);
+      break;
   }
+  return "disabled services = {\n" + renderDisabled(listing) + "}\n";
+}
+
+std::string printDisabled(ProcessRunner& runner, const Locations& locations) {
+  std::string all = "disabled services = {\n";
   // The user's own units last: where a name is in two domains, the user's state counts.
-  return "disabled services = {\n" + renderDisabled(system) + renderDisabled(global) +
-         renderDisabled(user) + "}\n";
+  for (Domain domain : {Domain::system, Domain::global, Domain::user}) {
+    std::string table = printDisabled(runner, locations, domain);
+    all += table.substr(table.find('\n') + 1, table.rfind('}') - table.find('\n') - 1);
+  }
+  return all + "}\n";
 }
 
 bool isUnitName(const std::string& label) {
