@@ -1,10 +1,10 @@
 #include "helper/HelperConnection.h"
 
 #include <grp.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -437,8 +437,7 @@ TEST(HelperCredentialsTest, EachServedUserReachesTheirOwnHelper) {
     testsupport::ChildProcess second({RAVELIN_HELPER_BINARY, "--allow-uid", std::to_string(bob)},
                                      helperSocketPath(bob));
     bool own = pingAs(ada, helperSocketPath(ada)) == 0 && pingAs(bob, helperSocketPath(bob)) == 0;
-    bool other =
-        pingAs(ada, helperSocketPath(bob)) == 0 || pingAs(bob, helperSocketPath(ada)) == 0;
+    bool other = pingAs(ada, helperSocketPath(bob)) == 0 || pingAs(bob, helperSocketPath(ada)) == 0;
     // A second instance for the same user leaves the first one's socket alone.
     pid_t again = ::fork();
     if (again == 0) {
@@ -447,8 +446,8 @@ TEST(HelperCredentialsTest, EachServedUserReachesTheirOwnHelper) {
     }
     int ended = 0;
     ::waitpid(again, &ended, 0);
-    bool firstStays = WIFEXITED(ended) && WEXITSTATUS(ended) == 1 &&
-                      pingAs(ada, helperSocketPath(ada)) == 0;
+    bool firstStays =
+        WIFEXITED(ended) && WEXITSTATUS(ended) == 1 && pingAs(ada, helperSocketPath(ada)) == 0;
     // _exit runs no destructor: the helpers are ended here, or they would outlive the test.
     first.kill();
     second.kill();

@@ -111,65 +111,57 @@ void HelperService::stopDeleting() {
   changed_.notify_all();
 }
 
-void HelperService::getDirectorySizeAt(std::string path, std::function<void(std::int64_t)> reply) {
+void HelperService::runAlone(bool HelperService::*busy, std::function<std::int64_t()> work,
+                             std::function<void(std::int64_t)> answer, std::int64_t refused) {
   {
     std::lock_guard lock(mutex_);
-    if (measuring_) return reply(0);
-    measuring_ = true;
+    if (this->*busy) return answer(refused);
+    this->*busy = true;
   }
+  auto release = [this, busy] {
+    std::lock_guard lock(mutex_);
+    this->*busy = false;
+  };
+  // The job is free again before the answer goes: a client may ask again as soon as it has it.
+  if (!startThread([self = shared_from_this(), release, work = std::move(work), answer] {
+        std::int64_t result = work();
+        release();
+        answer(result);
+      })) {
+    release();
+    answer(refused);
+  }
+}
+
+void HelperService::getDirectorySizeAt(std::string path, std::function<void(std::int64_t)> reply) {
   stopSize_.store(false);
-  auto measure = [self = shared_from_this(), path = std::move(path), reply] {
+  auto measure = [this, path = std::move(path)]() -> std::int64_t {
     // Measuring only reads, but a path of odd shape gets no answer but 0.
     bool wellFormed =
         !path.empty() && path.front() == '/' && path.find('\0') == std::string::npos &&
         path.find("/./") == std::string::npos && path.find("/../") == std::string::npos &&
         !path.ends_with("/.") && !path.ends_with("/..");
-    std::int64_t size = wellFormed ? monitor::GetDirectorySize(path.c_str(), &self->stopSize_) : 0;
-    {
-      std::lock_guard lock(self->mutex_);
-      self->measuring_ = false;
-    }
-    reply(size);
+    return wellFormed ? monitor::GetDirectorySize(path.c_str(), &stopSize_) : 0;
   };
-  if (!startThread(std::move(measure))) {
-    {
-      std::lock_guard lock(mutex_);
-      measuring_ = false;
-    }
-    reply(0);
-  }
+  runAlone(&HelperService::measuring_, std::move(measure), std::move(reply), 0);
 }
 
 void HelperService::stopGettingSize() { stopSize_.store(true); }
 
 void HelperService::setUnitEnabled(std::string label, bool global, bool enabled,
                                    std::function<void(bool)> reply) {
-  {
-    std::lock_guard lock(mutex_);
-    if (switching_) return reply(false);
-    switching_ = true;
-  }
-  auto work = [self = shared_from_this(), label = std::move(label), global, enabled, reply] {
-    platform::Locations locations = platform::Locations::fromEnvironment(self->settings_.unitsRoot);
+  auto work = [this, label = std::move(label), global, enabled]() -> std::int64_t {
+    platform::Locations locations = platform::Locations::fromEnvironment(settings_.unitsRoot);
     auto runner = platform::makeProcessRunner();
-    DisabledUnitsRecord record(self->settings_.stateFolder);
-    bool done =
-        switchUnit(*runner, locations, record,
-                   global ? platform::launchd::Domain::global : platform::launchd::Domain::system,
-                   label, enabled);
-    {
-      std::lock_guard lock(self->mutex_);
-      self->switching_ = false;
-    }
-    reply(done);
+    DisabledUnitsRecord record(settings_.stateFolder);
+    return switchUnit(
+        *runner, locations, record,
+        global ? platform::launchd::Domain::global : platform::launchd::Domain::system, label,
+        enabled);
   };
-  if (!startThread(std::move(work))) {
-    {
-      std::lock_guard lock(mutex_);
-      switching_ = false;
-    }
-    reply(false);
-  }
+  runAlone(
+      &HelperService::switching_, std::move(work),
+      [reply = std::move(reply)](std::int64_t done) { reply(done != 0); }, 0);
 }
 
 void HelperService::shutDown() {

@@ -12,6 +12,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 
@@ -67,6 +68,11 @@ class HelperService final : public RVHelperProtocol,
   static constexpr std::size_t kMaxWaitingBatches = 4;
 
   void runBatches();
+  // Runs `work` on a thread of its own while `busy` marks it, then gives its result to `answer`;
+  // answers `refused` at once when such a job already runs or no thread can be had. The thread
+  // keeps this object alive.
+  void runAlone(bool HelperService::*busy, std::function<std::int64_t()> work,
+                std::function<void(std::int64_t)> answer, std::int64_t refused);
   bool mayGoOn(std::uint64_t batch);
 
   std::shared_ptr<RVHelperDelegate> client_;
