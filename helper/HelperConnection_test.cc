@@ -1,5 +1,6 @@
 #include "helper/HelperConnection.h"
 
+#include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -458,6 +459,122 @@ TEST(HelperCredentialsTest, EachServedUserReachesTheirOwnHelper) {
   ASSERT_TRUE(WIFEXITED(status));
   if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "no private mount namespace here";
   EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+// The shipped unit under a real service manager: systemd booted in a container over this
+// machine's /usr (`systemd-nspawn --volatile=yes`, so nothing of the machine is written), with
+// the built tool, the unit and a unit folder of the test's. Through the sandbox the helper
+// deletes in /var/tmp, refuses the system's files, and switches a unit with systemctl.
+TEST(HelperUnderSystemdTest, TheShippedUnitServesInItsSandbox) {
+#ifdef RAVELIN_HELPER_SANITIZED
+  GTEST_SKIP() << "the sandbox is checked with the optimised build";
+#endif
+  if (::geteuid() != 0 || !std::filesystem::exists("/usr/bin/systemd-nspawn")) {
+    GTEST_SKIP() << "needs root and systemd-nspawn";
+  }
+  TempDir tmp;
+  const std::string name = kServiceName;
+  tmp.write("vartmp/tree/sub/file", "goes");
+  tmp.write("vartmp/keep", "stays");
+  tmp.mkdir("run");
+  tmp.mkdir("tool");
+  tmp.mkdir("units");
+  std::filesystem::copy_file(RAVELIN_HELPER_BINARY, tmp / ("tool/" + name));
+  std::filesystem::copy_file(RAVELIN_HELPER_UNIT, tmp / ("units/" + name + "@.service"));
+  // The tool lies elsewhere than where it is installed, which is below the machine's /usr.
+  tmp.write("units/" + name + "@.service.d/test.conf",
+            "[Service]\nReadOnlyPaths=\nReadOnlyPaths=/opt/ravelin\nExecStart=\n"
+            "ExecStart=/opt/ravelin/" +
+                name + " --allow-uid %i\n");
+  tmp.write("units/probe.service",
+            "[Service]\nExecStart=/bin/true\n[Install]\nWantedBy=multi-user.target\n");
+  const std::string console = tmp / "console";
+  std::vector<std::string> argv = {"/usr/bin/systemd-nspawn",
+                                   "--directory=/",
+                                   "--volatile=yes",
+                                   "--boot",
+                                   "--register=no",
+                                   "--keep-unit",
+                                   "--machine=ravelin-helper-check",
+                                   "--console=pipe",
+                                   "--bind-ro=" + tmp / "tool" + ":/opt/ravelin",
+                                   "--bind=" + tmp / "units" + ":/etc/systemd/system",
+                                   "--bind=" + tmp / "run" + ":/run/ravelin",
+                                   "--bind=" + tmp / "vartmp" + ":/var/tmp",
+                                   "--",
+                                   "systemd.unit=multi-user.target",
+                                   "systemd.firstboot=off",
+                                   "systemd.wants=" + name + "@1000.service"};
+  pid_t container = ::fork();
+  ASSERT_GE(container, 0);
+  if (container == 0) {
+    int out = ::open(console.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    int in = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ::dup2(in, 0);
+    ::dup2(out, 1);
+    ::dup2(out, 2);
+    std::vector<char*> pointers;
+    for (auto& argument : argv) pointers.push_back(argument.data());
+    pointers.push_back(nullptr);
+    ::execv(pointers[0], pointers.data());
+    ::_exit(127);
+  }
+  struct Stop {
+    pid_t pid;
+    ~Stop() {
+      if (pid <= 0) return;
+      // SIGTERM shuts the container down in order; a container that doesn't end is killed.
+      ::kill(pid, SIGTERM);
+      for (int i = 0; i < 600; ++i) {
+        if (::waitpid(pid, nullptr, WNOHANG) == pid) return;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      }
+      ::kill(pid, SIGKILL);
+      ::waitpid(pid, nullptr, 0);
+    }
+  } stop{container};
+  // Booting takes seconds; the socket appears once the instance runs.
+  const std::string socket = tmp / "run/helper-1000.sock";
+  bool ended = false;
+  for (int i = 0; i < 1800 && !std::filesystem::exists(socket) && !ended; ++i) {
+    int status;
+    ended = ::waitpid(container, &status, WNOHANG) == container;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  if (ended) {
+    stop.pid = -1;
+    GTEST_SKIP() << "systemd-nspawn can't boot a container here";
+  }
+  ASSERT_TRUE(std::filesystem::exists(socket)) << platform::readSmallFile(console).value_or("");
+
+  setHelperSocket(socket);
+  auto delegate = std::make_shared<RecordingDelegate>();
+  auto connection = HelperConnection::create();
+  connection->delegate = delegate;
+  ASSERT_TRUE(connection->connect(false));
+  connection->helper->deleteAtPaths({"/var/tmp/tree", "/etc/shadow", "/usr/lib/os-release"});
+  ASSERT_TRUE(waitFor([&] { return delegate->completed.load() == 1; }));
+  std::atomic<int> switched{-1}, shell{-1};
+  connection->helper->setUnitEnabled("probe.service", false, true,
+                                     [&](bool done) { switched = done; });
+  ASSERT_TRUE(waitFor([&] { return switched.load() >= 0; }));
+  connection->helper->setUnitEnabled("debug-shell.service", false, true,
+                                     [&](bool done) { shell = done; });
+  ASSERT_TRUE(waitFor([&] { return shell.load() >= 0; }));
+  connection->close();
+  setHelperSocket("");
+  {
+    std::lock_guard lock(delegate->mutex);
+    EXPECT_EQ(
+        delegate->results,
+        (std::vector<std::pair<std::string, bool>>{
+            {"/var/tmp/tree", true}, {"/etc/shadow", false}, {"/usr/lib/os-release", false}}));
+  }
+  EXPECT_FALSE(std::filesystem::exists(tmp / "vartmp/tree"));
+  EXPECT_TRUE(std::filesystem::exists(tmp / "vartmp/keep"));
+  EXPECT_EQ(switched.load(), 1);
+  EXPECT_TRUE(std::filesystem::is_symlink(tmp / "units/multi-user.target.wants/probe.service"));
+  EXPECT_EQ(shell.load(), 0);
 }
 
 }  // namespace
