@@ -10,6 +10,7 @@
 #include <deque>
 #include <mutex>
 #include <queue>
+#include <system_error>
 #include <thread>
 #include <unordered_map>
 #include <vector>
@@ -116,7 +117,15 @@ class WorkerPool {
     if (jobs_.size() > idle_ && threads_ < kMaxThreads) {
       ++threads_;
       lock.unlock();
-      std::thread([this] { workerLoop(); }).detach();
+      try {
+        std::thread([this] { workerLoop(); }).detach();
+      } catch (const std::system_error&) {
+        // The process can't have another thread now: the job waits for a worker that has one.
+        lock.lock();
+        --threads_;
+        lock.unlock();
+        wake_.notify_one();
+      }
     } else {
       lock.unlock();
       wake_.notify_one();
