@@ -74,6 +74,7 @@ JunkFileFinder::JunkFileFinder(Token, std::shared_ptr<const RuleManager> rules,
                            : QueryFactory([] { return platform::makeMetadataQuery(); })) {}
 
 void JunkFileFinder::start() {
+  stopped_ = false;
   std::weak_ptr<JunkFileFinder> weak = weak_from_this();
   auto started = std::make_shared<bool>(false);  // touched on the scan's serial queue only
   auto setup = startScan(
@@ -105,6 +106,7 @@ void JunkFileFinder::start() {
 }
 
 void JunkFileFinder::stop() {
+  stopped_ = true;
   if (interrupter_) {
     interrupter_->interrupt();
     interrupter_.reset();
@@ -231,6 +233,10 @@ void JunkFileFinder::diskImages() {
 void JunkFileFinder::finishDiskImages(std::vector<File> found) {
   if (auto live = delegate.lock()) live->junkFileFinderFoundDiskImages(found);
   if (progress_) progress_->partTotal = 100;
+  if (stopped_) {
+    appJunkFinderDidFinish();
+    return;
+  }
   appFileFinder->start();
 }
 

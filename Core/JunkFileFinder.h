@@ -92,6 +92,9 @@ class JunkFileFinder : public AppJunkFinderDelegate,
 
   QueryFactory makeQuery_;
   std::shared_ptr<FileFinderContext> interrupter_;
+  // A stop came: the application stage isn't started any more (a stage started and interrupted
+  // at once could still report what it found first).
+  bool stopped_ = false;
   std::shared_ptr<Progress> progress_;
   std::unique_ptr<platform::MetadataQuery> query_;
 };
