@@ -1,15 +1,10 @@
 #include "deletion/RVFileDeleter.h"
 
-#include <fcntl.h>
-#include <fts.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <chrono>
-#include <cstdint>
+#include <filesystem>
 
-#include "platform/Files.h"
+#include "platform/TreeDeletion.h"
 
 namespace {
 
@@ -58,68 +53,39 @@ void RVFileDeleter::deleteFiles() {
 }
 
 RVFileDeleter::Result RVFileDeleter::deleteAt(const std::string& path) {
-  // The system would read the path only up to a NUL, and so delete something else.
-  if (path.find('\0') != std::string::npos) {
-    errno = EINVAL;
+  updateCurrentPath(path.c_str());
+  std::string absolute = path;
+  if (!path.empty() && path.front() != '/') {
+    std::error_code error;
+    absolute = (std::filesystem::current_path(error) / path).string();
+  }
+  platform::TreeDeletionOptions options;
+  // The first failure ends a folder: what went stays gone, the rest stays.
+  options.stopAtFirstFailure = true;
+  options.goOn = [this] { return _state.load() == running; };
+  options.current = [this](const std::string& folder, std::string_view name) {
+    if (!currentPathDue()) return;
+    std::string current = folder.empty() ? std::string(name) : folder + "/" + std::string(name);
+    if (auto d = delegate.lock()) d->fileDeleterCurrent(current);
+  };
+  platform::TreeDeletion outcome = platform::deleteTree(absolute, options);
+  if (outcome.interrupted) return interrupted;
+  if (outcome.error != 0) {
+    errno = outcome.error;
     return failed;
   }
-  updateCurrentPath(path.c_str());
-  struct stat status;
-  if (::lstat(path.c_str(), &status) != 0) return errno == ENOENT ? deleted : failed;
-  if (S_ISDIR(status.st_mode)) return deleteDirectoryAt(path.c_str());
-  return ::unlink(path.c_str()) == 0 ? deleted : failed;
+  return deleted;
 }
 
-RVFileDeleter::Result RVFileDeleter::deleteDirectoryAt(const char* path) {
-  char* const roots[] = {const_cast<char*>(path), nullptr};
-  FTS* tree = ::fts_open(roots, FTS_NOCHDIR | FTS_NOSTAT | FTS_PHYSICAL, nullptr);
-  if (tree == nullptr) return failed;
-  // The errno of a failure inside is what the caller reports; closing must not overwrite it.
-  auto close = [tree](Result result) {
-    int saved = errno;
-    ::fts_close(tree);
-    errno = saved;
-    return result;
-  };
-  const std::uint64_t mount = platform::mountIdentifier(AT_FDCWD, path);
-  while (FTSENT* entry = ::fts_read(tree)) {
-    if (_state.load() != running) return close(interrupted);
-    switch (entry->fts_info) {
-      case FTS_D:
-        // Another file system mounted inside (a bind mount too) is not entered: the folder
-        // can't be deleted whole, and nothing below the mount is touched.
-        if (entry->fts_level > 0 &&
-            platform::mountIdentifier(AT_FDCWD, entry->fts_accpath) != mount) {
-          errno = EXDEV;
-          return close(failed);
-        }
-        break;
-      case FTS_DNR:
-      case FTS_ERR:
-        errno = entry->fts_errno;
-        return close(failed);
-      case FTS_DP:
-        updateCurrentPath(entry->fts_path);
-        if (::rmdir(entry->fts_accpath) != 0) return close(failed);
-        break;
-      case FTS_NSOK:
-        updateCurrentPath(entry->fts_path);
-        if (::unlink(entry->fts_accpath) != 0) return close(failed);
-        break;
-      default:
-        break;
-    }
-  }
-  // fts_read gives nothing at the end (errno 0) or on an error of its own.
-  int ended = errno;
-  if (ended != 0) return close(failed);
-  return close(deleted);
+bool RVFileDeleter::currentPathDue() {
+  double now = monotonicSeconds();
+  if (now - _time <= 0.03) return false;
+  _time = now;
+  return true;
 }
 
 void RVFileDeleter::updateCurrentPath(const char* path) {
-  double now = monotonicSeconds();
-  if (now - _time <= 0.03) return;
-  _time = now;
+  if (!currentPathDue()) return;
   if (auto d = delegate.lock()) d->fileDeleterCurrent(path);
 }
 

@@ -4,8 +4,10 @@
 // its own, and tells a delegate what became of each. It can be paused, resumed and stopped from
 // any thread; it doesn't decide what to do with failures (the `Deleter` does).
 //
-// The list is worked from its end. Links are removed, never followed: a link to a folder is no
-// folder here, and a folder's walk is physical.
+// The list is worked from its end. Each path goes as `platform::deleteTree` deletes: from open
+// descriptors, never following a link inside the tree (a link to a folder is no folder here,
+// and a folder swapped for a link midway goes as the link), at any depth, never into another
+// mount, and never a mount point itself.
 
 #include <atomic>
 #include <memory>
@@ -49,8 +51,9 @@ class RVFileDeleter : public std::enable_shared_from_this<RVFileDeleter> {
  private:
   void deleteFiles();
   Result deleteAt(const std::string& path);
-  Result deleteDirectoryAt(const char* path);
   void updateCurrentPath(const char* path);
+  // True, and the clock taken, when the last current path was told more than 0.03 s ago.
+  bool currentPathDue();
   void completedStep();
 
   std::vector<std::string> _paths;  // the last one is next

@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -33,6 +34,18 @@ class WalkVisitor {
 
   // `path` couldn't be opened, listed or examined; the walk goes on.
   virtual void error(const std::string& path, int code) {}
+
+  // As `entry`, with the descriptor of the folder that holds the entry (the root's parent for
+  // the root), for visitors that act on entries; by default `entry`.
+  virtual void entryAt(int folder, const std::string& folderPath, std::string_view name,
+                       const struct stat& status) {
+    entry(folderPath, name, status);
+  }
+
+  // A folder whose entries have all been visited (the root too, last), with the descriptor of
+  // the folder that holds it and that folder's path; called after the folder was closed, and not
+  // for a walk that was stopped.
+  virtual void leftFolder(int parent, const std::string& parentPath, std::string_view name) {}
 };
 
 // What a walk cost, for tests and benchmarks.
@@ -55,6 +68,13 @@ struct WalkOptions {
   // want regular files' sizes keep it true; walks that want names only may set it false, and
   // then `status` carries only the file type bits for entries the directory listing typed.
   bool statEntries = true;
+  // Asked between entries, when given: false ends the walk as `stop` does. It may block (while
+  // the work is paused).
+  std::function<bool()> goOn;
+  // Folders on another file system, or another mount of the same one (a bind mount), than the
+  // root's are not entered, and each is reported as an error EXDEV. Mounts are told apart by
+  // the kernel's mount id where it gives one, else by device.
+  bool stayOnMount = false;
   // Filled in when given.
   WalkStatistics* statistics = nullptr;
 };
@@ -62,5 +82,11 @@ struct WalkOptions {
 // Walks `root`. Gives false when the root itself can't be examined (the error is also reported
 // to the visitor).
 bool walkTree(const std::string& root, WalkVisitor& visitor, const WalkOptions& options = {});
+
+// Walks the entry `name` of the open folder `parent` (which the caller keeps open for the whole
+// walk) as `walkTree` walks a root; `path` is its path for the visitor. Nothing of the path above
+// `parent` is looked up again, so folders swapped for links there can't redirect the walk.
+bool walkTreeAt(int parent, const std::string& name, const std::string& path, WalkVisitor& visitor,
+                const WalkOptions& options = {});
 
 }  // namespace platform

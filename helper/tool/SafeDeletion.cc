@@ -14,12 +14,11 @@
 #include "platform/Files.h"
 #include "platform/Locations.h"
 #include "platform/SystemRoots.h"
+#include "platform/TreeDeletion.h"
 
 namespace helper {
 
 namespace {
-
-constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 std::vector<std::string> componentsOf(const std::string& path) {
   std::vector<std::string> parts;
@@ -31,91 +30,6 @@ std::vector<std::string> componentsOf(const std::string& path) {
     start = end + 1;
   }
   return parts;
-}
-
-// Empties and removes the folder `name` below the open folder `parent`, depth first, one open
-// descriptor per level. Entries on another device than `device` are left (and so is the folder
-// holding them). False when anything stays.
-bool removeFolder(int parent, const std::string& name, dev_t device, const Gate& gate) {
-  const std::uint64_t mount = platform::mountIdentifier(parent, name.c_str());
-  struct Level {
-    int fd;
-    DIR* dir;
-    std::string name;  // below the level above
-    bool complete = true;
-  };
-  int top = ::openat(parent, name.c_str(), kFolderFlags);
-  if (top < 0) return false;
-  struct stat status;
-  if (::fstat(top, &status) != 0 || status.st_dev != device) {
-    ::close(top);
-    return false;
-  }
-  DIR* topDir = ::fdopendir(top);
-  if (topDir == nullptr) {
-    ::close(top);
-    return false;
-  }
-  std::vector<Level> stack{{top, topDir, name}};
-  bool stopped = false;
-  while (!stack.empty()) {
-    Level& level = stack.back();
-    if (!stopped && !gate()) stopped = true;
-    errno = 0;
-    struct dirent* entry = stopped ? nullptr : ::readdir(level.dir);
-    if (entry == nullptr) {
-      if (errno != 0) level.complete = false;
-      // The level is done: close it and remove it from its parent.
-      bool complete = level.complete && !stopped;
-      std::string levelName = level.name;
-      ::closedir(level.dir);
-      stack.pop_back();
-      int above = stack.empty() ? parent : stack.back().fd;
-      if (!complete || ::unlinkat(above, levelName.c_str(), AT_REMOVEDIR) != 0) {
-        if (!stack.empty()) stack.back().complete = false;
-        if (stack.empty()) return false;
-      }
-      continue;
-    }
-    const char* child = entry->d_name;
-    if (std::strcmp(child, ".") == 0 || std::strcmp(child, "..") == 0) continue;
-    struct stat childStatus;
-    if (::fstatat(level.fd, child, &childStatus, AT_SYMLINK_NOFOLLOW) != 0) {
-      if (errno != ENOENT) level.complete = false;
-      continue;
-    }
-    if (!S_ISDIR(childStatus.st_mode)) {
-      // Files, links (never followed), pipes, devices: the name goes.
-      if (::unlinkat(level.fd, child, 0) != 0 && errno != ENOENT) level.complete = false;
-      continue;
-    }
-    if (childStatus.st_dev != device || platform::mountIdentifier(level.fd, child) != mount) {
-      level.complete = false;  // a mount point: another file system is not entered
-      continue;
-    }
-    int fd = ::openat(level.fd, child, kFolderFlags);
-    if (fd < 0) {
-      // Swapped for a link (ELOOP, ENOTDIR) since it was examined: remove the name itself.
-      if ((errno == ELOOP || errno == ENOTDIR) && ::unlinkat(level.fd, child, 0) == 0) continue;
-      level.complete = false;
-      continue;
-    }
-    struct stat opened;
-    if (::fstat(fd, &opened) != 0 || opened.st_dev != device ||
-        opened.st_ino != childStatus.st_ino) {
-      ::close(fd);
-      level.complete = false;
-      continue;
-    }
-    DIR* dir = ::fdopendir(fd);
-    if (dir == nullptr) {
-      ::close(fd);
-      level.complete = false;
-      continue;
-    }
-    stack.push_back({fd, dir, child});
-  }
-  return !stopped;
 }
 
 }  // namespace
@@ -208,28 +122,11 @@ std::optional<std::string> refusal(const std::string& path, const CleanupPlaces&
 }
 
 bool deleteTree(const std::string& path, const Gate& gate) {
-  std::vector<std::string> parts = componentsOf(path);
-  if (parts.empty()) return false;
-  // The folder that holds the path, reached without following any link.
-  int parent = ::open("/", kFolderFlags);
-  for (std::size_t i = 0; parent >= 0 && i + 1 < parts.size(); ++i) {
-    int next = ::openat(parent, parts[i].c_str(), kFolderFlags);
-    ::close(parent);
-    parent = next;
-  }
-  if (parent < 0) return false;
-  const std::string& name = parts.back();
-  struct stat status;
-  bool gone;
-  if (::fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-    gone = errno == ENOENT;  // nothing left to delete
-  } else if (S_ISDIR(status.st_mode)) {
-    gone = removeFolder(parent, name, status.st_dev, gate);
-  } else {
-    gone = ::unlinkat(parent, name.c_str(), 0) == 0 || errno == ENOENT;
-  }
-  ::close(parent);
-  return gone;
+  platform::TreeDeletionOptions options;
+  options.parentLinks = platform::ParentLinks::none;
+  options.goOn = gate;
+  platform::TreeDeletion outcome = platform::deleteTree(path, options);
+  return outcome.error == 0 && !outcome.interrupted;
 }
 
 }  // namespace helper

@@ -50,12 +50,10 @@ std::optional<std::string> refusal(const std::string& path, const CleanupPlaces&
 // Called between entries; true while the work may go on. It may block while the work is paused.
 using Gate = std::function<bool()>;
 
-// Deletes `path` (a file, a link or a whole folder) without following any symbolic link: the
-// parent folders are opened one component at a time from "/" with O_NOFOLLOW, the tree is
-// walked with openat and emptied with unlinkat relative to each folder's descriptor, and a folder
-// on another file system than the one asked for is not entered (its mount point stays, and the
-// path counts as failed). True when `path` no longer exists. `gate` is asked between entries; when
-// it says stop, what is left stays and the answer is false.
+// Deletes `path` (a file, a link or a whole folder) as `platform::deleteTree` does, with no
+// symbolic link allowed anywhere above it: root follows nobody's links. True when `path` no
+// longer exists. `gate` is asked between entries; when it says stop, what is left stays and the
+// answer is false.
 bool deleteTree(const std::string& path, const Gate& gate);
 
 }  // namespace helper

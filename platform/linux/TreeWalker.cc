@@ -14,6 +14,8 @@
 #include <memory>
 #include <vector>
 
+#include "platform/Files.h"
+
 namespace platform {
 
 namespace {
@@ -54,8 +56,12 @@ struct Frame {
 
 class Walker {
  public:
-  Walker(const std::string& root, WalkVisitor& visitor, const WalkOptions& options)
-      : root_(root),
+  // Walks `name` below the folder `base` (AT_FDCWD and the root's path for a walk by path).
+  Walker(int base, const std::string& name, const std::string& root, WalkVisitor& visitor,
+         const WalkOptions& options)
+      : base_(base),
+        baseName_(name),
+        root_(root),
         visitor_(visitor),
         options_(options),
         buffer_(new char[kBufferSize]),
@@ -67,22 +73,31 @@ class Walker {
 
   bool run() {
     struct stat status;
-    if (::lstat(root_.c_str(), &status) != 0) {
+    if (::fstatat(base_, baseName_.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
       visitor_.error(root_, errno);
       return false;
     }
     if (!S_ISDIR(status.st_mode)) {
-      visitor_.entry("", root_, status);
+      reportEntry(base_, "", root_, status);
       return true;
     }
-    int fd = openFolder(AT_FDCWD, root_.c_str());
+    int fd = openFolder(base_, baseName_.c_str());
     if (fd < 0) {
+      if (errno == ENOTDIR || errno == ELOOP) {
+        // Swapped for something else since it was examined: that is what there is.
+        if (::fstatat(base_, baseName_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+            !S_ISDIR(status.st_mode)) {
+          reportEntry(base_, "", root_, status);
+          return true;
+        }
+      }
       visitor_.error(root_, errno);
       return false;
     }
     rootDevice_ = status.st_dev;
+    rootMount_ = mountIdentifier(base_, baseName_.c_str());
     path_ = root_;
-    push(fd, status, root_);
+    push(fd, status, baseName_);
     while (!stack_.empty() && !stopped()) {
       Frame& top = stack_.back();
       if (top.next == top.folders.size()) {
@@ -98,8 +113,17 @@ class Walker {
  private:
   static constexpr std::size_t kBufferSize = 64 * 1024;
 
-  bool stopped() const {
-    return options_.stop != nullptr && options_.stop->load(std::memory_order_relaxed);
+  bool stopped() {
+    if (stopped_) return true;
+    stopped_ = (options_.stop != nullptr && options_.stop->load(std::memory_order_relaxed)) ||
+               (options_.goOn && !options_.goOn());
+    return stopped_;
+  }
+
+  // The root's entry is given with the path of no folder, as `entry` promises.
+  void reportEntry(int folder, const std::string& folderPath, std::string_view name,
+                   const struct stat& status) {
+    visitor_.entryAt(folder, folderPath, name, status);
   }
 
   void closeFrame(Frame& frame) {
@@ -128,8 +152,20 @@ class Walker {
     } else {
       closeFrame(done);
     }
+    std::string name = std::move(done.name);
     stack_.pop_back();
-    if (!stack_.empty()) path_.resize(stack_.back().pathLength);
+    if (stack_.empty()) {
+      if (!stopped()) visitor_.leftFolder(base_, "", name);
+      return;
+    }
+    path_.resize(stack_.back().pathLength);
+    if (stopped()) return;
+    int parent = descriptor(stack_.size() - 1);
+    if (parent >= 0) {
+      visitor_.leftFolder(parent, path_, name);
+    } else {
+      visitor_.error(path_, outOfDescriptors(errno) ? errno : ENOENT);
+    }
   }
 
   // The descriptor of the frame at `index`, reopening it when it was closed to make room: from
@@ -141,7 +177,7 @@ class Walker {
     while (base > 0 && stack_[base].fd < 0) --base;
     int fd = stack_[base].fd;
     if (fd < 0) {  // even the root was closed
-      fd = openFolder(AT_FDCWD, root_.c_str());
+      fd = openFolder(base_, baseName_.c_str());
       if (fd < 0 || !sameFolder(fd, stack_[0])) return closeAndFail(fd);
       adopt(0, fd);
     }
@@ -174,6 +210,16 @@ class Walker {
       }
     }
   }
+  // Whether the folder `name` below `parent` lies on the root's mount: the same device, and the
+  // same mount id where the kernel tells it (a bind mount of the same file system has another).
+  bool onRootMount(int parent, const std::string& name) const {
+    struct stat status;
+    if (::fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return true;
+    if (status.st_dev != rootDevice_) return false;
+    std::uint64_t mount = mountIdentifier(parent, name.c_str());
+    return rootMount_ == 0 || mount == 0 || mount == rootMount_;
+  }
+
   static bool sameFolder(int fd, const Frame& frame) {
     struct stat status;
     return ::fstat(fd, &status) == 0 && status.st_dev == frame.device &&
@@ -219,11 +265,27 @@ class Walker {
       path_.resize(parentLength);
       return;
     }
+    if (options_.stayOnMount && !onRootMount(parent, name)) {
+      visitor_.error(path_, EXDEV);
+      path_.resize(parentLength);
+      return;
+    }
     int fd = openFolder(parent, name.c_str());
     if (fd < 0) {
-      // Replaced by something that isn't a folder since it was listed: nothing to walk.
-      if (errno != ENOTDIR && errno != ELOOP && errno != ENOENT) visitor_.error(path_, errno);
+      int code = errno;
       path_.resize(parentLength);
+      struct stat status;
+      if ((code == ENOTDIR || code == ELOOP) &&
+          ::fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+          !S_ISDIR(status.st_mode)) {
+        // Replaced by something that isn't a folder since it was listed: that is the entry.
+        reportEntry(parent, path_, name, status);
+      } else if (code != ENOTDIR && code != ELOOP && code != ENOENT) {
+        if (path_.back() != '/') path_ += '/';
+        path_ += name;
+        visitor_.error(path_, code);
+        path_.resize(parentLength);
+      }
       return;
     }
     struct stat status;
@@ -234,6 +296,11 @@ class Walker {
       return;
     }
     bool wanted = !(options_.stayOnFileSystem && status.st_dev != rootDevice_);
+    if (options_.stayOnMount && status.st_dev != rootDevice_) {
+      // Mounted there between the check and the open.
+      visitor_.error(path_, EXDEV);
+      wanted = false;
+    }
     if (wanted) {
       // The visitor is given the parent's path, as for entries.
       path_.resize(parentLength);
@@ -299,9 +366,11 @@ class Walker {
       std::memset(&status, 0, sizeof(status));
       status.st_mode = DTTOIF(type);
     }
-    visitor_.entry(path_, name, status);
+    reportEntry(frame.fd, path_, name, status);
   }
 
+  const int base_;
+  const std::string baseName_;
   const std::string root_;
   WalkVisitor& visitor_;
   const WalkOptions options_;
@@ -311,12 +380,19 @@ class Walker {
   std::size_t open_ = 0;
   const std::size_t budget_;
   dev_t rootDevice_ = 0;
+  std::uint64_t rootMount_ = 0;
+  bool stopped_ = false;
 };
 
 }  // namespace
 
 bool walkTree(const std::string& root, WalkVisitor& visitor, const WalkOptions& options) {
-  return Walker(root, visitor, options).run();
+  return Walker(AT_FDCWD, root, root, visitor, options).run();
+}
+
+bool walkTreeAt(int parent, const std::string& name, const std::string& path, WalkVisitor& visitor,
+                const WalkOptions& options) {
+  return Walker(parent, name, path, visitor, options).run();
 }
 
 }  // namespace platform
