@@ -1,0 +1,190 @@
+#include "platform/TreeDeletion.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "testsupport/TestSupport.h"
+
+namespace platform {
+namespace {
+
+using testsupport::TempDir;
+
+bool exists(const std::string& path) {
+  struct stat status;
+  return ::lstat(path.c_str(), &status) == 0;
+}
+
+TEST(TreeDeletionTest, FilesFoldersAndLinksGoWithoutFollowingALink) {
+  TempDir tmp;
+  tmp.write("outside/keep", "must stay");
+  tmp.write("tree/a/b/c/file", "x");
+  tmp.write("tree/file", "y");
+  tmp.symlink("tree/a/to-outside", tmp / "outside");
+  tmp.symlink("tree/a/to-file", tmp / "outside/keep");
+  TreeDeletion tree = deleteTree(tmp / "tree");
+  EXPECT_EQ(tree.error, 0) << tree.failedPath;
+  EXPECT_EQ(tree.removed, 8u);
+  EXPECT_FALSE(exists(tmp / "tree"));
+  // A link given itself is removed, not what it points at; what isn't there is gone already.
+  tmp.symlink("link", tmp / "outside");
+  EXPECT_EQ(deleteTree(tmp / "link").error, 0);
+  EXPECT_EQ(deleteTree(tmp / "never/was").error, 0);
+  EXPECT_TRUE(exists(tmp / "outside/keep"));
+  for (const std::string& path : std::vector<std::string>{"/", tmp / "outside/..", "relative",
+                                                          tmp / "outside/../outside/keep",
+                                                          tmp.path() + std::string("/\0x", 3)}) {
+    EXPECT_EQ(deleteTree(path).error, EINVAL) << path;
+  }
+  EXPECT_TRUE(exists(tmp / "outside/keep"));
+}
+
+// Links above the item: none for root's helper; for the user, only those no one else could
+// have put there.
+TEST(TreeDeletionTest, LinksAboveTheItemAreFollowedOnlyWhenTrusted) {
+  TempDir tmp;
+  tmp.write("real/a", "x");
+  tmp.write("real/b", "x");
+  tmp.symlink("mine", tmp / "real");
+  TreeDeletionOptions none;
+  none.parentLinks = ParentLinks::none;
+  EXPECT_EQ(deleteTree(tmp / "mine/a", none).error, ELOOP);
+  EXPECT_TRUE(exists(tmp / "real/a"));
+  EXPECT_EQ(deleteTree(tmp / "mine/a").error, 0);
+  EXPECT_FALSE(exists(tmp / "real/a"));
+  if (::geteuid() != 0) return;
+  // A link of another user's, or one in a folder that others may change, is not followed.
+  tmp.mkdir("shared");
+  ::chmod((tmp / "shared").c_str(), 0777);
+  tmp.symlink("shared/link", tmp / "real");
+  EXPECT_EQ(deleteTree(tmp / "shared/link/b").error, ELOOP);
+  ::lchown((tmp / "mine").c_str(), 65534, 65534);
+  EXPECT_EQ(deleteTree(tmp / "mine/b").error, ELOOP);
+  EXPECT_TRUE(exists(tmp / "real/b"));
+}
+
+// A folder swapped for a link between being listed and being entered is removed as the link it
+// has become; what the link points at stays.
+TEST(TreeDeletionTest, AFolderSwappedForALinkMidwayIsNotFollowed) {
+  TempDir tmp;
+  tmp.write("outside/keep", "must stay");
+  for (int i = 0; i < 20; ++i) tmp.write("tree/sub/f" + std::to_string(i), "z");
+  tmp.write("tree/zzz", "a file listed after sub, maybe");
+  bool swapped = false;
+  TreeDeletionOptions options;
+  options.goOn = [&] {
+    if (!swapped) {
+      swapped = true;
+      std::filesystem::remove_all(tmp / "tree/sub");
+      ::symlink((tmp / "outside").c_str(), (tmp / "tree/sub").c_str());
+    }
+    return true;
+  };
+  EXPECT_EQ(deleteTree(tmp / "tree", options).error, 0);
+  EXPECT_TRUE(swapped);
+  EXPECT_FALSE(exists(tmp / "tree"));
+  EXPECT_TRUE(exists(tmp / "outside/keep"));
+}
+
+TEST(TreeDeletionTest, AStopLeavesTheRestAndSaysSo) {
+  TempDir tmp;
+  for (int i = 0; i < 10; ++i) tmp.write("tree/f" + std::to_string(i), "z");
+  int asked = 0;
+  TreeDeletionOptions options;
+  options.goOn = [&] { return ++asked < 4; };
+  TreeDeletion stopped = deleteTree(tmp / "tree", options);
+  EXPECT_TRUE(stopped.interrupted);
+  EXPECT_EQ(stopped.error, 0);
+  EXPECT_GT(stopped.removed, 0u);
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(tmp / "tree"), {}),
+            10 - static_cast<long>(stopped.removed));
+}
+
+// Paths far beyond PATH_MAX, with fewer descriptors than levels.
+TEST(TreeDeletionTest, ATreeDeeperThanPathMaxGoesWithinTheDescriptorLimit) {
+  TempDir tmp;
+  int fd = ::open(tmp.mkdir("deep").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  for (int level = 0; level < 3000; ++level) {
+    ASSERT_EQ(::mkdirat(fd, "level", 0755), 0);
+    int next = ::openat(fd, "level", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ::close(fd);
+    fd = next;
+  }
+  ::close(::openat(fd, "file", O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+  ::close(fd);
+  rlimit saved{};
+  ::getrlimit(RLIMIT_NOFILE, &saved);
+  rlimit few = saved;
+  few.rlim_cur = 256;
+  ::setrlimit(RLIMIT_NOFILE, &few);
+  TreeDeletion deep = deleteTree(tmp / "deep");
+  ::setrlimit(RLIMIT_NOFILE, &saved);
+  EXPECT_EQ(deep.error, 0) << deep.failedPath.size();
+  EXPECT_EQ(deep.removed, 3002u);
+  EXPECT_FALSE(exists(tmp / "deep"));
+}
+
+// The first failure inside a folder ends it when asked to, and is named with its path.
+TEST(TreeDeletionTest, AFailureInsideIsNamed) {
+  TempDir tmp;
+  tmp.write("tree/a/locked/file", "x");
+  tmp.write("tree/b", "x");
+  int failures = 0;
+  testsupport::withoutPermissionOverride([&] {
+    ::chmod((tmp / "tree/a/locked").c_str(), 0555);
+    TreeDeletionOptions options;
+    options.stopAtFirstFailure = true;
+    TreeDeletion outcome = deleteTree(tmp / "tree", options);
+    failures += outcome.error == EACCES && outcome.failedPath == tmp / "tree/a/locked/file";
+    ::chmod((tmp / "tree/a/locked").c_str(), 0755);
+  });
+  EXPECT_EQ(failures, 1);
+  EXPECT_TRUE(exists(tmp / "tree/a/locked/file"));
+}
+
+// Another file system, even a bind mount of the same one, is not entered, and a mount point
+// named directly is not emptied. Needs root and a mount namespace of its own, made in a child
+// process so that the machine's mounts stay untouched.
+TEST(TreeDeletionTest, MountsAreNeverEntered) {
+  TempDir tmp;
+  tmp.write("elsewhere/precious", "must stay");
+  tmp.write("tree/plain", "goes");
+  tmp.mkdir("tree/mnt");
+  tmp.mkdir("point");
+  pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    if (::unshare(CLONE_NEWNS) != 0 ||
+        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount((tmp / "elsewhere").c_str(), (tmp / "tree/mnt").c_str(), nullptr, MS_BIND,
+                nullptr) != 0 ||
+        ::mount((tmp / "elsewhere").c_str(), (tmp / "point").c_str(), nullptr, MS_BIND, nullptr) !=
+            0) {
+      ::_exit(77);
+    }
+    TreeDeletion inside = deleteTree(tmp / "tree");
+    TreeDeletion named = deleteTree(tmp / "point");
+    bool ok = inside.error == EXDEV && inside.failedPath == tmp / "tree/mnt" &&
+              !exists(tmp / "tree/plain") && named.error == EBUSY &&
+              exists(tmp / "point/precious") && exists(tmp / "tree/mnt/precious");
+    ::_exit(ok ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  if (WIFEXITED(status) && WEXITSTATUS(status) == 77) {
+    GTEST_SKIP() << "no private mount namespace here (needs root)";
+  }
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_TRUE(exists(tmp / "elsewhere/precious"));
+}
+
+}  // namespace
+}  // namespace platform
