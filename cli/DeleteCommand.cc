@@ -44,12 +44,16 @@ void addDeleteCommand(CLI::App& app) {
       "delete", "Delete files and folders: with your rights, then through the helper");
   auto yes = std::make_shared<bool>(false);
   auto dryRun = std::make_shared<bool>(false);
+  auto system = std::make_shared<bool>(false);
   auto json = std::make_shared<bool>(false);
   auto from = std::make_shared<std::string>();
   auto from0 = std::make_shared<std::string>();
   auto paths = std::make_shared<std::vector<std::string>>();
   command->add_flag("--yes,-y", *yes, "Delete without asking (needed without a terminal)");
   command->add_flag("--dry-run,-n", *dryRun, "Show what would be deleted, and delete nothing");
+  command->add_flag("--system", *system,
+                    "Also delete in the system's own folders (/etc, /usr but /usr/local, /boot, "
+                    "/var/lib, /dev, /proc, /sys), which are refused otherwise");
   command->add_flag("--json", *json,
                     "Print {\"deleted\": [...], \"failed\": [{\"path\", \"reason\"}], "
                     "\"bytes\": N, \"stopped\": BOOL}");
@@ -91,7 +95,7 @@ void addDeleteCommand(CLI::App& app) {
     for (const auto& path : given) {
       if (path.empty()) throw CommandError{kUsage, "an empty path"};
       std::string absolute = absolutePath(path);
-      if (auto refused = hostRefusal(absolute)) {
+      if (auto refused = hostRefusal(absolute, *system)) {
         throw CommandError{kUsage, fmt::format("{}: refused: {}", displayText(absolute), *refused)};
       }
       if (seen.insert(absolute).second) request.paths.push_back(absolute);

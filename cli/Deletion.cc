@@ -113,13 +113,59 @@ std::string reasonLeft(const std::string& path, bool stopped) {
 
 }  // namespace
 
-std::optional<std::string> hostRefusal(const std::string& path) {
+namespace {
+
+// `path` with the links of the folders above it resolved, as the deletion will reach it (the
+// last component stays: deleting a link deletes the link). The path as given when its folder
+// can't be resolved.
+std::string resolvedPath(const std::string& path) {
+  std::error_code error;
+  std::filesystem::path given(path);
+  std::filesystem::path parent = std::filesystem::canonical(given.parent_path(), error);
+  if (error) return path;
+  std::string resolved = (parent / given.filename()).string();
+  return resolved;
+}
+
+bool isAtOrBelow(const std::string& path, const std::string& folder) {
+  return path == folder || folder == "/" ||
+         (path.size() > folder.size() && path.starts_with(folder) && path[folder.size()] == '/');
+}
+
+// The home folders the user may be said to have: the environment's and the password database's,
+// each with its links resolved.
+std::vector<std::string> homeFolders() {
+  std::vector<std::string> homes;
+  std::error_code error;
+  for (const std::string& home : {platform::currentLocations().home, platform::passwordHome()}) {
+    if (home.empty() || home.front() != '/') continue;
+    auto resolved = std::filesystem::canonical(home, error);
+    homes.push_back(error ? absolutePath(home) : resolved.string());
+  }
+  return homes;
+}
+
+}  // namespace
+
+std::optional<std::string> hostRefusal(const std::string& path, bool system) {
   // The system reads a path up to its first NUL: "/tmp/..<NUL>/x" would be "/tmp/..".
   if (path.find('\0') != std::string::npos) return "a path holding a NUL byte";
-  if (path == "/") return "the root folder";
-  const std::string& home = platform::currentLocations().home;
-  if (!home.empty() && path == absolutePath(home)) return "your home folder itself";
-  if (path.find('/', 1) == std::string::npos) return "a top-level folder of the system";
+  for (const std::string& candidate : {path, resolvedPath(path)}) {
+    if (candidate == "/") return "the root folder";
+    for (const auto& home : homeFolders()) {
+      if (isAtOrBelow(home, candidate)) {
+        return candidate == home ? "your home folder itself" : "a folder that holds your home";
+      }
+    }
+    if (candidate.find('/', 1) == std::string::npos) return "a top-level folder of the system";
+    if (system) continue;
+    if (isAtOrBelow(candidate, "/usr/local")) continue;
+    for (const char* tree : {"/dev", "/proc", "/sys", "/usr", "/etc", "/boot", "/var/lib"}) {
+      if (isAtOrBelow(candidate, tree)) {
+        return fmt::format("the system's own files in {} (--system deletes them)", tree);
+      }
+    }
+  }
   return std::nullopt;
 }
 

@@ -14,9 +14,12 @@
 
 namespace cli {
 
-// Why the host won't delete `path` (an absolute, normalised path), or nothing: "/", the home
-// folder itself and every top-level folder are refused before deletion sees them.
-std::optional<std::string> hostRefusal(const std::string& path);
+// Why the host won't delete `path` (an absolute, normalised path), or nothing. Refused before
+// deletion sees them, as given and with the links of the folders above resolved: a path holding
+// a NUL byte, "/", every top-level folder, the home folder (the environment's and the password
+// database's, resolved) and every folder that holds it; and, unless `system`, the system's own
+// trees: /dev, /proc, /sys, /usr (but /usr/local), /etc, /boot, /var/lib and all below them.
+std::optional<std::string> hostRefusal(const std::string& path, bool system = false);
 
 // `argument` made absolute against the working folder, with "." and ".." resolved in the text and
 // no trailing slash; links are not resolved (deleting a link deletes the link).

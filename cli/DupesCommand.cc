@@ -12,6 +12,7 @@
 #include "dff/DuplicateGroups.h"
 #include "platform/ByteCountFormatter.h"
 #include "platform/Dispatch.h"
+#include "platform/Files.h"
 #include "platform/Locations.h"
 
 namespace cli {
@@ -219,6 +220,12 @@ void addDupesCommand(CLI::App& app) {
     for (const auto& suffix : *excludeExtensions) {
       if (suffix.empty())
         throw CommandError{kUsage, "--exclude-ext: an empty suffix matches every name"};
+    }
+    // A folder to keep under that isn't there would keep nothing, silently.
+    if (!keepUnder->empty() &&
+        !platform::isDirectory(absolutePath(*keepUnder), platform::Follow::yes)) {
+      throw CommandError{kUsage,
+                         fmt::format("--keep-under: not a folder: {}", displayText(*keepUnder))};
     }
     // Each root must be a folder; the roots are then resolved together, as the user gave them.
     for (const auto& root : *roots) resolveFolderArgument(root);

@@ -321,17 +321,31 @@ TEST(RavelinTest, DeleteRemovesWhatItIsGivenAndNothingElse) {
   tmp.write("tree/a/b/file", "x");
   tmp.symlink("tree/a/to-outside", tmp / "outside");
   tmp.write("loose", "y");
-  for (const auto& refused :
-       std::vector<std::vector<std::string>>{{"delete", "--yes", "/"},
-                                             {"delete", "--yes", "/etc"},
-                                             {"delete", "--yes", "/usr/"},
-                                             {"delete", "--yes", std::string(std::getenv("HOME"))},
-                                             {"delete", "--yes", ""},
-                                             {"delete", "--yes"},
-                                             {"delete", tmp / "loose"}}) {  // no terminal, no --yes
+  for (const auto& refused : std::vector<std::vector<std::string>>{
+           {"delete", "--yes", "/"},
+           {"delete", "--yes", "/etc"},
+           {"delete", "--yes", "/usr/"},
+           {"delete", "--yes", std::string(std::getenv("HOME"))},
+           {"delete", "--yes", "/var/lib/dpkg"},
+           {"delete", "--dry-run", "/usr/lib"},
+           {"delete", "--yes", "/lib/x86_64-linux-gnu"},
+           {"delete", "--yes", "/dev/null"},
+           {"delete", "--yes", "/etc/../etc/passwd"},
+           {"dupes", "--delete", "--keep-under", tmp / "missing", tmp.path()},
+           {"delete", "--yes", ""},
+           {"delete", "--yes"},
+           {"delete", tmp / "loose"}}) {  // no terminal, no --yes
     EXPECT_EQ(run(refused).status, 2) << refused.back();
   }
   EXPECT_TRUE(std::filesystem::exists(tmp / "loose"));
+  // A home reached through a link is protected where it really is, and so is what holds it.
+  tmp.write("real/home/file", "z");
+  tmp.symlink("homelink", tmp / "real/home");
+  RunOptions linked;
+  linked.environment = {"HOME=" + tmp / "homelink"};
+  EXPECT_EQ(run({"delete", "--yes", tmp / "real/home"}, linked).status, 2);
+  EXPECT_EQ(run({"delete", "--yes", tmp / "real"}, linked).status, 2);
+  EXPECT_TRUE(std::filesystem::exists(tmp / "real/home/file"));
   Outcome dry = run({"delete", "--dry-run", tmp / "tree", tmp / "loose"});
   EXPECT_EQ(dry.status, 0);
   EXPECT_TRUE(std::filesystem::exists(tmp / "tree/a/b/file"));

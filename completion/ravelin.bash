@@ -44,7 +44,7 @@ _ravelin() {
     startup) options="--disable --enable --json" ;;
     rules) options="--check --for --json" ;;
     monitor) options="--watch --count --free-memory --json" ;;
-    delete) options="--yes --dry-run --json --from --from0" ;;
+    delete) options="--yes --dry-run --system --json --from --from0" ;;
     helper)
       COMPREPLY=($(compgen -W "status install uninstall --json --help" -- "$cur"))
       return ;;

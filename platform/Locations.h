@@ -59,6 +59,10 @@ struct Locations {
   static Locations underRoot(const std::string& root);
 };
 
+// The home folder that the password database gives this process's user, whatever HOME says;
+// "/" when it gives none.
+std::string passwordHome();
+
 // The locations that process-wide objects use: `fromEnvironment()` until a host or a test sets
 // others. Set them before any scan starts.
 const Locations& currentLocations();

@@ -274,4 +274,6 @@ void setCurrentLocations(Locations locations) {
   state.value = std::make_shared<const Locations>(std::move(locations));
 }
 
+std::string passwordHome() { return homeFromPasswordDatabase(); }
+
 }  // namespace platform
