@@ -1,5 +1,6 @@
 #include "cli/Deletion.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
 #include <sys/stat.h>
@@ -14,6 +15,7 @@
 
 #include "cli/Host.h"
 #include "deletion/Deleter.h"
+#include "dff/DuplicateGroups.h"
 #include "monitor/DiskInfo.h"
 #include "platform/ByteCountFormatter.h"
 #include "platform/Dispatch.h"
@@ -243,6 +245,24 @@ std::int64_t bytesFreed(const std::vector<const FilesHeld*>& held) {
 
 }  // namespace
 
+// Lets a duplicate go only while it is the entry that was compared and holds the bytes of the
+// copy that is kept, that copy still there and no link: a member changed during the prompt, or a
+// kept copy removed or swapped meanwhile, leaves the member, so no group is ever emptied.
+platform::DeletionGuard sameBytesGuard(std::map<std::string, std::string> sameAs) {
+  return [sameAs = std::move(sameAs)](const std::string& path, int folder, const std::string& name,
+                                      const struct stat& status) {
+    auto kept = sameAs.find(path);
+    if (kept == sameAs.end()) return 0;
+    auto sameEntry = [&] {
+      struct stat now;
+      return ::fstatat(folder, name.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
+             now.st_dev == status.st_dev && now.st_ino == status.st_ino;
+    };
+    bool same = sameEntry() && Core::sameContentsAt(folder, name, kept->second) && sameEntry();
+    return same ? 0 : ESTALE;
+  };
+}
+
 void confirmAndDelete(const DeletionRequest& request, bool yes, bool dryRun, bool json) {
   std::map<std::string, std::int64_t> sizes;
   std::map<std::string, FilesHeld> held;
@@ -303,6 +323,7 @@ void confirmAndDelete(const DeletionRequest& request, bool yes, bool dryRun, boo
   auto progress = std::make_shared<DeletionProgress>();
   auto deleter = Deleter::create(request.paths, request.photos);
   deleter->delegate = progress;
+  if (!request.sameAs.empty()) deleter->guard = sameBytesGuard(request.sameAs);
   bool stopped = false;
   {
     InterruptGuard interrupt;
@@ -332,7 +353,12 @@ void confirmAndDelete(const DeletionRequest& request, bool yes, bool dryRun, boo
       deleted.push_back(path);
       gone.push_back(&held[path]);
     } else {
-      failed.emplace_back(path, reasonLeft(path, stopped));
+      auto kept = request.sameAs.find(path);
+      failed.emplace_back(
+          path, kept != request.sameAs.end() && !stopped && !Core::sameContents(path, kept->second)
+                    ? "changed, or the kept " + displayText(kept->second) +
+                          " changed or is gone, before it could be deleted"
+                    : reasonLeft(path, stopped));
     }
   }
   std::int64_t freed = bytesFreed(gone);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Core/File.h"
+#include "platform/TreeDeletion.h"
 
 namespace cli {
 
@@ -35,7 +36,15 @@ struct DeletionRequest {
   std::vector<Core::Photo> photos;
   std::vector<std::pair<std::string, std::string>> leftAlone;  // path, reason
   std::vector<std::string> kept;                               // shown in the plan: what stays
+  // A path that may go only while it holds the same bytes as the path it maps to (a duplicate
+  // and the copy that is kept): compared again just before it is deleted.
+  std::map<std::string, std::string> sameAs;
 };
+
+// The guard of a deletion with `sameAs`: a path that isn't the entry compared, or doesn't hold
+// the bytes of its kept copy (changed, or the copy changed, gone or now a link), is refused with
+// ESTALE.
+platform::DeletionGuard sameBytesGuard(std::map<std::string, std::string> sameAs);
 
 // Shows the plan, asks (or takes `--yes`), runs the deletion and prints the outcome. `dryRun`
 // stops after the plan. Returns normally when everything asked for is gone; otherwise ends with

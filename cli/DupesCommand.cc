@@ -145,6 +145,7 @@ void deleteDuplicates(const std::vector<Core::DuplicateGroup>& groups, const Cor
       request.photos.push_back(
           Core::Photo{std::string(*target.photoID), Core::File{path, bytesAt(path)}});
     } else {
+      request.sameAs[path] = keptPath;
       request.paths.push_back(std::move(path));
     }
   }

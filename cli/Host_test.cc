@@ -2,6 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
+#include "cli/Deletion.h"
+#include "testsupport/TestSupport.h"
+
 namespace cli {
 namespace {
 
@@ -78,6 +83,39 @@ TEST(StatusLineTest, FitsAnyWidth) {
   EXPECT_EQ(StatusLine::fitted("short", 0), "short");  // unknown width
   EXPECT_EQ(StatusLine::fitted(path, 12), "...caf\xC3\xA9.txt");
   EXPECT_EQ(StatusLine::fitted(path, 3), "xt");
+}
+
+// A duplicate goes only while it and its kept copy hold the same bytes at the moment of deletion.
+TEST(SameBytesGuardTest, AMemberGoesOnlyWhileItMatchesTheKeptCopy) {
+  struct Row {
+    const char* what;
+    std::function<void(testsupport::TempDir&)> meanwhile;
+    bool deleted;
+  };
+  for (const Row& row : std::initializer_list<Row>{
+           {"unchanged", [](testsupport::TempDir&) {}, true},
+           {"member changed", [](testsupport::TempDir& t) { t.write("copy", "other bytes"); },
+            false},
+           {"kept changed", [](testsupport::TempDir& t) { t.write("kept", "other bytes"); }, false},
+           {"kept gone", [](testsupport::TempDir& t) { std::filesystem::remove(t / "kept"); },
+            false},
+           {"kept now a link",
+            [](testsupport::TempDir& t) {
+              t.write("elsewhere", "same bytes");
+              std::filesystem::remove(t / "kept");
+              t.symlink("kept", t / "elsewhere");
+            },
+            false}}) {
+    testsupport::TempDir tmp;
+    tmp.write("kept", "same bytes");
+    tmp.write("copy", "same bytes");
+    platform::TreeDeletionOptions options;
+    options.guard = sameBytesGuard({{tmp / "copy", tmp / "kept"}});
+    row.meanwhile(tmp);
+    platform::TreeDeletion outcome = platform::deleteTree(tmp / "copy", options);
+    EXPECT_EQ(outcome.error == 0, row.deleted) << row.what;
+    EXPECT_EQ(std::filesystem::exists(tmp / "copy"), !row.deleted) << row.what;
+  }
 }
 
 }  // namespace

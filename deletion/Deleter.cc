@@ -48,7 +48,7 @@ class FileDeleterWrapper final : public DeleterProtocol,
     });
   }
   void fileDeleterDeleted(const std::string& path, int error) override {
-    if (error == EACCES) {
+    if (error == EACCES && !guarded) {
       erroredPaths.push_back(path);  // to the helper, uncounted for now
       return;
     }
@@ -65,6 +65,7 @@ class FileDeleterWrapper final : public DeleterProtocol,
   std::weak_ptr<Deleter> deleter;
   std::shared_ptr<RVFileDeleter> fileDeleter;
   std::vector<std::string> erroredPaths;
+  bool guarded = false;
 };
 
 // The second phase: what the user wasn't allowed to delete, through the privileged helper, which
@@ -235,6 +236,8 @@ void Deleter::start() {
     if (files_.empty()) return fileDeletionFinished({});
     auto wrapper = std::make_shared<FileDeleterWrapper>(weak_from_this(), files_);
     wrapper->fileDeleter->delegate = wrapper;
+    wrapper->fileDeleter->guard = guard;
+    wrapper->guarded = static_cast<bool>(guard);
     deleter_ = wrapper;
   }
   if (deleter_) deleter_->start();

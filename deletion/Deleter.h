@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "Core/File.h"
+#include "platform/TreeDeletion.h"
 
 class DeleterDelegate {
  public:
@@ -56,6 +57,10 @@ class Deleter : public std::enable_shared_from_this<Deleter> {
   DeleterState state() const { return state_; }
 
   std::weak_ptr<DeleterDelegate> delegate;
+  // When set before `start`, asked just before each file path is deleted with the user's rights
+  // (see `platform::DeletionGuard`). A guarded deletion hands nothing to the helper, which can't
+  // ask it: what the user may not delete stays, reported as not deleted.
+  platform::DeletionGuard guard;
 
  private:
   friend class FileDeleterWrapper;

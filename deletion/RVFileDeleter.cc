@@ -62,6 +62,7 @@ RVFileDeleter::Result RVFileDeleter::deleteAt(const std::string& path) {
   platform::TreeDeletionOptions options;
   // The first failure ends a folder: what went stays gone, the rest stays.
   options.stopAtFirstFailure = true;
+  options.guard = guard;
   options.goOn = [this] { return _state.load() == running; };
   options.current = [this](const std::string& folder, std::string_view name) {
     if (!currentPathDue()) return;

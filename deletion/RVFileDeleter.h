@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "platform/Dispatch.h"
+#include "platform/TreeDeletion.h"
 
 class RVFileDeleterDelegate {
  public:
@@ -47,6 +48,9 @@ class RVFileDeleter : public std::enable_shared_from_this<RVFileDeleter> {
   State state() const { return static_cast<State>(_state.load()); }
 
   std::weak_ptr<RVFileDeleterDelegate> delegate;
+  // When set before `start`, asked just before each path is deleted (see
+  // `platform::DeletionGuard`); a path it refuses is reported with the errno it gives.
+  platform::DeletionGuard guard;
 
  private:
   void deleteFiles();

@@ -498,9 +498,16 @@ bool sameEntry(int a, const char* nameA, int b, const char* nameB, dev_t deviceA
 }  // namespace
 
 bool sameContents(const std::string& a, const std::string& b) {
+  return sameContentsAt(AT_FDCWD, a, b);
+}
+
+bool sameContentsAt(int folder, const std::string& name, const std::string& b) {
   struct stat sa, sb;
-  if (::lstat(a.c_str(), &sa) != 0 || ::lstat(b.c_str(), &sb) != 0) return false;
-  return sameEntry(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), sa.st_dev, sb.st_dev, 0);
+  if (::fstatat(folder, name.c_str(), &sa, AT_SYMLINK_NOFOLLOW) != 0 ||
+      ::lstat(b.c_str(), &sb) != 0) {
+    return false;
+  }
+  return sameEntry(folder, name.c_str(), AT_FDCWD, b.c_str(), sa.st_dev, sb.st_dev, 0);
 }
 
 }  // namespace Core

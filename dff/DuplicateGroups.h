@@ -111,5 +111,7 @@ KeepOnePlan planKeepingOne(std::vector<DuplicateGroup>&& groups,
 // the same target text, or two folders with the same names, each entry the same in turn. Nothing
 // is followed; a file that can't be read, a pipe, a device or a mount inside makes it false.
 bool sameContents(const std::string& a, const std::string& b);
+// The same for the entry `name` of the open folder `folder` and the path `b`.
+bool sameContentsAt(int folder, const std::string& name, const std::string& b);
 
 }  // namespace Core

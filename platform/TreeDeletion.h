@@ -11,6 +11,8 @@
 // mounted inside the tree, or a bind mount, is not entered, and a mount point named directly is
 // not deleted.
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -30,6 +32,12 @@ enum class ParentLinks {
   trusted,
 };
 
+// Asked once the item is found (the folder that holds it open, its status taken), before
+// anything of it is deleted: 0 lets the deletion go on; an errno leaves the item untouched and
+// is the answer. `path` is the item's path, `name` its name in `folder`.
+using DeletionGuard = std::function<int(const std::string& path, int folder,
+                                        const std::string& name, const struct stat& status)>;
+
 struct TreeDeletionOptions {
   ParentLinks parentLinks = ParentLinks::trusted;
   // Asked between entries, when given: false leaves what is left (the answer is `interrupted`).
@@ -38,6 +46,8 @@ struct TreeDeletionOptions {
   // Ends the folder at its first failure, leaving the rest; otherwise everything that can go
   // goes, and the first failure is reported.
   bool stopAtFirstFailure = false;
+  // When given, decides whether the item may go.
+  DeletionGuard guard;
   // Called with each entry about to go, when given: the path of the folder that holds it ("" for
   // the path itself) and its name (the path itself for the path).
   std::function<void(const std::string& folder, std::string_view name)> current;

@@ -194,6 +194,9 @@ TreeDeletion deleteTree(const std::string& path, const TreeDeletionOptions& opti
   if (::fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
     return errno == ENOENT ? result : fail(errno);
   }
+  if (options.guard) {
+    if (int refused = options.guard(path, parent, name, status); refused != 0) return fail(refused);
+  }
   if (!S_ISDIR(status.st_mode)) {
     if (options.current) options.current("", path);
     if (::unlinkat(parent, name.c_str(), 0) == 0) {
