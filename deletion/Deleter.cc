@@ -1,5 +1,6 @@
 #include "deletion/Deleter.h"
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <ctime>
@@ -92,6 +93,8 @@ class HelperDeleterWrapper final : public DeleterProtocol,
   }
 
   void start() override {
+    paused = false;
+    heard();
     if (started) {
       if (connection->helper) connection->helper->resumeDeleting();
       return;
@@ -104,15 +107,22 @@ class HelperDeleterWrapper final : public DeleterProtocol,
       return;
     }
     connection->helper->deleteAtPaths(files);
+    watch();
   }
   void pause() override {
+    paused = true;
     if (connection->helper) connection->helper->pauseDeleting();
   }
   void stop() override {
     if (connection->helper) connection->helper->stopDeleting();
+    // A helper that doesn't end its batch soon after a stop is not waited for.
+    platform::DispatchQueue::main().asyncAfter(kStopGrace, [weak = weak_from_this()] {
+      if (auto self = weak.lock()) self->giveUp();
+    });
   }
 
   void helperDeletingAt(const std::string& path) override {
+    heard();
     onMain([weak = deleter, path] {
       auto owner = weak.lock();
       if (!owner) return;
@@ -120,6 +130,7 @@ class HelperDeleterWrapper final : public DeleterProtocol,
     });
   }
   void helperDeletedAt(const std::string& path, bool success) override {
+    heard();
     onMain([weak = deleter, path, success] {
       if (auto owner = weak.lock()) owner->itemDeleted(path, success);
     });
@@ -128,6 +139,25 @@ class HelperDeleterWrapper final : public DeleterProtocol,
     onMain([weak = weak_from_this()] {
       if (auto self = weak.lock()) self->complete();
     });
+  }
+
+  // Looks every few seconds whether the helper still speaks: one silent for `kSilence` while
+  // not paused is given up on, as if it had died.
+  void watch() {
+    platform::DispatchQueue::main().asyncAfter(kSilence / 6, [weak = weak_from_this()] {
+      auto self = weak.lock();
+      if (!self || self->completed) return;
+      auto silent = std::chrono::steady_clock::now().time_since_epoch() -
+                    std::chrono::steady_clock::duration(self->lastHeard.load());
+      if (!self->paused && silent > kSilence) return self->giveUp();
+      self->watch();
+    });
+  }
+  void heard() { lastHeard = std::chrono::steady_clock::now().time_since_epoch().count(); }
+  void giveUp() {
+    if (completed) return;
+    connection->close();
+    complete();
   }
 
   // The phase's end, once: a helper that can't be reached or dies halfway ends it too, and the
@@ -140,9 +170,15 @@ class HelperDeleterWrapper final : public DeleterProtocol,
 
   std::weak_ptr<Deleter> deleter;
   std::vector<std::string> files;
+  static constexpr std::chrono::seconds kSilence{30};
+  static constexpr std::chrono::seconds kStopGrace{5};
+
   std::shared_ptr<helper::HelperConnection> connection;
   bool started = false;
   bool completed = false;
+  bool paused = false;  // main queue only
+  // When the helper last spoke, in steady-clock ticks; set on the transport's queue.
+  std::atomic<std::chrono::steady_clock::rep> lastHeard{0};
 };
 
 // The third phase: the photos, in one request to the photo library. It can't be interrupted.

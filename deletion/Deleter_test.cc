@@ -2,14 +2,19 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cstring>
 #include <filesystem>
 #include <thread>
 
 #include "helper/HelperConnection.h"
+#include "helper/Protocols.h"
 #include "platform/Photos.h"
 #include "testsupport/TestSupport.h"
 
@@ -202,6 +207,58 @@ TEST_F(DeleterTest, AHelperThatCantBeReachedEndsItsPhaseAndPhotosAreStillTried) 
   EXPECT_EQ(photos_->requests, 1);
   EXPECT_EQ(recorder_->progress, std::vector<double>{0.5});
   EXPECT_EQ(recorder_->deleted, std::vector<std::string>{"/p.jpg"});
+  EXPECT_TRUE(std::filesystem::exists(tmp_ / "roots/locked/file"));
+}
+
+// A helper that takes the batch and never ends it: a stop ends the wait all the same.
+TEST_F(DeleterTest, AStopEndsTheWaitForAHelperThatNeverFinishes) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root to act as an unprivileged user";
+  ::chmod(tmp_.path().c_str(), 0755);
+  tmp_.write("roots/locked/file", "x");
+  const std::string socket = tmp_ / "silent.sock";
+  // Answers the ping, takes every other message and says nothing.
+  struct Silent final : platform::xpc::Receiver {
+    void receive(platform::xpc::Call call) override {
+      if (call.reply) call.reply(nlohmann::json::array());
+    }
+  };
+  int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, socket.c_str(), sizeof(address.sun_path) - 1);
+  ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+  ::chmod(socket.c_str(), 0666);
+  ASSERT_EQ(::listen(listener, 4), 0);
+  std::shared_ptr<platform::xpc::Connection> served;
+  std::atomic<bool> connected{false};
+  std::thread acceptor([&] {
+    int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd < 0) return;
+    served = platform::xpc::Connection::fromSocket(fd);
+    served->setExportedInterface(helper::helperProtocolInterface());
+    served->setExportedObject(std::make_shared<Silent>());
+    served->resume();
+    connected = true;
+  });
+  helper::setHelperSocket(socket);
+  {
+    testsupport::AsUnprivilegedUser user;
+    ASSERT_TRUE(user.ok());
+    auto deleter = Deleter::create({tmp_ / "roots/locked"});
+    deleter->delegate = recorder_;
+    deleter->start();
+    // The helper phase connects from the main queue.
+    bool reached = testsupport::drainMainUntil([&] { return connected.load(); });
+    if (!reached) ::shutdown(listener, SHUT_RDWR);
+    acceptor.join();
+    ASSERT_TRUE(reached);
+    deleter->stop();
+    EXPECT_TRUE(waitForCompletion(*recorder_));
+  }
+  helper::setHelperSocket("");
+  if (served) served->invalidate();
+  ::close(listener);
+  EXPECT_EQ(recorder_->completions, 1);
   EXPECT_TRUE(std::filesystem::exists(tmp_ / "roots/locked/file"));
 }
 
