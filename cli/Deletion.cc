@@ -7,7 +7,9 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <map>
 #include <set>
@@ -45,6 +47,12 @@ class DeletionProgress final : public DeleterDelegate {
     answer(false);  // a terminal program can't open the photo library: don't ask again
   }
   void deleterCompleted() override { completed = true; }
+  void deleterLeft(const std::string& path, const platform::TreeDeletion& outcome) override {
+    left[path] = outcome;
+  }
+  void deleterAskedHelper(const std::string& path, bool answered) override {
+    askedHelper[path] = answered;
+  }
 
   void redraw() {
     status.show(fmt::format("{:3.0f}%{}  {}", progress * 100, paused ? " (paused: p resumes)" : "",
@@ -59,6 +67,8 @@ class DeletionProgress final : public DeleterDelegate {
   bool photosFailed = false;
   bool photosNotAuthorised = false;
   bool completed = false;
+  std::map<std::string, platform::TreeDeletion> left;
+  std::map<std::string, bool> askedHelper;  // path: whether the helper answered for it
 };
 
 // Standard input read key by key while alive, when it is a terminal; the settings come back at
@@ -98,19 +108,37 @@ bool exists(const std::string& path) {
   return ::lstat(path.c_str(), &status) == 0;
 }
 
-// Why a path that was asked for is still there, as far as the host can tell.
-std::string reasonLeft(const std::string& path, bool stopped) {
-  if (stopped) return "stopped before it was deleted";
-  std::string parent = platform::deletingLastPathComponent(path);
-  if (::access(parent.c_str(), W_OK | X_OK) != 0) {
-    return "permission denied (the helper did not delete it either)";
+// Why a path that was asked for is still there: the step that failed, where and why, and
+// what went before it. `outcome` is what deleting it with the user's rights came to, when known;
+// `helper` whether the helper was asked (and could be reached).
+std::string reasonLeft(const std::string& path, bool stopped,
+                       const std::optional<platform::TreeDeletion>& outcome,
+                       std::optional<bool> helper) {
+  const std::uint64_t went = outcome ? outcome->removed : 0;
+  if (stopped || (outcome && outcome->interrupted)) {
+    return went > 0 ? fmt::format(
+                          "stopped part way: {} entries inside were deleted, the rest "
+                          "stays",
+                          went)
+                    : "stopped before it was deleted";
   }
-  struct stat status;
-  if (::lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
-    return "something inside could not be deleted (permission, or another file system mounted "
-           "there)";
+  if (!outcome || outcome->error == 0) return "could not be deleted";
+  std::string reason = std::strerror(outcome->error);
+  if (outcome->error == EXDEV) reason = "another file system is mounted inside";
+  if (outcome->error == EBUSY) reason = "it is the mount point of a file system";
+  if (!outcome->failedPath.empty() && outcome->failedPath != path) {
+    reason += " at " + displayText(outcome->failedPath);
   }
-  return "could not be deleted";
+  if (went > 0) reason += fmt::format("; {} entries inside were deleted", went);
+  if (outcome->error == EACCES || outcome->error == EPERM) {
+    if (!helper) {
+      reason += " (the helper was not asked)";
+    } else {
+      reason +=
+          *helper ? " (the helper did not delete it either)" : " (the helper could not be reached)";
+    }
+  }
+  return reason;
 }
 
 }  // namespace
@@ -347,6 +375,7 @@ void confirmAndDelete(const DeletionRequest& request, bool yes, bool dryRun, boo
   std::vector<std::string> deleted;
   std::vector<std::pair<std::string, std::string>> failed = request.leftAlone;
   std::vector<const FilesHeld*> gone;
+  std::int64_t partlyFreed = 0;
   for (const auto& path : request.paths) {
     // A path that is gone is deleted, whoever reported it.
     if (progress->deleted.count(path) > 0 || !exists(path)) {
@@ -354,14 +383,26 @@ void confirmAndDelete(const DeletionRequest& request, bool yes, bool dryRun, boo
       gone.push_back(&held[path]);
     } else {
       auto kept = request.sameAs.find(path);
+      auto outcome = progress->left.find(path);
+      auto helper = progress->askedHelper.find(path);
       failed.emplace_back(
           path, kept != request.sameAs.end() && !stopped && !Core::sameContents(path, kept->second)
                     ? "changed, or the kept " + displayText(kept->second) +
                           " changed or is gone, before it could be deleted"
-                    : reasonLeft(path, stopped));
+                    : reasonLeft(path, stopped,
+                                 outcome != progress->left.end()
+                                     ? std::optional<platform::TreeDeletion>(outcome->second)
+                                     : std::nullopt,
+                                 helper != progress->askedHelper.end()
+                                     ? std::optional<bool>(helper->second)
+                                     : std::nullopt));
+      // What went of a path deleted part way is freed too.
+      if (outcome != progress->left.end() && outcome->second.removed > 0) {
+        partlyFreed += std::max<std::int64_t>(0, sizes[path] - bytesAt(path));
+      }
     }
   }
-  std::int64_t freed = bytesFreed(gone);
+  std::int64_t freed = bytesFreed(gone) + partlyFreed;
   for (const auto& photo : request.photos) {
     if (progress->deleted.count(photo.file.url) > 0) {
       deleted.push_back(photo.file.url);

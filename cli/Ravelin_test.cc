@@ -402,6 +402,29 @@ TEST(RavelinTest, DeleteTakesListsOfAnyBytes) {
   EXPECT_TRUE(std::filesystem::exists(tmp / "sub/victim"));
 }
 
+// A folder that fails half way is reported as it stands: the inner path and error, and whether
+// the helper was asked.
+TEST(RavelinTest, DeleteNamesTheFailureInsideAndTheStepThatFailed) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root to run as another user";
+  TempDir tmp;
+  ::chmod(tmp.path().c_str(), 0755);
+  tmp.write("tree/locked/file", "x");
+  for (const char* path : {"tree", "tree/locked", "tree/locked/file"}) {
+    ::chown((tmp / path).c_str(), 65534, 65534);
+  }
+  ::chmod((tmp / "tree/locked").c_str(), 0555);
+  RunOptions user;
+  user.user = 65534;
+  Outcome outcome =
+      run({"delete", "--yes", "--json", "--helper-socket", tmp / "none.sock", tmp / "tree"}, user);
+  ::chmod((tmp / "tree/locked").c_str(), 0755);
+  EXPECT_EQ(outcome.status, 1) << outcome.err;
+  auto failed = nlohmann::json::parse(outcome.out)["failed"];
+  ASSERT_EQ(failed.size(), 1u) << outcome.out;
+  EXPECT_EQ(failed[0]["reason"], "Permission denied at " + tmp / "tree/locked/file" +
+                                     " (the helper could not be reached)");
+}
+
 // What an unprivileged user may not delete goes to the helper, which deletes it as root.
 TEST(RavelinTest, DeleteHandsWhatTheUserMayNotDeleteToTheHelper) {
   if (::geteuid() != 0) GTEST_SKIP() << "needs root to run the helper and another user";

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <chrono>
 #include <ctime>
+#include <set>
 
 #include "deletion/RVFileDeleter.h"
 #include "helper/HelperConnection.h"
@@ -55,6 +56,13 @@ class FileDeleterWrapper final : public DeleterProtocol,
     }
     onMain([weak = deleter, path, error] {
       if (auto owner = weak.lock()) owner->itemDeleted(path, error == 0);
+    });
+  }
+  void fileDeleterLeft(const std::string& path, const platform::TreeDeletion& outcome) override {
+    onMain([weak = deleter, path, outcome] {
+      auto owner = weak.lock();
+      if (!owner) return;
+      if (auto d = owner->delegate.lock()) d->deleterLeft(path, outcome);
     });
   }
   void fileDeleterCompleted() override {
@@ -131,8 +139,11 @@ class HelperDeleterWrapper final : public DeleterProtocol,
   }
   void helperDeletedAt(const std::string& path, bool success) override {
     heard();
-    onMain([weak = deleter, path, success] {
-      if (auto owner = weak.lock()) owner->itemDeleted(path, success);
+    onMain([weak = weak_from_this(), path, success] {
+      auto self = weak.lock();
+      if (!self) return;
+      self->answered.insert(path);
+      if (auto owner = self->deleter.lock()) owner->itemDeleted(path, success);
     });
   }
   void helperDeletionCompleted() override {
@@ -165,6 +176,11 @@ class HelperDeleterWrapper final : public DeleterProtocol,
   void complete() {
     if (completed) return;
     completed = true;
+    if (auto owner = deleter.lock()) {
+      if (auto d = owner->delegate.lock()) {
+        for (const auto& path : files) d->deleterAskedHelper(path, answered.count(path) > 0);
+      }
+    }
     if (auto owner = deleter.lock()) owner->startPhotoDeletion();
   }
 
@@ -176,7 +192,8 @@ class HelperDeleterWrapper final : public DeleterProtocol,
   std::shared_ptr<helper::HelperConnection> connection;
   bool started = false;
   bool completed = false;
-  bool paused = false;  // main queue only
+  bool paused = false;             // main queue only
+  std::set<std::string> answered;  // the paths the helper reported on; main queue only
   // When the helper last spoke, in steady-clock ticks; set on the transport's queue.
   std::atomic<std::chrono::steady_clock::rep> lastHeard{0};
 };

@@ -29,6 +29,12 @@ class DeleterDelegate {
   virtual void deleterPhotosFailed(bool notAuthorised, std::function<void(bool)> answer) = 0;
   // Everything is over; called once.
   virtual void deleterCompleted() = 0;
+  // A file path that stays with the user's rights, whole or in part, and what became of it (see
+  // `RVFileDeleterDelegate::fileDeleterLeft`).
+  virtual void deleterLeft(const std::string& path, const platform::TreeDeletion& outcome) {}
+  // A path handed to the privileged helper, when its phase ends: whether the helper answered
+  // for it (deleted or refused), or never did (not reached, or gone before it came to it).
+  virtual void deleterAskedHelper(const std::string& path, bool answered) {}
 };
 
 // One phase: the files, the helper, the photos.

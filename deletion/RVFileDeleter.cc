@@ -45,7 +45,10 @@ void RVFileDeleter::deleteFiles() {
     Result result = deleteAt(path);
     if (result == interrupted) return;  // taken up again by the next start
     int error = result == failed ? errno : 0;
-    if (auto d = delegate.lock()) d->fileDeleterDeleted(path, error);
+    auto d = delegate.lock();
+    if (d && result == failed) d->fileDeleterLeft(path, _inHand);
+    _inHand = {};
+    if (d) d->fileDeleterDeleted(path, error);
     _paths.pop_back();
     if (_paths.empty()) return completedStep();
     path = _paths.back();
@@ -70,6 +73,9 @@ RVFileDeleter::Result RVFileDeleter::deleteAt(const std::string& path) {
     if (auto d = delegate.lock()) d->fileDeleterCurrent(current);
   };
   platform::TreeDeletion outcome = platform::deleteTree(absolute, options);
+  // A path taken up again after a pause adds to what went before.
+  outcome.removed += _inHand.removed;
+  _inHand = outcome;
   if (outcome.interrupted) return interrupted;
   if (outcome.error != 0) {
     errno = outcome.error;
@@ -92,5 +98,7 @@ void RVFileDeleter::updateCurrentPath(const char* path) {
 
 void RVFileDeleter::completedStep() {
   if (_state.exchange(completed) == completed) return;
-  if (auto d = delegate.lock()) d->fileDeleterCompleted();
+  auto d = delegate.lock();
+  if (d && _inHand.interrupted && !_paths.empty()) d->fileDeleterLeft(_paths.back(), _inHand);
+  if (d) d->fileDeleterCompleted();
 }

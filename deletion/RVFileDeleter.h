@@ -27,6 +27,10 @@ class RVFileDeleterDelegate {
   virtual void fileDeleterDeleted(const std::string& path, int error) = 0;
   // The work is over; called once.
   virtual void fileDeleterCompleted() = 0;
+  // A path that stays, whole or in part, and what became of it: the first failure inside and
+  // the entries that went. Called before `fileDeleterDeleted` for a failure, and before
+  // `fileDeleterCompleted` for the path a stop left part way.
+  virtual void fileDeleterLeft(const std::string& path, const platform::TreeDeletion& outcome) {}
 };
 
 class RVFileDeleter : public std::enable_shared_from_this<RVFileDeleter> {
@@ -61,6 +65,8 @@ class RVFileDeleter : public std::enable_shared_from_this<RVFileDeleter> {
   void completedStep();
 
   std::vector<std::string> _paths;  // the last one is next
+  // What pauses left of the path in hand: the entries that went so far.
+  platform::TreeDeletion _inHand;
   platform::DispatchQueue _dispatchQueue;
   std::atomic<int> _state{paused};
   double _time = 0;
