@@ -11,6 +11,7 @@
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/statvfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -256,6 +257,62 @@ TEST(RavelinTest, CtrlCStopsALargeSearchThatFindsNothing) {
   auto result = nlohmann::json::parse(outcome.out);
   EXPECT_EQ(result["stopped"], true);
   EXPECT_EQ(result["complete"], false);
+}
+
+// Ctrl-C in the middle of one big folder: the report says what went, and it is what is gone.
+TEST(RavelinTest, CtrlCHalfWayThroughAFolderIsReportedAsTheDiskStands) {
+  TempDir tmp("/dev/shm");
+  constexpr int kFolders = 100, kFiles = 1000;
+  for (int folder = 0; folder < kFolders; ++folder) {
+    std::string path = tmp.mkdir("tree/" + std::to_string(folder));
+    for (int file = 0; file < kFiles; ++file) {
+      int fd = ::open((path + "/" + std::to_string(file)).c_str(), O_CREAT | O_WRONLY, 0644);
+      ::write(fd, "x", 1);
+      ::close(fd);
+    }
+  }
+  auto freeInodes = [&] {
+    struct statvfs status {};
+    ::statvfs(tmp.path().c_str(), &status);
+    return static_cast<long long>(status.f_ffree);
+  };
+  const long long before = freeInodes();
+  RunOptions options;
+  options.whileRunning = [&](pid_t child) {
+    // Once entries are going (free inodes come back), interrupt it, held still meanwhile.
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (std::chrono::steady_clock::now() < deadline) {
+      if (freeInodes() > before + 1000) {
+        ::kill(child, SIGSTOP);
+        ::kill(child, SIGINT);
+        ::kill(child, SIGCONT);
+        return;
+      }
+      if (::kill(child, 0) != 0) return;
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+  };
+  Outcome outcome = run({"delete", "--yes", "--json", "--system", tmp / "tree"}, options);
+  auto result = nlohmann::json::parse(outcome.out);
+  long long files = 0, entries = 0;
+  std::error_code error;
+  for (auto it = std::filesystem::recursive_directory_iterator(tmp / "tree", error);
+       !error && it != std::filesystem::recursive_directory_iterator(); it.increment(error)) {
+    ++entries;
+    files += it->is_regular_file();
+  }
+  if (!std::filesystem::exists(tmp / "tree")) {
+    EXPECT_EQ(outcome.status, 0) << outcome.err;  // it ended before the interrupt
+    return;
+  }
+  ASSERT_EQ(outcome.status, 1) << outcome.err;
+  ASSERT_EQ(result["failed"].size(), 1u) << outcome.out;
+  const long long went = kFolders * (kFiles + 1) - entries;
+  EXPECT_EQ(result["failed"][0]["reason"], went > 0
+                                               ? "stopped part way: " + std::to_string(went) +
+                                                     " entries inside were deleted, the rest stays"
+                                               : std::string("stopped before it was deleted"));
+  EXPECT_EQ(result["bytes"], kFolders * kFiles - files);
 }
 
 TEST(RavelinTest, ArgumentsThatMustBeRefused) {
