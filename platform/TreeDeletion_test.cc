@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 
 #include "testsupport/TestSupport.h"
@@ -184,6 +185,53 @@ TEST(TreeDeletionTest, MountsAreNeverEntered) {
   }
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
   EXPECT_TRUE(exists(tmp / "elsewhere/precious"));
+}
+
+// A file system whose listings give no entry type (ext2 made without "filetype"): every entry
+// is examined, and what isn't a folder is unlinked. Root only, in a mount namespace of its own.
+TEST(TreeDeletionTest, ListingsWithoutTypesAreDeletedWhole) {
+  if (::geteuid() != 0 || !std::filesystem::exists("/sbin/mkfs.ext2") ||
+      !std::filesystem::exists("/dev/loop-control")) {
+    GTEST_SKIP() << "needs root, mkfs.ext2 and loop devices";
+  }
+  TempDir tmp;
+  const std::string image = tmp / "ext2.img";
+  {
+    int fd = ::open(image.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
+    ASSERT_EQ(::ftruncate(fd, 16 << 20), 0);
+    ::close(fd);
+  }
+  const std::string make = "/sbin/mkfs.ext2 -q -F -O ^filetype '" + image + "' >/dev/null 2>&1";
+  ASSERT_EQ(std::system(make.c_str()), 0);
+  const std::string mountPoint = tmp.mkdir("mnt");
+  pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    if (::unshare(CLONE_NEWNS) != 0 ||
+        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+      ::_exit(77);
+    }
+    const std::string attach =
+        "/bin/mount -o loop -t ext2 '" + image + "' '" + mountPoint + "' >/dev/null 2>&1";
+    if (std::system(attach.c_str()) != 0) ::_exit(77);
+    const std::string tree = mountPoint + "/tree";
+    std::filesystem::create_directories(tree + "/a/b");
+    for (const char* name : {"/f", "/a/g", "/a/b/h"}) {
+      int fd = ::open((tree + name).c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
+      ::close(fd);
+    }
+    ::symlink("/etc/passwd", (tree + "/a/link").c_str());
+    ::mkfifo((tree + "/a/b/pipe").c_str(), 0644);
+    TreeDeletion outcome = deleteTree(tree);
+    bool ok = outcome.error == 0 && outcome.removed == 8 && !exists(tree);
+    ::umount2(mountPoint.c_str(), MNT_DETACH);
+    ::_exit(ok ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  if (WIFEXITED(status) && WEXITSTATUS(status) == 77) GTEST_SKIP() << "no loop mount here";
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_TRUE(exists("/etc/passwd"));
 }
 
 }  // namespace
