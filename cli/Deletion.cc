@@ -14,7 +14,9 @@
 #include <deque>
 #include <filesystem>
 #include <map>
+#include <mutex>
 #include <set>
+#include <unordered_map>
 #include <utility>
 
 #include "cli/Host.h"
@@ -151,12 +153,26 @@ namespace {
 // last component stays: deleting a link deletes the link). The path as given when its folder
 // can't be resolved.
 std::string resolvedPath(const std::string& path) {
-  std::error_code error;
+  // Lists name many paths in few folders: each folder is resolved once.
+  static std::mutex mutex;
+  static std::unordered_map<std::string, std::optional<std::string>> folders;
   std::filesystem::path given(path);
-  std::filesystem::path parent = std::filesystem::canonical(given.parent_path(), error);
-  if (error) return path;
-  std::string resolved = (parent / given.filename()).string();
-  return resolved;
+  std::string folder = given.parent_path().string();
+  std::optional<std::string> resolved;
+  {
+    std::lock_guard lock(mutex);
+    auto found = folders.find(folder);
+    if (found != folders.end()) {
+      resolved = found->second;
+    } else {
+      std::error_code error;
+      auto canonical = std::filesystem::canonical(folder, error);
+      if (!error) resolved = canonical.string();
+      if (folders.size() > 65536) folders.clear();
+      folders.emplace(folder, resolved);
+    }
+  }
+  return resolved ? (std::filesystem::path(*resolved) / given.filename()).string() : path;
 }
 
 bool isAtOrBelow(const std::string& path, const std::string& folder) {
@@ -166,14 +182,17 @@ bool isAtOrBelow(const std::string& path, const std::string& folder) {
 
 // The home folders the user may be said to have: the environment's and the password database's,
 // each with its links resolved.
-std::vector<std::string> homeFolders() {
-  std::vector<std::string> homes;
-  std::error_code error;
-  for (const std::string& home : {platform::currentLocations().home, platform::passwordHome()}) {
-    if (home.empty() || home.front() != '/') continue;
-    auto resolved = std::filesystem::canonical(home, error);
-    homes.push_back(error ? absolutePath(home) : resolved.string());
-  }
+const std::vector<std::string>& homeFolders() {
+  static const std::vector<std::string> homes = [] {
+    std::vector<std::string> found;
+    std::error_code error;
+    for (const std::string& home : {platform::currentLocations().home, platform::passwordHome()}) {
+      if (home.empty() || home.front() != '/') continue;
+      auto resolved = std::filesystem::canonical(home, error);
+      found.push_back(error ? absolutePath(home) : resolved.string());
+    }
+    return found;
+  }();
   return homes;
 }
 
@@ -221,15 +240,17 @@ std::int64_t bytesAt(const std::string& path) {
 
 namespace {
 
-// The regular files a path holds, one small record per name, with their sizes and link counts:
-// what deleting it may free. Made by one walk, which also gives the plan its size; a large tree
-// costs 32 bytes a file, sorted once.
+// The regular files the paths to delete hold, one small record per name, with their sizes and
+// link counts: what deleting them may free. Made by one walk of each path, which also gives the
+// plan its sizes. A name costs 32 bytes, kept in chunks (growing never copies the whole list)
+// and sorted once; a list of single files costs as little as a tree.
 class FilesHeld final : public platform::WalkVisitor {
  public:
   struct Name {
     std::uint64_t device, inode;
     std::int64_t size;
-    std::uint64_t links;
+    std::uint32_t links;
+    std::uint32_t path;  // the index of the path to delete that holds it
     bool operator<(const Name& other) const {
       return device != other.device ? device < other.device : inode < other.inode;
     }
@@ -238,59 +259,55 @@ class FilesHeld final : public platform::WalkVisitor {
     }
   };
 
+  // Walks `path`, the `index`th to delete; gives the bytes it holds (each name's size).
+  std::int64_t add(const std::string& path, std::uint32_t index) {
+    current_ = index;
+    bytes_ = 0;
+    struct stat status;
+    if (::lstat(path.c_str(), &status) == 0) {
+      if (S_ISDIR(status.st_mode)) {
+        platform::walkTree(path, *this);
+      } else if (S_ISREG(status.st_mode)) {
+        add(status);
+      }
+    }
+    return bytes_;
+  }
+
   void entry(const std::string&, std::string_view, const struct stat& status) override {
     if (S_ISREG(status.st_mode)) add(status);
   }
+
+  // The bytes freed when the paths for which `gone` is true are deleted: each file once, and
+  // only when all its names go.
+  std::int64_t bytesFreed(const std::function<bool(std::uint32_t)>& gone) {
+    if (!sorted_) std::sort(names_.begin(), names_.end());
+    sorted_ = true;
+    std::int64_t total = 0;
+    for (std::size_t i = 0; i < names_.size();) {
+      std::size_t end = i;
+      std::uint32_t going = 0;
+      for (; end < names_.size() && names_[end].sameFile(names_[i]); ++end) {
+        going += gone(names_[end].path) ? 1 : 0;
+      }
+      if (going > 0 && going >= names_[i].links) total += names_[i].size;
+      i = end;
+    }
+    return total;
+  }
+
+ private:
   void add(const struct stat& status) {
-    names.push_back(Name{status.st_dev, status.st_ino, status.st_size, status.st_nlink});
-  }
-  // Sorted by file, once the walk is over; the bytes the path holds, each file once.
-  void finish() {
-    std::sort(names.begin(), names.end());
-    for (std::size_t i = 0; i < names.size(); ++i) {
-      if (i == 0 || !names[i].sameFile(names[i - 1])) bytes += names[i].size;
-    }
+    names_.push_back(Name{status.st_dev, status.st_ino, status.st_size,
+                          static_cast<std::uint32_t>(status.st_nlink), current_});
+    bytes_ += status.st_size;
   }
 
-  // In chunks: growing never copies the whole list, which would double its peak.
-  std::deque<Name> names;
-  std::int64_t bytes = 0;
+  std::deque<Name> names_;
+  std::uint32_t current_ = 0;
+  std::int64_t bytes_ = 0;
+  bool sorted_ = false;
 };
-
-FilesHeld filesHeldBy(const std::string& path) {
-  FilesHeld held;
-  struct stat status;
-  if (::lstat(path.c_str(), &status) == 0) {
-    if (S_ISDIR(status.st_mode)) {
-      platform::walkTree(path, held);
-    } else if (S_ISREG(status.st_mode)) {
-      held.add(status);
-    }
-  }
-  held.finish();
-  return held;
-}
-
-// The bytes freed by deleting all of `held`: each file once, and only when all its names go.
-std::int64_t bytesFreed(const std::vector<const FilesHeld*>& held) {
-  std::deque<FilesHeld::Name> merged;
-  if (held.size() > 1) {
-    for (const auto* files : held) {
-      merged.insert(merged.end(), files->names.begin(), files->names.end());
-    }
-    std::sort(merged.begin(), merged.end());
-  }
-  // One path's names are sorted already.
-  const std::deque<FilesHeld::Name>& all = held.size() == 1 ? held.front()->names : merged;
-  std::int64_t total = 0;
-  for (std::size_t i = 0; i < all.size();) {
-    std::size_t end = i + 1;
-    while (end < all.size() && all[end].sameFile(all[i])) ++end;
-    if (end - i >= all[i].links) total += all[i].size;
-    i = end;
-  }
-  return total;
-}
 
 }  // namespace
 
@@ -313,17 +330,15 @@ platform::DeletionGuard sameBytesGuard(std::map<std::string, std::string> sameAs
 }
 
 void confirmAndDelete(const DeletionRequest& request, bool yes, bool dryRun, bool json) {
-  std::map<std::string, std::int64_t> sizes;
-  std::map<std::string, FilesHeld> held;
-  std::vector<const FilesHeld*> all;
-  for (const auto& path : request.paths) {
-    held[path] = filesHeldBy(path);
-    sizes[path] = held[path].bytes;
+  FilesHeld held;
+  std::vector<std::int64_t> sizes;
+  sizes.reserve(request.paths.size());
+  for (std::size_t i = 0; i < request.paths.size(); ++i) {
+    sizes.push_back(held.add(request.paths[i], static_cast<std::uint32_t>(i)));
   }
-  for (const auto& [path, files] : held) all.push_back(&files);
   // What deleting everything frees: hard-linked files once, and not at all while a name of
   // them stays elsewhere.
-  std::int64_t total = bytesFreed(all);
+  std::int64_t total = held.bytesFreed([](std::uint32_t) { return true; });
   for (const auto& photo : request.photos) total += photo.file.size;
   const std::size_t count = request.paths.size() + request.photos.size();
 
@@ -335,9 +350,9 @@ void confirmAndDelete(const DeletionRequest& request, bool yes, bool dryRun, boo
   for (const auto& [path, reason] : request.leftAlone) {
     std::fprintf(plan, "left alone  %s (%s)\n", displayText(path).c_str(), reason.c_str());
   }
-  for (const auto& path : request.paths) {
-    std::fprintf(plan, "delete      %s  %s\n", displayText(path).c_str(),
-                 platform::formatByteCount(sizes[path]).c_str());
+  for (std::size_t i = 0; i < request.paths.size(); ++i) {
+    std::fprintf(plan, "delete      %s  %s\n", displayText(request.paths[i]).c_str(),
+                 platform::formatByteCount(sizes[i]).c_str());
   }
   for (const auto& photo : request.photos) {
     std::fprintf(plan, "delete      %s  [photo %s]\n", displayText(photo.file.url).c_str(),
@@ -395,13 +410,14 @@ void confirmAndDelete(const DeletionRequest& request, bool yes, bool dryRun, boo
 
   std::vector<std::string> deleted;
   std::vector<std::pair<std::string, std::string>> failed = request.leftAlone;
-  std::vector<const FilesHeld*> gone;
+  std::vector<bool> gone(request.paths.size(), false);
   std::int64_t partlyFreed = 0;
-  for (const auto& path : request.paths) {
+  for (std::size_t i = 0; i < request.paths.size(); ++i) {
+    const std::string& path = request.paths[i];
     // A path that is gone is deleted, whoever reported it.
     if (progress->deleted.count(path) > 0 || !exists(path)) {
       deleted.push_back(path);
-      gone.push_back(&held[path]);
+      gone[i] = true;
     } else {
       auto kept = request.sameAs.find(path);
       auto outcome = progress->left.find(path);
@@ -419,11 +435,11 @@ void confirmAndDelete(const DeletionRequest& request, bool yes, bool dryRun, boo
                                      : std::nullopt));
       // What went of a path deleted part way is freed too.
       if (outcome != progress->left.end() && outcome->second.removed > 0) {
-        partlyFreed += std::max<std::int64_t>(0, sizes[path] - bytesAt(path));
+        partlyFreed += std::max<std::int64_t>(0, sizes[i] - bytesAt(path));
       }
     }
   }
-  std::int64_t freed = bytesFreed(gone) + partlyFreed;
+  std::int64_t freed = held.bytesFreed([&](std::uint32_t i) { return gone[i]; }) + partlyFreed;
   for (const auto& photo : request.photos) {
     if (progress->deleted.count(photo.file.url) > 0) {
       deleted.push_back(photo.file.url);
