@@ -51,9 +51,15 @@ Result<std::string> readRegularFile(const std::string& path, std::size_t maxByte
                                     Follow follow = Follow::yes);
 
 // The identifier of the mount that `name` (relative to the open folder `folder`, or a path with
-// AT_FDCWD) belongs to, without following a link: a bind mount of the same file system has one
-// of its own though it shares the device. 0 when the kernel can't tell.
+// AT_FDCWD; "" for `folder` itself) belongs to, without following a link: a bind mount of the
+// same file system has one of its own though it shares the device. 0 when the kernel can't tell.
 std::uint64_t mountIdentifier(int folder, const char* name);
+
+namespace detail {
+// Makes `mountIdentifier` answer 0 as on kernels before 5.8, which don't tell mount ids; for
+// tests of the code that must then fall back to devices.
+void setMountIdentifiersUnavailable(bool unavailable);
+}  // namespace detail
 
 // Whether `path` lies on a file system mounted read-only (an immutable system image, say). False
 // when it can't be told.

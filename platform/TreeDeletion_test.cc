@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "platform/Files.h"
 #include "testsupport/TestSupport.h"
 
 namespace platform {
@@ -176,6 +177,17 @@ TEST(TreeDeletionTest, MountsAreNeverEntered) {
     bool ok = inside.error == EXDEV && inside.failedPath == tmp / "tree/mnt" &&
               !exists(tmp / "tree/plain") && named.error == EBUSY &&
               exists(tmp / "point/precious") && exists(tmp / "tree/mnt/precious");
+    // Where the kernel tells no mount ids, devices still tell another file system apart.
+    detail::setMountIdentifiersUnavailable(true);
+    ::mkdir((tmp / "again").c_str(), 0755);
+    ::mkdir((tmp / "again/mnt").c_str(), 0755);
+    ::mount("tmpfs", (tmp / "again/mnt").c_str(), "tmpfs", 0, nullptr);
+    ::close(::open((tmp / "again/mnt/precious").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
+    TreeDeletion blind = deleteTree(tmp / "again");
+    TreeDeletion blindNamed = deleteTree(tmp / "again/mnt");
+    ok = ok && blind.error == EXDEV && blindNamed.error == EBUSY &&
+         exists(tmp / "again/mnt/precious");
+    ::umount((tmp / "again/mnt").c_str());
     ::_exit(ok ? 0 : 1);
   }
   int status = 0;

@@ -6,6 +6,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -52,9 +53,17 @@ FileStatus statusOf(const struct stat& st) {
 
 }  // namespace
 
+namespace {
+std::atomic<bool> gNoMountIdentifiers{false};
+}  // namespace
+
+void detail::setMountIdentifiersUnavailable(bool unavailable) { gNoMountIdentifiers = unavailable; }
+
 std::uint64_t mountIdentifier(int folder, const char* name) {
+  if (gNoMountIdentifiers.load(std::memory_order_relaxed)) return 0;
   struct statx status {};
-  if (::statx(folder, name, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_MNT_ID, &status) != 0 ||
+  int flags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT | (name[0] == '\0' ? AT_EMPTY_PATH : 0);
+  if (::statx(folder, name, flags, STATX_MNT_ID, &status) != 0 ||
       (status.stx_mask & STATX_MNT_ID) == 0) {
     return 0;
   }

@@ -46,16 +46,6 @@ int failWith(int fd, int code) {
   return -1;
 }
 
-// The mount id of an open folder, 0 when the kernel doesn't tell it.
-std::uint64_t mountOf(int fd) {
-  struct statx status {};
-  if (::statx(fd, "", AT_EMPTY_PATH, STATX_MNT_ID, &status) != 0 ||
-      (status.stx_mask & STATX_MNT_ID) == 0) {
-    return 0;
-  }
-  return status.stx_mnt_id;
-}
-
 // Removes every entry a walk reaches, children before their folder.
 class Remover final : public WalkVisitor {
  public:
@@ -207,7 +197,8 @@ TreeDeletion deleteTree(const std::string& path, const TreeDeletionOptions& opti
   }
   // A file system's root is not deleted from here, as one found inside isn't.
   struct stat holder;
-  const std::uint64_t parentMount = mountOf(parent), mount = mountIdentifier(parent, name.c_str());
+  const std::uint64_t parentMount = mountIdentifier(parent, ""),
+                      mount = mountIdentifier(parent, name.c_str());
   if (::fstat(parent, &holder) != 0) return fail(errno);
   if (holder.st_dev != status.st_dev || (parentMount != 0 && mount != 0 && parentMount != mount)) {
     return fail(EBUSY);
