@@ -74,7 +74,7 @@ TEST(DispatchQueueTest, BlockedSerialQueueDoesNotStarveOthers) {
 
   gate.signal();
   DispatchSemaphore done(0);
-  blocked.async([&] { done.signal(); });
+  blocked.async([done] { done.signal(); });
   ASSERT_TRUE(done.wait(5s));
   EXPECT_TRUE(blockedFinished);
   EXPECT_TRUE(behind);
@@ -215,14 +215,20 @@ TEST(DispatchAfterTest, NeverRunsEarlyAndKeepsDeadlineOrder) {
   std::vector<std::pair<int, DispatchClock::duration>> fired;
   auto start = DispatchClock::now();
   DispatchSemaphore done(0);
-  queue.asyncAfter(60ms, [&] {
-    std::lock_guard lock(mutex);
-    fired.emplace_back(60, DispatchClock::now() - start);
+  // The semaphore is a handle, copied into each block, and signalled once the lock is let go:
+  // the test may end as soon as it is signalled, and take its mutex with it.
+  queue.asyncAfter(60ms, [&, done] {
+    {
+      std::lock_guard lock(mutex);
+      fired.emplace_back(60, DispatchClock::now() - start);
+    }
     done.signal();
   });
-  queue.asyncAfter(20ms, [&] {
-    std::lock_guard lock(mutex);
-    fired.emplace_back(20, DispatchClock::now() - start);
+  queue.asyncAfter(20ms, [&, done] {
+    {
+      std::lock_guard lock(mutex);
+      fired.emplace_back(20, DispatchClock::now() - start);
+    }
     done.signal();
   });
   ASSERT_TRUE(done.wait(5s));
