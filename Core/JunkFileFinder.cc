@@ -1,9 +1,14 @@
 #include "Core/JunkFileFinder.h"
 
+#include <algorithm>
+#include <ctime>
+#include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 #include "platform/Files.h"
 #include "platform/Locations.h"
+#include "platform/Regex.h"
 
 namespace Core {
 
@@ -22,12 +27,6 @@ std::int64_t listedSize(const URLResource& item) {
   }
 }
 
-std::string joined(const std::vector<std::string>& parts, const std::string& separator) {
-  std::string out;
-  for (std::size_t i = 0; i < parts.size(); ++i) out += (i ? separator : "") + parts[i];
-  return out;
-}
-
 }  // namespace
 
 const std::set<std::string>& systemCacheExclusions() {
@@ -42,22 +41,164 @@ const std::set<std::string>& systemCacheExclusions() {
   return *names;
 }
 
-const platform::Regex& rotatedLogExpression() {
-  static const platform::Regex* expression = [] {
-    const std::string compressed =
-        "\\.(?:" + joined({"gz", "xz", "bz2", "zst", "lz4", "Z"}, "|") + ")";
-    const std::vector<std::string> rotations = {
-        "\\.[0-9]+(?:" + compressed + ")?",  // syslog.1, syslog.2.gz
-        "-[0-9]{8}(?:" + compressed + ")?",  // messages-20261101
-        "\\.old",                            // Xorg.0.log.old
-        compressed,                          // anything compressed: never written to again
-    };
-    std::string pattern = "^(?:[^/]+?(?:" + joined(rotations, "|") + ")" +
-                          // journald's archived files, and those it set aside as damaged
-                          "|[^/]+@[^/]+\\.journal~?|[^/]+\\.journal~)$";
-    return new platform::Regex(*platform::Regex::compile(pattern));
-  }();
-  return *expression;
+namespace {
+
+constexpr std::int64_t kHour = 3600;
+constexpr std::int64_t kWeek = 7 * 24 * kHour;
+
+// A log's name taken apart: the live log's name it comes from, and what was added to it.
+struct LogName {
+  std::string base;
+  bool compressed = false;
+  bool rotated = false;  // a rotation suffix: .1, .old, -20261101, .2026-11-01
+};
+
+bool allDigits(std::string_view text) {
+  return !text.empty() &&
+         std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+// YYYYMMDD, optionally with HH after it, in a range a log could carry.
+bool isCompactDate(std::string_view digits) {
+  if ((digits.size() != 8 && digits.size() != 10) || !allDigits(digits)) return false;
+  int year = std::stoi(std::string(digits.substr(0, 4)));
+  int month = std::stoi(std::string(digits.substr(4, 2)));
+  int day = std::stoi(std::string(digits.substr(6, 2)));
+  int hour = digits.size() == 10 ? std::stoi(std::string(digits.substr(8, 2))) : 0;
+  return year >= 1990 && year <= 2199 && month >= 1 && month <= 12 && day >= 1 && day <= 31 &&
+         hour <= 23;
+}
+
+// YYYY-MM-DD.
+bool isDashedDate(std::string_view text) {
+  return text.size() == 10 && text[4] == '-' && text[7] == '-' &&
+         isCompactDate(std::string(text.substr(0, 4)) + std::string(text.substr(5, 2)) +
+                       std::string(text.substr(8, 2)));
+}
+
+bool isDateSeparator(char c) { return c == '-' || c == '.' || c == '_'; }
+
+LogName parseLogName(std::string_view name) {
+  LogName parsed;
+  for (const char* extension : {".gz", ".xz", ".bz2", ".zst", ".lz4", ".Z"}) {
+    std::string_view suffix(extension);
+    if (name.size() > suffix.size() && name.ends_with(suffix)) {
+      name.remove_suffix(suffix.size());
+      parsed.compressed = true;
+      break;
+    }
+  }
+  auto strip = [&](std::size_t length) {
+    name.remove_suffix(length);
+    parsed.rotated = true;
+  };
+  std::size_t lastNonDigit = name.find_last_not_of("0123456789");
+  std::size_t digits = lastNonDigit == std::string_view::npos ? 0 : name.size() - lastNonDigit - 1;
+  if (name.size() > 4 && name.ends_with(".old")) {
+    strip(4);
+  } else if (digits > 0 && lastNonDigit > 0) {
+    char separator = name[lastNonDigit];
+    std::string_view number = name.substr(lastNonDigit + 1);
+    if (separator == '.' && digits <= 3) {
+      strip(digits + 1);  // syslog.1; savelog's .0; at most a few hundred kept
+    } else if (isDateSeparator(separator) && isCompactDate(number)) {
+      strip(digits + 1);  // messages-20261101, access_log.20261123
+    } else if (name.size() > 11 && isDateSeparator(name[name.size() - 11]) &&
+               isDashedDate(name.substr(name.size() - 10))) {
+      strip(11);  // app.log.2026-11-01
+    }
+  }
+  parsed.base = std::string(name);
+  return parsed;
+}
+
+std::string lowercaseASCII(std::string_view text) {
+  std::string out(text);
+  for (char& c : out) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return out;
+}
+
+// A name that says it is a log: rotation suffixes on anything else (a client's address in
+// Samba's log.192.168.1.5, an archive's volume number) are not taken for rotations.
+bool isLogLike(std::string_view base) {
+  std::string name = lowercaseASCII(base);
+  for (const char* ending : {"log", "logs", ".err", ".warn", ".info", ".crit", ".notice"}) {
+    if (name.ends_with(ending)) return true;
+  }
+  static const std::set<std::string> kNames = {"messages", "debug", "wtmp",    "btmp",
+                                               "dmesg",    "kern",  "mail",    "cron",
+                                               "secure",   "boot",  "spooler", "user"};
+  return kNames.count(name) > 0;
+}
+
+// Families whose numbered files are all live: a server reads them back (binary and relay logs of
+// MySQL and MariaDB, listed in their index; redo and Aria logs; write-ahead logs).
+bool isAlwaysLive(std::string_view name) {
+  static const platform::Regex* expression = new platform::Regex(
+      *platform::Regex::compile("(?i)^(?:(?:.*[-_.])?(?:bin|binlog|relay-bin|relay-log)\\.[0-9]+"
+                                "|#?ib_logfile[0-9]+|#?ib_redo[0-9]+|aria_log\\.[0-9]+"
+                                "|.*(?:[-_.]|^)wal(?:[-_.].*)?|[0-9A-F]{24}(?:\\.partial)?)$"));
+  return expression->matches(name);
+}
+
+// journald's archived files, and those it set aside as damaged.
+bool isFinishedJournal(std::string_view name) {
+  static const platform::Regex* expression = new platform::Regex(
+      *platform::Regex::compile("^(?:[^/]+@[^/]+\\.journal~?|[^/]+\\.journal~)$"));
+  return expression->matches(name);
+}
+
+// A part of an archive (PCP's BASE.0, BASE.meta, BASE.index, compressed or not), which the
+// archive's index and metadata refer to: a prefix of the name, up to a dot, has a metadata or
+// index file beside it.
+bool isArchiveMember(const std::string& name, const std::unordered_set<std::string>& present) {
+  for (std::size_t dot = name.find('.'); dot != std::string::npos; dot = name.find('.', dot + 1)) {
+    std::string prefix = name.substr(0, dot);
+    for (const char* part : {".meta", ".meta.xz", ".index", ".index.xz"}) {
+      if (present.count(prefix + part)) return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
+std::vector<bool> finishedLogs(const std::vector<platform::DirectoryEntry>& entries,
+                               std::int64_t now) {
+  std::vector<LogName> names;
+  names.reserve(entries.size());
+  std::unordered_map<std::string, std::int64_t> newest;  // base: newest of the family
+  std::unordered_set<std::string> present;               // regular files, by name
+  for (const auto& entry : entries) {
+    names.push_back(parseLogName(entry.name));
+    if (entry.type != platform::FileType::regular) continue;
+    present.insert(entry.name);
+    auto [found, inserted] = newest.try_emplace(names.back().base, entry.modified);
+    if (!inserted) found->second = std::max(found->second, entry.modified);
+  }
+  std::vector<bool> finished(entries.size(), false);
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    const auto& entry = entries[i];
+    const LogName& name = names[i];
+    if (entry.type != platform::FileType::regular) continue;
+    if (now - entry.modified < kHour) continue;  // perhaps still being written
+    if (isAlwaysLive(entry.name)) continue;
+    if (isFinishedJournal(entry.name)) {
+      finished[i] = true;
+      continue;
+    }
+    if (!name.compressed && !name.rotated) continue;
+    if (isArchiveMember(entry.name, present)) continue;
+    if (name.compressed || present.count(name.base)) {
+      finished[i] = true;
+      continue;
+    }
+    finished[i] = isLogLike(name.base) &&
+                  (entry.modified < newest[name.base] || now - entry.modified > kWeek);
+  }
+  return finished;
 }
 
 std::shared_ptr<JunkFileFinder> JunkFileFinder::create(std::shared_ptr<const RuleManager> rules,
@@ -158,10 +299,12 @@ void JunkFileFinder::caches(FileFinderContext& context) {
 void JunkFileFinder::logs(FileFinderContext& context) {
   if (context.interrupted()) return;
   const platform::Locations& locations = platform::currentLocations();
-  // Crash reports, every one.
+  // Crash reports, every one the system is done writing.
+  const std::int64_t now = static_cast<std::int64_t>(std::time(nullptr));
   if (auto listing = listDirectory(locations.crashReports); listing.ok()) {
     for (const auto& item : *listing) {
       if (context.interrupted()) return;
+      if (now - item.resourceValues.modified < kHour) continue;
       File file{item.url, listedSize(item)};
       if (auto live = delegate.lock()) live->junkFileFinderFoundLog(file);
     }
@@ -169,7 +312,6 @@ void JunkFileFinder::logs(FileFinderContext& context) {
   // The logs that are done with, in the logs folder and the folders below it (apt's, the
   // journal's), never entering a link.
   if (context.interrupted()) return;
-  const platform::Regex& done = rotatedLogExpression();
   std::vector<std::pair<std::string, int>> folders{{locations.systemLogs, 0}};
   while (!folders.empty()) {
     auto [folder, depth] = std::move(folders.back());
@@ -177,14 +319,18 @@ void JunkFileFinder::logs(FileFinderContext& context) {
     if (context.interrupted()) return;
     auto listing = listDirectory(folder);
     if (!listing.ok()) continue;  // what can't be read is passed over
-    for (const auto& item : *listing) {
+    std::vector<platform::DirectoryEntry> entries;
+    entries.reserve(listing->size());
+    for (const auto& item : *listing) entries.push_back(item.resourceValues);
+    const std::vector<bool> finished = finishedLogs(entries, now);
+    for (std::size_t i = 0; i < listing->size(); ++i) {
       if (context.interrupted()) return;
+      const auto& item = (*listing)[i];
       if (item.resourceValues.isDirectory()) {
         if (depth < 8) folders.emplace_back(item.url, depth + 1);
         continue;
       }
-      if (item.resourceValues.type != platform::FileType::regular) continue;
-      if (!done.matches(item.resourceValues.name)) continue;
+      if (!finished[i]) continue;
       File file{item.url, item.resourceValues.fileSize};
       if (auto live = delegate.lock()) live->junkFileFinderFoundLog(file);
     }

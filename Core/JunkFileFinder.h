@@ -5,9 +5,8 @@
 // application stage (`AppJunkFinder`) for what the rules describe.
 //
 // On Linux the categories hold only what can go without loss: the children of /var/cache except
-// what a package can't rebuild, crash reports, logs no program writes any more (rotated,
-// compressed, archived journals; never a live log), and trashed items. The finder only reports;
-// deleting is the host's business.
+// what a package can't rebuild, crash reports, logs no program writes any more (see
+// `finishedLogs`), and trashed items. The finder only reports; deleting is the host's business.
 //
 // The three category reports come on the scan's serial queue; every other delegate call on the
 // main queue. `start()` and `stop()` are called on the main thread.
@@ -19,8 +18,8 @@
 
 #include "Core/AppJunkFinder.h"
 #include "Core/File.h"
+#include "platform/Files.h"
 #include "platform/Metadata.h"
-#include "platform/Regex.h"
 
 namespace Core {
 
@@ -46,9 +45,19 @@ class JunkFileFinderDelegate {
 // rebuild there (debconf's database, cracklib's dictionary, ...).
 const std::set<std::string>& systemCacheExclusions();
 
-// The expression that tells a log no program writes any more: rotated (NAME.1, NAME.2.gz,
-// NAME-20261101, NAME.old), compressed, or an archived or damaged journal file.
-const platform::Regex& rotatedLogExpression();
+// Which entries of one log folder are logs no program writes any more, by name, age and
+// siblings; `now` in seconds since 1970. A regular file is finished when
+// - it is an archived or damaged journal file (NAME@...journal, NAME.journal~), or
+// - it is compressed (.gz, .xz, .bz2, .zst, .lz4, .Z), or
+// - its name is a live log's with a rotation suffix (.1, .old, -20261101, .2026-11-01) and that
+//   live log is beside it, or
+// - it carries a rotation suffix on a log-like name (ending in "log", or messages, wtmp, ...)
+//   and it is older than the newest of its siblings or than a week;
+// and never when it changed in the last hour, belongs to a family whose numbered files are all
+// live (database binary and relay logs, InnoDB and Aria logs, write-ahead logs), or is part of
+// an archive (a sibling BASE.meta or BASE.index, as PCP writes them).
+std::vector<bool> finishedLogs(const std::vector<platform::DirectoryEntry>& entries,
+                               std::int64_t now);
 
 class JunkFileFinder : public AppJunkFinderDelegate,
                        public std::enable_shared_from_this<JunkFileFinder> {

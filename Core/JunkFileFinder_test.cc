@@ -17,6 +17,8 @@ namespace {
 
 using testsupport::TempDir;
 
+constexpr long kDay = 24 * 3600;
+
 // A file index that answers with the items the test gives, as soon as it is started.
 class CannedQuery final : public platform::MetadataQuery {
  public:
@@ -147,20 +149,66 @@ TEST_F(JunkFileFinderTest, EachCategoryHoldsOnlyWhatCanGoWithoutLoss) {
     tmp_.write(std::string("var/cache/") + kept, "keep");
   }
   tmp_.write("var/crash/_usr_bin_app.0.crash", "crash");
-  const std::set<std::string> rotated = {"var/log/syslog.1",
-                                         "var/log/syslog.2.gz",
-                                         "var/log/dpkg.log.1",
-                                         "var/log/Xorg.0.log.old",
-                                         "var/log/messages-20261101",
-                                         "var/log/apt/history.log.1.gz",
-                                         "var/log/auth.log.3.xz",
-                                         "var/log/journal/abc/system@0001-0002.journal",
-                                         "var/log/journal/abc/user-1000@0003.journal~"};
-  for (const auto& path : rotated) tmp_.write(path, "old");
-  for (const char* live :
-       {"syslog", "dpkg.log", "Xorg.0.log", "apt/history.log", "wtmp", "journal/abc/system.journal",
-        "installer/syslog", "php7.4-fpm.log", "fontconfig.log"}) {
-    tmp_.write(std::string("var/log/") + live, "live");
+  tmp_.age("var/crash/_usr_bin_app.0.crash", kDay);
+  tmp_.write("var/crash/_usr_bin_now.0.crash", "being written");
+  // Each log with its age in days (a negative age: minutes), and whether it is done with.
+  struct Log {
+    const char* path;
+    double days;
+    bool finished;
+  };
+  const Log table[] = {
+      // A live log beside it, compressed, or an archived or damaged journal.
+      {"syslog", 0.5, false},
+      {"syslog.1", 1, true},
+      {"syslog.2.gz", 2, true},
+      {"dpkg.log", 0.5, false},
+      {"dpkg.log.1", 3, true},
+      {"Xorg.0.log", 0.5, false},
+      {"Xorg.0.log.old", 3, true},
+      {"apt/history.log.1.gz", 3, true},
+      {"auth.log.3.xz", 3, true},
+      {"journal/abc/system.journal", 0.5, false},
+      {"journal/abc/system@0001-0002.journal", 3, true},
+      {"journal/abc/user-1000@0003.journal~", 3, true},
+      {"wtmp", 0.5, false},
+      {"php7.4-fpm.log", 20, false},
+      // Dated names: the newest of a family is the live one, until a week without a change.
+      {"httpd/access_log.20261122", 2, true},
+      {"httpd/access_log.20261123", 1, false},
+      {"httpd/error_log-20261123", 1, false},
+      {"messages-20261101", 10, true},
+      {"app/app.log.2026-11-01", 10, true},
+      // Families whose numbered files are all live, whatever their age.
+      {"mysql/mysql-bin.000007", 30, false},
+      {"mysql/mysql-bin.index", 30, false},
+      {"mysql/mariadb-bin.000012", 30, false},
+      {"mysql/host-relay-bin.000003", 30, false},
+      {"mysql/ib_logfile0", 30, false},
+      {"mysql/aria_log.00000001", 30, false},
+      // Numbers that aren't rotations: a client's address, an archive's volumes.
+      {"samba/log.192.168.1.5", 30, false},
+      {"samba/log.smbd", 0.5, false},
+      {"samba/log.smbd.old", 3, true},
+      {"pcp/pmlogger/host/20261123.0", 0.5, false},
+      {"pcp/pmlogger/host/20261123.meta", 0.5, false},
+      {"pcp/pmlogger/host/20261123.index", 0.5, false},
+      {"pcp/pmlogger/host/20261101.0.xz", 20, false},
+      {"pcp/pmlogger/host/20261101.meta.xz", 20, false},
+      {"pcp/pmlogger/host/20261120.00.10.1", 3, false},
+      {"pcp/pmlogger/host/20261120.00.10.index", 3, false},
+      // Changed in the last hour: perhaps still written, or being compressed.
+      {"probe-rot.log", -1, false},
+      {"probe-rot.log.1", -5, false},
+      {"syslog.3.gz", -30, false},
+  };
+  std::set<std::string> rotated;
+  for (const auto& log : table) {
+    std::string path = std::string("var/log/") + log.path;
+    tmp_.write(path, "log");
+    tmp_.age(path,
+             log.days < 0 ? static_cast<long>(-log.days * 60) : static_cast<long>(log.days * kDay));
+    if (log.finished) rotated.insert(path);
   }
   tmp_.write("home/.local/share/Trash/files/old-report.pdf", "12345");
   tmp_.write("home/.local/share/Trash/files/folder/inside", "123");
@@ -243,6 +291,7 @@ TEST_F(JunkFileFinderTest, AnUnreadableLogFolderEndsOnlyTheLogs) {
   if (::geteuid() != 0) GTEST_SKIP() << "needs root to act as an unprivileged user";
   ::chmod(tmp_.path().c_str(), 0755);
   tmp_.write("var/crash/app.crash", "c");
+  tmp_.age("var/crash/app.crash", kDay);
   tmp_.write("var/log/syslog.1", "old");
   ::chmod((tmp_ / "var/log").c_str(), 0700);
   tmp_.write("home/.local/share/Trash/files/item", "t");

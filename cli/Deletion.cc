@@ -329,6 +329,46 @@ platform::DeletionGuard sameBytesGuard(std::map<std::string, std::string> sameAs
   };
 }
 
+platform::DeletionGuard quietGuard(std::set<std::string> quiet) {
+  return [quiet = std::move(quiet)](const std::string& path, int, const std::string&,
+                                    const struct stat& status) {
+    if (!quiet.count(path)) return 0;
+    return ::time(nullptr) - status.st_mtim.tv_sec < 3600 ? EBUSY : 0;
+  };
+}
+
+namespace {
+
+// Runs one deleter over `paths` and `photos` to its end, with the progress line, pause (p) and
+// Ctrl-C; true when it was stopped.
+bool runDeleter(const std::vector<std::string>& paths, const std::vector<Core::Photo>& photos,
+                platform::DeletionGuard guard, const std::shared_ptr<DeletionProgress>& progress) {
+  progress->completed = false;
+  auto deleter = Deleter::create(paths, photos);
+  deleter->delegate = progress;
+  deleter->guard = std::move(guard);
+  bool stopped = false;
+  InterruptGuard interrupt;
+  KeyReader keys;
+  deleter->start();
+  while (!progress->completed) {
+    if (interrupt.interrupted() && !stopped) {
+      stopped = true;
+      deleter->stop();
+    }
+    if (auto key = keys.key(); key && (*key == 'p' || *key == 'P') && !stopped) {
+      progress->paused = !progress->paused;
+      progress->paused ? deleter->pause() : deleter->start();
+      progress->redraw();
+    }
+    platform::runMainUntil([&] { return progress->completed; }, std::chrono::milliseconds(50));
+  }
+  progress->status.clear();
+  return stopped;
+}
+
+}  // namespace
+
 void confirmAndDelete(const DeletionRequest& request, bool yes, bool dryRun, bool json) {
   FilesHeld held;
   std::vector<std::int64_t> sizes;
@@ -384,28 +424,39 @@ void confirmAndDelete(const DeletionRequest& request, bool yes, bool dryRun, boo
     }
   }
 
+  // Every guard the request asks for, in turn.
+  std::vector<platform::DeletionGuard> guards;
+  if (!request.sameAs.empty()) guards.push_back(sameBytesGuard(request.sameAs));
+  if (!request.quiet.empty()) guards.push_back(quietGuard(request.quiet));
+  platform::DeletionGuard guard;
+  if (!guards.empty()) {
+    guard = [guards](const std::string& path, int folder, const std::string& name,
+                     const struct stat& status) {
+      for (const auto& check : guards) {
+        if (int refused = check(path, folder, name, status)) return refused;
+      }
+      return 0;
+    };
+  }
   auto progress = std::make_shared<DeletionProgress>();
-  auto deleter = Deleter::create(request.paths, request.photos);
-  deleter->delegate = progress;
-  if (!request.sameAs.empty()) deleter->guard = sameBytesGuard(request.sameAs);
-  bool stopped = false;
-  {
-    InterruptGuard interrupt;
-    KeyReader keys;
-    deleter->start();
-    while (!progress->completed) {
-      if (interrupt.interrupted() && !stopped) {
-        stopped = true;
-        deleter->stop();
+  std::vector<std::string> first, then;
+  for (const auto& path : request.paths) {
+    (request.after.count(path) ? then : first).push_back(path);
+  }
+  bool stopped = runDeleter(first, request.photos, guard, progress);
+  // What goes only after another path: once that one is gone.
+  std::map<std::string, std::string> stayed;  // path: the path that stays with it
+  if (!then.empty() && !stopped) {
+    std::vector<std::string> followers;
+    for (const auto& path : then) {
+      const std::string& leader = request.after.at(path);
+      if (exists(leader)) {
+        stayed.emplace(path, leader);
+      } else {
+        followers.push_back(path);
       }
-      if (auto key = keys.key(); key && (*key == 'p' || *key == 'P') && !stopped) {
-        progress->paused = !progress->paused;
-        progress->paused ? deleter->pause() : deleter->start();
-        progress->redraw();
-      }
-      platform::runMainUntil([&] { return progress->completed; }, std::chrono::milliseconds(50));
     }
-    progress->status.clear();
+    if (!followers.empty()) stopped = runDeleter(followers, {}, guard, progress);
   }
 
   std::vector<std::string> deleted;
@@ -422,6 +473,15 @@ void confirmAndDelete(const DeletionRequest& request, bool yes, bool dryRun, boo
       auto kept = request.sameAs.find(path);
       auto outcome = progress->left.find(path);
       auto helper = progress->askedHelper.find(path);
+      if (auto leader = stayed.find(path); leader != stayed.end()) {
+        failed.emplace_back(path, "kept: " + displayText(leader->second) + " was not deleted");
+        continue;
+      }
+      if (outcome != progress->left.end() && outcome->second.error == EBUSY &&
+          request.quiet.count(path)) {
+        failed.emplace_back(path, "changed in the last hour: a program may be writing it");
+        continue;
+      }
       failed.emplace_back(
           path, kept != request.sameAs.end() && !stopped && !Core::sameContents(path, kept->second)
                     ? "changed, or the kept " + displayText(kept->second) +

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -39,12 +40,22 @@ struct DeletionRequest {
   // A path that may go only while it holds the same bytes as the path it maps to (a duplicate
   // and the copy that is kept): compared again just before it is deleted.
   std::map<std::string, std::string> sameAs;
+  // A path that goes only after another one went: a trashed item's description, which must
+  // stay while the item does. Each such path is also among `paths`.
+  std::map<std::string, std::string> after;
+  // Paths that may go only while nothing changed them in the last hour (a log a program could
+  // have begun writing again): checked just before each is deleted.
+  std::set<std::string> quiet;
 };
 
 // The guard of a deletion with `sameAs`: a path that isn't the entry compared, or doesn't hold
 // the bytes of its kept copy (changed, or the copy changed, gone or now a link), is refused with
 // ESTALE.
 platform::DeletionGuard sameBytesGuard(std::map<std::string, std::string> sameAs);
+
+// The guard of a deletion with `quiet`: such a path changed in the last hour is refused with
+// EBUSY.
+platform::DeletionGuard quietGuard(std::set<std::string> quiet);
 
 // Shows the plan, asks (or takes `--yes`), runs the deletion and prints the outcome. `dryRun`
 // stops after the plan. Returns normally when everything asked for is gone; otherwise ends with

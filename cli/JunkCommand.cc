@@ -182,13 +182,14 @@ void addJunkCommand(CLI::App& app) {
       ->needs(cleanFlag);
   command->footer(
       "caches: the entries of /var/cache, except what a package can't rebuild (debconf,\n"
-      "cracklib, dictionaries-common, ldconfig, bind, postgresql). logs: crash reports in "
-      "/var/crash and,\n"
-      "in /var/log and below, only logs no program writes any more (rotated, compressed,\n"
-      "archived journals). trash: the items of your trashes (deleting one also deletes its\n"
-      ".trashinfo). disk_images: in your home folder. apps, browsers, orphans: the caches and\n"
-      "logs the rules describe, for installed applications, for browsers, and for no installed\n"
-      "application. Ctrl-C stops the scan and reports what was found (exit status 1).");
+      "cracklib, dictionaries-common, ldconfig, bind, postgresql). logs: crash reports in\n"
+      "/var/crash and, in /var/log and below, only logs no program writes any more (rotated\n"
+      "beside their live log, compressed, archived journals; never a database's binary or\n"
+      "write-ahead log, and nothing changed in the last hour). trash: the items of your trashes\n"
+      "(each one's .trashinfo goes once the item has gone). disk_images: in your home folder.\n"
+      "apps, browsers, orphans: the caches and logs the rules describe, for installed\n"
+      "applications, for browsers, and for no installed application. Ctrl-C stops the scan and\n"
+      "reports what was found (exit status 1).");
   command->callback([=] {
     if (Core::RuleManager::shared() == nullptr) {
       throw CommandError{kFailure, Core::RuleManager::sharedLoadError()};
@@ -219,6 +220,7 @@ void addJunkCommand(CLI::App& app) {
       DeletionRequest request;
       std::set<std::string> trashItems;
       for (const auto& f : report->trash) trashItems.insert(f.url);
+      for (const auto& f : report->logs) request.quiet.insert(f.url);
       for (const auto& path : report->paths(chosen)) {
         if (auto refused = hostRefusal(path)) {
           request.leftAlone.emplace_back(path, "refused: " + *refused);
@@ -226,7 +228,11 @@ void addJunkCommand(CLI::App& app) {
         }
         request.paths.push_back(path);
         if (trashItems.count(path)) {
-          if (auto info = trashInfoOf(path)) request.paths.push_back(*info);
+          // The description goes once the item has gone, and stays with an item that stays.
+          if (auto info = trashInfoOf(path)) {
+            request.paths.push_back(*info);
+            request.after.emplace(*info, path);
+          }
         }
       }
       confirmAndDelete(request, *yes, *dryRun, *json);

@@ -48,6 +48,8 @@ struct RunOptions {
   std::vector<std::string> environment;
   // A folder the program sees on a read-only mount of its own (needs root).
   std::optional<std::string> readOnly;
+  // Folders bind-mounted (source, target) in a mount namespace of the program's (needs root).
+  std::vector<std::pair<std::string, std::string>> binds;
 };
 
 std::string readAll(int fd) {
@@ -96,11 +98,18 @@ Outcome run(const std::vector<std::string>& args, const RunOptions& options = {}
         ::putenv(const_cast<char*>(entry.c_str()));
       }
     }
+    if (options.readOnly || !options.binds.empty()) {
+      if (::unshare(CLONE_NEWNS) != 0 ||
+          ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+        ::_exit(125);
+      }
+      for (const auto& [source, target] : options.binds) {
+        if (::mount(source.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0) ::_exit(125);
+      }
+    }
     if (options.readOnly) {
       const char* path = options.readOnly->c_str();
-      if (::unshare(CLONE_NEWNS) != 0 ||
-          ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-          ::mount(path, path, nullptr, MS_BIND, nullptr) != 0 ||
+      if (::mount(path, path, nullptr, MS_BIND, nullptr) != 0 ||
           ::mount(nullptr, path, nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) != 0) {
         ::_exit(125);
       }
@@ -667,6 +676,7 @@ TEST(RavelinTest, JunkReportsEachCategoryAndCleansWhatIsChosen) {
   fixture.tmp.write("var/cache/debconf/config.dat", "answers");
   fixture.tmp.write("var/log/syslog", "live");
   fixture.tmp.write("var/log/syslog.1", "old");
+  fixture.tmp.age("var/log/syslog.1", 24 * 3600);
   fixture.tmp.write("home/alice/.local/share/Trash/files/draft.txt", "draft");
   fixture.tmp.write("home/alice/.local/share/Trash/info/draft.txt.trashinfo", "[Trash Info]");
   Outcome report = fixture.ravelin({"junk", "--json"});
@@ -709,6 +719,36 @@ TEST(RavelinTest, JunkReportsEachCategoryAndCleansWhatIsChosen) {
   EXPECT_TRUE(std::filesystem::exists(fixture.tmp / "var/cache/debconf/config.dat"));
   EXPECT_TRUE(std::filesystem::exists(fixture.home(".config/vlc/vlcrc")));
   EXPECT_TRUE(std::filesystem::exists(fixture.home(".config/spotify/prefs")));
+}
+
+// A trashed item's description goes only once the item has gone: a folder with a mount inside
+// stays, and so does its .trashinfo, while the item beside it goes with its own.
+TEST(RavelinTest, TrashCleaningKeepsTheDescriptionOfAnItemThatStays) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root for a mount of its own";
+  RootedFixture fixture;
+  TempDir elsewhere;
+  elsewhere.write("precious", "not in the trash");
+  const std::string trash = ".local/share/Trash/";
+  fixture.tmp.write("home/alice/" + trash + "files/project/notes", "n");
+  fixture.tmp.mkdir("home/alice/" + trash + "files/project/mnt");
+  fixture.tmp.write("home/alice/" + trash + "info/project.trashinfo", "[Trash Info]");
+  fixture.tmp.write("home/alice/" + trash + "files/draft.txt", "d");
+  fixture.tmp.write("home/alice/" + trash + "info/draft.txt.trashinfo", "[Trash Info]");
+  RunOptions options;
+  options.binds = {{elsewhere.path(), fixture.home(trash + "files/project/mnt")}};
+  Outcome cleaned =
+      fixture.ravelin({"junk", "--clean", "--category", "trash", "--yes", "--json"}, options);
+  EXPECT_EQ(cleaned.status, 1) << cleaned.err;
+  EXPECT_TRUE(std::filesystem::exists(fixture.home(trash + "info/project.trashinfo")));
+  EXPECT_TRUE(std::filesystem::exists(fixture.home(trash + "files/project/mnt")));
+  EXPECT_TRUE(std::filesystem::exists(elsewhere / "precious"));
+  EXPECT_FALSE(std::filesystem::exists(fixture.home(trash + "files/draft.txt")));
+  EXPECT_FALSE(std::filesystem::exists(fixture.home(trash + "info/draft.txt.trashinfo")));
+  auto failed = nlohmann::json::parse(cleaned.out)["failed"];
+  std::set<std::string> left;
+  for (const auto& f : failed) left.insert(f["path"]);
+  EXPECT_EQ(left, (std::set<std::string>{fixture.home(trash + "files/project"),
+                                         fixture.home(trash + "info/project.trashinfo")}));
 }
 
 // Startup items of a home of its own: the user's unit and autostart entry are switched for real

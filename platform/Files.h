@@ -32,6 +32,7 @@ struct DirectoryEntry {
   std::string name;
   FileType type = FileType::other;
   std::int64_t fileSize = 0;  // st_size; 0 when the entry's status couldn't be read
+  std::int64_t modified = 0;  // seconds since 1970; 0 when the status couldn't be read
 
   bool isDirectory() const { return type == FileType::directory; }
 };

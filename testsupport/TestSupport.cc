@@ -102,6 +102,15 @@ std::string TempDir::symlink(const std::string& relative, const std::string& tar
   return full.string();
 }
 
+std::string TempDir::age(const std::string& relative, long seconds) {
+  std::string full = (fs::path(path_) / relative).string();
+  struct timespec times[2];
+  times[0].tv_sec = times[1].tv_sec = ::time(nullptr) - seconds;
+  times[0].tv_nsec = times[1].tv_nsec = 0;
+  ::utimensat(AT_FDCWD, full.c_str(), times, AT_SYMLINK_NOFOLLOW);
+  return full;
+}
+
 void withoutPermissionOverride(const std::function<void()>& body) {
   std::thread thread([&] {
     // Capabilities belong to each thread; dropping them here leaves the rest of the process as

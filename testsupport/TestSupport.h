@@ -41,6 +41,9 @@ class TempDir {
   std::string mkdir(const std::string& relative);
   // Creates a symbolic link at `relative` pointing at `target` (verbatim).
   std::string symlink(const std::string& relative, const std::string& target);
+  // Sets the modification time of `relative` (not following a link) to `seconds` ago; gives its
+  // absolute path.
+  std::string age(const std::string& relative, long seconds);
 
  private:
   std::string path_;

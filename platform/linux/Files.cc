@@ -149,11 +149,13 @@ Result<std::vector<DirectoryEntry>> listDirectory(const std::string& path, Follo
     if (::fstatat(fd, name, &st, statFlags) == 0) {
       item.type = typeOfMode(st.st_mode);
       item.fileSize = st.st_size;
+      item.modified = st.st_mtim.tv_sec;
     } else if (errno == ENOENT && follow == Follow::no) {
       continue;  // removed since readdir
     } else if (errno == ENOENT && ::fstatat(fd, name, &st, AT_SYMLINK_NOFOLLOW) == 0) {
       item.type = FileType::symbolicLink;  // a link whose target is missing
       item.fileSize = st.st_size;
+      item.modified = st.st_mtim.tv_sec;
     } else if (errno == ENOENT) {
       continue;
     } else {
