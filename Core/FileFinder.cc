@@ -142,16 +142,16 @@ void FileFinder::fileStep(DirectoryInfo& d, const std::optional<CaseInsensitiveS
   const CaseInsensitiveString& name = std::get<StringMatcher>(m.matcher).text;
   auto claim = [&](const std::string& diskName) {
     auto file = std::make_shared<FileInfo>(platform::joinPath(d.url, diskName), m.priority);
-    d.children.insert_or_assign(CaseInsensitiveString(diskName), file);
+    d.children.insert_or_assign(diskName, file);
     if (filter(m.id)) deliver(deliveredIdentifier(c, m.ruleID), file, m.kind, m.ruleID);
   };
-  if (auto child = d.children.find(name); child != d.children.end()) {
+  if (auto child = d.children.find(name.origin()); child != d.children.end()) {
     if (const auto* file = std::get_if<std::shared_ptr<FileInfo>>(&child->second)) {
       if ((*file)->priority == m.priority && filter(m.id)) {
         deliver(deliveredIdentifier(c, m.ruleID), *file, m.kind, m.ruleID);
       }
     } else if (std::holds_alternative<UnknownNode>(child->second)) {
-      claim(child->first.origin());  // the name as the disk writes it
+      claim(child->first);
     }
     return;
   }
@@ -160,7 +160,7 @@ void FileFinder::fileStep(DirectoryInfo& d, const std::optional<CaseInsensitiveS
   if (platform::fileExists(platform::joinPath(d.url, name.origin()), platform::Follow::no)) {
     claim(name.origin());
   } else {
-    d.children.emplace(name, NotExistsNode{});
+    d.children.emplace(name.origin(), NotExistsNode{});
   }
 }
 
@@ -182,15 +182,15 @@ void FileFinder::matchFiles(DirectoryInfo& d, const std::optional<CaseInsensitiv
     result.files[key].push_back(file);
   };
   // Applies the matcher to a known name; false for a node it doesn't look at.
-  auto visit = [&](const CaseInsensitiveString& key, FileNode& node) {
+  auto visit = [&](const std::string& key, FileNode& node) {
     if (auto* file = std::get_if<std::shared_ptr<FileInfo>>(&node)) {
       if ((*file)->priority != m.priority) return;
-      auto matched = match(m.matcher, key.origin());
+      auto matched = match(m.matcher, key);
       if (matched.matches) take(*file, matched.identifier);
     } else if (std::holds_alternative<UnknownNode>(node)) {
-      auto matched = match(m.matcher, key.origin());
+      auto matched = match(m.matcher, key);
       if (!matched.matches) return;
-      auto file = std::make_shared<FileInfo>(platform::joinPath(d.url, key.origin()), m.priority);
+      auto file = std::make_shared<FileInfo>(platform::joinPath(d.url, key), m.priority);
       node = file;
       take(file, matched.identifier);
     }
@@ -202,7 +202,7 @@ void FileFinder::matchFiles(DirectoryInfo& d, const std::optional<CaseInsensitiv
     std::vector<URLResource> entries;
     if (!list(d, entries)) return;  // tried again by the next matcher
     for (const auto& entry : entries) {
-      CaseInsensitiveString key(entry.resourceValues.name);
+      const std::string& key = entry.resourceValues.name;
       if (auto child = d.children.find(key); child != d.children.end()) {
         visit(child->first, child->second);
         continue;
@@ -243,14 +243,14 @@ void FileFinder::directoryStep(DirectoryInfo& d, const std::optional<CaseInsensi
   const CaseInsensitiveString& name = std::get<StringMatcher>(m.matcher).text;
   auto enter = [&](const std::string& diskName) {
     auto directory = makeDirectory(platform::joinPath(d.url, diskName));
-    d.children.insert_or_assign(CaseInsensitiveString(diskName), directory);
+    d.children.insert_or_assign(diskName, directory);
     add(directory, c);
   };
-  if (auto child = d.children.find(name); child != d.children.end()) {
+  if (auto child = d.children.find(name.origin()); child != d.children.end()) {
     if (const auto* directory = std::get_if<std::shared_ptr<DirectoryInfo>>(&child->second)) {
       add(*directory, c);
     } else if (const auto* unknown = std::get_if<UnknownNode>(&child->second)) {
-      if (!unknown->symbolicLink) enter(child->first.origin());
+      if (!unknown->symbolicLink) enter(child->first);
     }
     return;
   }
@@ -259,11 +259,11 @@ void FileFinder::directoryStep(DirectoryInfo& d, const std::optional<CaseInsensi
   auto status =
       platform::fileStatus(platform::joinPath(d.url, name.origin()), platform::Follow::no);
   if (!status.ok()) {
-    d.children.emplace(name, NotExistsNode{});
+    d.children.emplace(name.origin(), NotExistsNode{});
   } else if (status->type == platform::FileType::symbolicLink) {
     // Entering a link would hand out paths that lead somewhere else: whatever is deleted below
     // it would be deleted there.
-    d.children.emplace(name, UnknownNode{true});
+    d.children.emplace(name.origin(), UnknownNode{true});
   } else {
     enter(name.origin());
   }
@@ -278,15 +278,15 @@ void FileFinder::matchDirectories(DirectoryInfo& d, const std::optional<CaseInse
     next.add(directory, FileContext{key ? key : c, &m.children});
     result.directories[key].push_back(directory);
   };
-  auto visit = [&](const CaseInsensitiveString& key, FileNode& node) {
+  auto visit = [&](const std::string& key, FileNode& node) {
     if (auto* directory = std::get_if<std::shared_ptr<DirectoryInfo>>(&node)) {
-      auto matched = match(m.matcher, key.origin());
+      auto matched = match(m.matcher, key);
       if (matched.matches) take(*directory, matched.identifier);
     } else if (const auto* unknown = std::get_if<UnknownNode>(&node)) {
       if (unknown->symbolicLink) return;
-      auto matched = match(m.matcher, key.origin());
+      auto matched = match(m.matcher, key);
       if (!matched.matches) return;
-      auto directory = makeDirectory(platform::joinPath(d.url, key.origin()));
+      auto directory = makeDirectory(platform::joinPath(d.url, key));
       node = directory;
       take(directory, matched.identifier);
     }
@@ -298,7 +298,7 @@ void FileFinder::matchDirectories(DirectoryInfo& d, const std::optional<CaseInse
     std::vector<URLResource> entries;
     if (!list(d, entries)) return;
     for (const auto& entry : entries) {
-      CaseInsensitiveString key(entry.resourceValues.name);
+      const std::string& key = entry.resourceValues.name;
       if (auto child = d.children.find(key); child != d.children.end()) {
         visit(child->first, child->second);
         continue;

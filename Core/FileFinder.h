@@ -77,7 +77,10 @@ class DirectoryInfo {
 
   const std::string url;
   bool scanned = false;  // listed in full: `children` names every entry
-  std::unordered_map<CaseInsensitiveString, FileNode> children;
+  // By the name as the disk spells it: names are case-sensitive here, so a literal matcher
+  // finds its own spelling only, whether or not the folder was listed, and "Code" and "code"
+  // are two entries. Matching an identifier to a name ignores case all the same.
+  std::unordered_map<std::string, FileNode> children;
   std::unordered_map<Matcher, MatchedResult, MatcherHash> matched;
 };
 

@@ -155,6 +155,45 @@ TEST_F(FileFinderTest, IdentifiersComeFromTheMatchOrFromTheFoldersAbove) {
   EXPECT_EQ(timesListed(".var/app/org.example.Viewer/cache"), 1u);
 }
 
+// Names are case-sensitive on disk: a literal matcher finds its own spelling only, and its
+// answer never hides a differently spelt entry from the other matchers, whichever ran first.
+TEST_F(FileFinderTest, ALiteralNameNeverHidesAnotherSpelling) {
+  tmp_.write("home/.config/code/settings.json", "{}");
+  tmp_.write("home/.config/Slack/x", "1");
+  const std::string document =
+      "code: {support: {support: [Home/.config/Code]}}\n"
+      "slack: {support: {support: [Home/.config/Slack]}}\n"
+      "'*': {support: {support: [Home/.config/**]}}\n";
+  // The base rule serves every application: its entry comes in each walk, whatever ran first.
+  const Delivery base{"code", ".config/code", "support"};
+  const Delivery slack{"slack", ".config/Slack", "support"};
+  for (const auto& order :
+       {std::vector<std::string>{"code", "slack"}, std::vector<std::string>{"slack", "code"}}) {
+    load(document);
+    for (const auto& id : order) {
+      auto expected =
+          id == "code" ? std::vector<Delivery>{base} : std::vector<Delivery>{slack, base};
+      EXPECT_EQ(walkFor(id), expected) << id << " after " << order[0];
+    }
+  }
+}
+
+// The data folder lies in the home folder: a rule of Home that keeps a folder there shields it
+// from a rule of Lib, and both reach the same node.
+TEST_F(FileFinderTest, OneFolderOnDiskIsOneNodeWhicheverLocationReachesIt) {
+  tmp_.write("home/.local/share/evolution/mail/inbox", "mail");
+  tmp_.write("home/.local/share/gimp/x", "1");
+  load(
+      "'@': {support: {support: ['99:Home/.local/share/evolution/mail']}}\n"
+      "'*': {support: {support: [Lib/**]}}\n");
+  // Every application's walk delivers the base rule's entries; the shielded folder is not one.
+  for (const char* id : {"evolution", "gimp"}) {
+    EXPECT_EQ(walkFor(id), (std::vector<Delivery>{{"gimp", ".local/share/gimp", "support"}}));
+  }
+  EXPECT_EQ(timesListed(".local/share"), 1u);
+  EXPECT_EQ(finder_->cache.size(), 1u);
+}
+
 TEST_F(FileFinderTest, LinksAreClaimedAsThemselvesAndNeverEntered) {
   TempDir elsewhere;
   elsewhere.write("precious/cache/important", "data");

@@ -123,6 +123,50 @@ std::optional<Matcher> parseComponent(std::string_view component) {
   return StringMatcher{CaseInsensitiveString(component)};
 }
 
+namespace {
+
+std::vector<std::string> folderComponents(const std::string& path) {
+  std::vector<std::string> parts;
+  for (auto piece : components(path)) parts.emplace_back(piece);
+  return parts;
+}
+
+// Moves a rule onto the outermost location that holds the folder it starts in. The data folder
+// (Lib) usually lies inside the home folder: one folder on disk must be one node of the forest
+// whichever location the document named, so that a rule of Home shields what a rule of Lib
+// would claim there, and the other way round.
+void rebaseOnOutermostLocation(PathMatcher& matcher, const platform::Locations& locations) {
+  std::vector<std::string> literal = folderComponents(matcher.root);
+  std::size_t leading = 0;
+  while (leading < matcher.pathMatchers.size()) {
+    const auto* name = std::get_if<StringMatcher>(&matcher.pathMatchers[leading]);
+    if (name == nullptr) break;
+    literal.push_back(name->text.origin());
+    ++leading;
+  }
+  std::string folder;
+  for (const auto& part : literal) folder += "/" + part;
+  if (folder.empty()) folder = "/";
+  std::string outermost;
+  for (std::string candidate : {locations.home, locations.library, locations.temporary}) {
+    while (candidate.size() > 1 && candidate.back() == '/') candidate.pop_back();
+    if (candidate.empty() || candidate.front() != '/') continue;
+    bool holds = candidate == "/" || folder == candidate || folder.starts_with(candidate + "/");
+    if (holds && (outermost.empty() || candidate.size() < outermost.size())) outermost = candidate;
+  }
+  if (outermost.empty() || outermost == matcher.root) return;
+  std::vector<Matcher> path;
+  for (std::size_t i = folderComponents(outermost).size(); i < literal.size(); ++i) {
+    path.push_back(StringMatcher{CaseInsensitiveString(literal[i])});
+  }
+  path.insert(path.end(), std::make_move_iterator(matcher.pathMatchers.begin() + leading),
+              std::make_move_iterator(matcher.pathMatchers.end()));
+  matcher.root = outermost;
+  matcher.pathMatchers = std::move(path);
+}
+
+}  // namespace
+
 std::optional<PathMatcher> parsePathString(std::string_view text, std::int64_t priority,
                                            const platform::Locations& locations) {
   std::string_view location = text;
@@ -164,6 +208,7 @@ std::optional<PathMatcher> parsePathString(std::string_view text, std::int64_t p
   auto name = parseComponent(pieces.back());
   if (!name) return std::nullopt;
   matcher.nameMatcher = std::move(*name);
+  rebaseOnOutermostLocation(matcher, locations);
   return matcher;
 }
 

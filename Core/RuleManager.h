@@ -112,6 +112,9 @@ class RuleManager {
 // The grammar of the document, for tests and for the rules checker.
 std::optional<RuleID> parseRuleKey(std::string_view key);
 std::optional<Matcher> parseComponent(std::string_view component);
+// A path string's root is the outermost of the locations that holds the folder it starts in:
+// with Lib inside Home, "Lib/x" parses as Home/.local/share/x, so that one folder on disk is one
+// node of the forest.
 std::optional<PathMatcher> parsePathString(std::string_view text, std::int64_t defaultPriority,
                                            const platform::Locations& locations);
 std::int64_t defaultPriority(const RuleID& id);

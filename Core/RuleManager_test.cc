@@ -37,10 +37,17 @@ TEST(RuleKeyTest, KeysBecomeRuleIDs) {
 TEST(PathStringTest, RootsPrioritiesAndComponents) {
   auto cache = parsePathString("50:Lib/Caches/*com\\.example\\..*", 40, fixture());
   ASSERT_TRUE(cache);
-  EXPECT_EQ(cache->root, "/r/home/.local/share");
+  // The data folder lies in the home folder: its rules start there, so that each folder on disk
+  // is one node whichever location a rule names.
+  EXPECT_EQ(cache->root, "/r/home");
   EXPECT_EQ(cache->priority, 50);
-  ASSERT_EQ(cache->pathMatchers.size(), 1u);
-  EXPECT_EQ(std::get<StringMatcher>(cache->pathMatchers[0]).text, CaseInsensitiveString("caches"));
+  ASSERT_EQ(cache->pathMatchers.size(), 3u);
+  EXPECT_EQ(std::get<StringMatcher>(cache->pathMatchers[0]).text.origin(), ".local");
+  EXPECT_EQ(std::get<StringMatcher>(cache->pathMatchers[2]).text, CaseInsensitiveString("caches"));
+  auto absolute = parsePathString("/r/home/.config/*x", 40, fixture());
+  ASSERT_TRUE(absolute);
+  EXPECT_EQ(absolute->root, "/r/home");
+  EXPECT_EQ(absolute->pathMatchers.size(), 1u);
   EXPECT_TRUE(std::get<RegexMatcher>(cache->nameMatcher).regex.matches("COM.EXAMPLE.tool"));
 
   auto logs = parsePathString("/Library/Logs/**", 90, fixture());
