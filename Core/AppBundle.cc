@@ -145,6 +145,7 @@ std::optional<DesktopAppBundle> DesktopAppBundle::make(const std::string& url,
     gchar* type = g_key_file_get_string(file, "Desktop Entry", "Type", nullptr);
     gchar* name = g_key_file_get_string(file, "Desktop Entry", "Name", nullptr);
     gchar* exec = g_key_file_get_string(file, "Desktop Entry", "Exec", nullptr);
+    gchar* windowClass = g_key_file_get_string(file, "Desktop Entry", "StartupWMClass", nullptr);
     if (type != nullptr && std::string(type) == "Application" && name != nullptr && *name) {
       DesktopAppBundle bundle;
       bundle.url = url;
@@ -157,8 +158,16 @@ std::optional<DesktopAppBundle> DesktopAppBundle::make(const std::string& url,
           }
         }
       }
+      // The window class is the name the program gives itself ("Code" for VS Code), often
+      // the spelling of its folders.
+      if (windowClass != nullptr && *windowClass &&
+          std::find(bundle.bundleNames.begin(), bundle.bundleNames.end(),
+                    CaseInsensitiveString(windowClass)) == bundle.bundleNames.end()) {
+        bundle.bundleNames.emplace_back(std::string(windowClass));
+      }
       result = std::move(bundle);
     }
+    g_free(windowClass);
     g_free(type);
     g_free(name);
     g_free(exec);

@@ -46,7 +46,8 @@ class MacAppBundle final : public AppBundle {
 };
 
 // A Linux application: identifier = its desktop-file ID without ".desktop" (a flatpak's
-// application ID), names = its Name and its executable's file name, url = the desktop entry.
+// application ID), names = its Name, its executable's file name and its StartupWMClass, url = the
+// desktop entry.
 class DesktopAppBundle final : public AppBundle {
  public:
   // Nothing for a file that isn't a readable desktop entry of an application.

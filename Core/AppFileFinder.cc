@@ -3,6 +3,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "Core/InstalledApplications.h"
 #include "Core/PublicSuffixList.h"
 #include "platform/Applications.h"
 #include "platform/Files.h"
@@ -204,29 +205,10 @@ void AppFileFinder::runLeftovers(const platform::DispatchQueue& measuring) {
   const platform::Locations& locations = platform::currentLocations();
 
   // 1, 2. What is installed: every application, shown or not, by every name it answers to.
-  AppBundleLoader loader;
-  BundleGroups all;
-  for (const auto& url : platform::installedApplicationURLs(locations)) {
-    auto bundle = loader.bundle(url);
-    if (bundle && !bundle->bundleID.origin().empty()) all.add(std::move(bundle));
-  }
-  std::unordered_set<CaseInsensitiveString> installed;
-  for (auto& [id, bundles] : all.groups) {
-    MacApp app = makeMacApp(bundles, rules_.get());
-    installed.insert(app.bundleIDs.begin(), app.bundleIDs.end());
-    if (!claimed_.count(id)) claim(app);
-  }
-  // A flatpak counts whether or not it exports a desktop entry.
-  for (const auto& id : platform::installedFlatpaks(locations)) installed.emplace(id);
-  // A tool without a desktop entry is installed when its command is.
-  auto isInstalled = [&](const CaseInsensitiveString& id) {
-    if (installed.count(id) || platform::findCommand(id.origin(), locations)) return true;
-    if (!rules_) return false;
-    for (const auto& other : rules_->extraInfo(id.origin()).first) {
-      if (installed.count(other) || platform::findCommand(other.origin(), locations)) return true;
-    }
-    return false;
-  };
+  const InstalledApplications installed =
+      InstalledApplications::read(locations, rules_.get(), [&](const MacApp& app) {
+        if (!claimed_.count(app.bundleID)) claim(app);
+      });
 
   // 3. What the disk shows: flatpak data folders, and configuration entries the rules name.
   std::vector<CaseInsensitiveString> candidates;
@@ -253,7 +235,7 @@ void AppFileFinder::runLeftovers(const platform::DispatchQueue& measuring) {
   // 4, 5. Each identifier that nothing installed answers to.
   platform::DispatchGroup measured;
   for (const auto& c : candidates) {
-    if (isInstalled(c)) continue;
+    if (installed.isInstalled(c)) continue;
     const CaseInsensitiveString organization = organizationOf(c.origin()).value_or("");
     auto files = walkFor(
         finder_, c.origin(),

@@ -251,6 +251,38 @@ TEST_F(AppFileFinderTest, AFlatpakWithoutADesktopEntryAndAToolOnlyOnThePathAreIn
             (std::map<std::string, std::set<std::string>>{{"pip", {".config/pip"}}}));
 }
 
+// A candidate keeps the spelling on disk and an application goes by many names: each of them
+// keeps its folders from the leftovers, whatever the case.
+TEST_F(AppFileFinderTest, AnApplicationIsInstalledByEveryNameItGoesBy) {
+  const std::string snapEntries = "var/lib/snapd/desktop/applications/";
+  // VS Code and Slack as classic snaps: entries named SNAP_APP, commands in /snap/bin.
+  tmp_.mkdir("snap/code/current");
+  program("snap/bin/code");
+  tmp_.write(snapEntries + "code_code.desktop",
+             "[Desktop Entry]\nType=Application\nName=Visual Studio Code\nExec=env "
+             "BAMF_DESKTOP_FILE_HINT=x /snap/bin/code --force-user-env %F\nStartupWMClass=Code\n");
+  home(".config/Code/User/settings.json");
+  home(".vscode/extensions/ext/package.json");
+  tmp_.mkdir("snap/slack/current");
+  tmp_.write(snapEntries + "slack_slack.desktop",
+             "[Desktop Entry]\nType=Application\nName=Slack\nExec=/snap/bin/slack %U\n");
+  home(".config/Slack/storage/x");
+  // Debian's maven (its command is mvn), and yarn, whose command only its file list names.
+  tmp_.write("var/lib/dpkg/status",
+             "Package: maven\nStatus: install ok installed\n\n"
+             "Package: yarnpkg\nStatus: install ok installed\n\n"
+             "Package: spotify\nStatus: deinstall ok config-files\n");
+  tmp_.write("var/lib/dpkg/info/yarnpkg.list", "/usr/share/nodejs/yarn/bin/yarn\n");
+  home(".config/maven/settings.xml");
+  home(".config/yarn/global/x");
+  // Removed: only the configuration of spotify's package is left.
+  home(".config/spotify/prefs");
+  auto finder = makeFinder();
+  scanLeftovers(*finder);
+  EXPECT_EQ(recorder_->leftovers,
+            (std::map<std::string, std::set<std::string>>{{"spotify", {".config/spotify"}}}));
+}
+
 TEST_F(AppFileFinderTest, ANestedOrHiddenEntryCountsAsInstalledButIsNotScanned) {
   // A flatpak's second desktop entry is a nested identifier of the application.
   tmp_.mkdir("var/lib/flatpak/app/com.example.Suite");

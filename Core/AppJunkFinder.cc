@@ -4,6 +4,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "Core/InstalledApplications.h"
 #include "platform/Files.h"
 #include "platform/Locations.h"
 
@@ -44,7 +45,9 @@ const std::unordered_set<CaseInsensitiveString>& browserIDs() {
                                                                          "microsoft-edge",
                                                                          "com.microsoft.Edge",
                                                                          "opera",
-                                                                         "com.opera.Opera"};
+                                                                         "com.opera.Opera",
+                                                                         "firefox_firefox",
+                                                                         "chromium_chromium"};
   return *ids;
 }
 
@@ -130,6 +133,7 @@ void AppJunkFinder::run(const ScanSetup& setup) {
     CaseInsensitiveString id;
     std::string url;
     std::vector<AppFileInfo> matches;
+    std::vector<AppFile> measured;  // what was measured already
   };
   std::vector<Browser> browsers;
   for (auto& [id, bundles] : groups) {
@@ -147,16 +151,29 @@ void AppJunkFinder::run(const ScanSetup& setup) {
     progress.advancePart();
   }
 
-  // 3. Orphans: what the rules describe and no installed application took.
+  // 3. Orphans: what the rules describe and no installed application took. What belongs to an
+  // application installed without a shown desktop entry (a command-line tool, a package by
+  // another name, a hidden entry) is that application's junk, never an orphan.
   if (context.interrupted()) return;
   progress.nextPart();
   std::vector<AppFileInfo> unclaimed;
   finder.scanUnclaimed([](std::int64_t) { return true; }, unclaimed);
+  const InstalledApplications installed = InstalledApplications::read(locations, rules_.get());
   std::vector<AppJunkFile> grouped;
   std::unordered_map<CaseInsensitiveString, std::size_t> orphanIndex;
+  std::vector<std::pair<std::string, AppJunkFile>> tools;  // where installed, junk
+  std::unordered_map<CaseInsensitiveString, std::size_t> toolIndex;
   for (const auto& record : unclaimed) {
     if (context.interrupted()) return;
     const CaseInsensitiveString& id = std::get<AppName>(record.owner).id;
+    if (!(id == CaseInsensitiveString(""))) {
+      if (auto where = installed.whereInstalled(id)) {
+        auto [found, inserted] = toolIndex.try_emplace(id, tools.size());
+        if (inserted) tools.emplace_back(*where, AppJunkFile{id, {}});
+        tools[found->second].second.files.push_back(appFile(record));
+        continue;
+      }
+    }
     if (id == CaseInsensitiveString("")) {
       // An entry of the general rules that yielded no identifier stands alone, by its name.
       AppJunkFile alone{platform::lastPathComponent(record.file->url), {appFile(record)}};
@@ -169,6 +186,17 @@ void AppJunkFinder::run(const ScanSetup& setup) {
     if (inserted) grouped.push_back(AppJunkFile{id, {}});
     grouped[found->second].files.push_back(appFile(record));
   }
+  for (auto& [where, junk] : tools) {
+    MacAppJunkFile owned{where, junk.id, std::move(junk.files)};
+    if (browserIDs().count(junk.id)) {
+      browsers.push_back(Browser{owned.bundleID, owned.appURL, {}, {}});
+      browsers.back().measured = std::move(owned.files);
+      continue;
+    }
+    post(receiver, [owned = std::move(owned)](AppJunkFinderDelegate& d) {
+      d.appJunkFinderFoundAppJunk(owned);
+    });
+  }
   post(receiver, [grouped = std::move(grouped)](AppJunkFinderDelegate& d) {
     for (const auto& junk : grouped) d.appJunkFinderFoundOrphanJunk(junk);
   });
@@ -178,6 +206,8 @@ void AppJunkFinder::run(const ScanSetup& setup) {
   for (auto& browser : browsers) {
     if (context.interrupted()) return;
     MacAppJunkFile junk{browser.url, browser.id, measured(browser.matches)};
+    junk.files.insert(junk.files.end(), std::make_move_iterator(browser.measured.begin()),
+                      std::make_move_iterator(browser.measured.end()));
     post(receiver, [junk = std::move(junk)](AppJunkFinderDelegate& d) {
       d.appJunkFinderFoundBrowserJunk(junk);
     });

@@ -248,9 +248,21 @@ TEST_F(JunkFileFinderTest, ApplicationsBrowsersAndOrphansEachGetTheirOwn) {
   tmp_.write("home/.cache/spotify/data", "1");                     // an application that is gone
   tmp_.write("home/.cache/fontconfig/cache-7", "the system's");    // never reported
   tmp_.write("home/.xsession-errors", "the system's");
+  // Installed without a desktop entry of their own: a command, a package by another name, a
+  // snap browser.
+  ::chmod(tmp_.write("usr/bin/npm", "#!/bin/sh\n").c_str(), 0755);
+  tmp_.write("home/.npm/_cacache/index", "n");
+  tmp_.write("var/lib/dpkg/status", "Package: maven\nStatus: install ok installed\n");
+  tmp_.write("home/.m2/repository/junit/x.jar", "j");
+  tmp_.mkdir("snap/chromium/current");
+  tmp_.write("home/snap/chromium/common/.cache/x", "c");
   auto finder = makeFinder(std::string(resources::ruleDocument()));
   runToTheEnd(*finder);
   auto found = recorder_->found();
+  EXPECT_EQ(found["app npm"], std::set<std::string>{"home/.npm/_cacache"});
+  EXPECT_EQ(found["app maven"], std::set<std::string>{"home/.m2/repository"});
+  EXPECT_EQ(found["browser chromium_chromium"],
+            std::set<std::string>{"home/snap/chromium/common/.cache"});
   EXPECT_EQ(found["app vlc"], std::set<std::string>{"home/.cache/vlc"});
   EXPECT_EQ(found["browser firefox-esr"], std::set<std::string>{"home/.cache/mozilla/firefox"});
   EXPECT_EQ(found["orphan google-chrome"], std::set<std::string>{"home/.cache/google-chrome"});

@@ -37,6 +37,8 @@ struct Locations {
   std::string userUnits;
   std::string globalUserUnits;
   std::string systemUnits;
+  // dpkg's database: "status" lists the installed packages, "info/NAME.list" their files.
+  std::string packages;
   // The folders searched for a command, as PATH lists them.
   std::vector<std::string> commandFolders;
   // The folder every location was put under ("" for the machine's own): absolute paths read

@@ -186,6 +186,7 @@ Locations Locations::fromEnvironment() {
   l.userUnits = joinPath(l.configHome, "systemd/user");
   l.globalUserUnits = "/etc/systemd/user";
   l.systemUnits = "/etc/systemd/system";
+  l.packages = "/var/lib/dpkg";
   std::string path = environment("PATH");
   if (path.empty()) path = "/usr/local/bin:/usr/bin:/bin:/usr/local/games:/usr/games";
   for (const auto& dir : splitPaths(path)) appendUnique(l.commandFolders, dir);
@@ -204,9 +205,10 @@ Locations Locations::fromEnvironment(const std::string& root) {
   Locations l = fromEnvironment();
   if (root.empty()) return l;
   auto put = [&](std::string& path) { path = underRootPath(root, path); };
-  for (auto* path : {&l.home, &l.library, &l.configHome, &l.cacheHome, &l.temporary,
-                     &l.systemCaches, &l.systemLogs, &l.crashReports, &l.flatpakAppData,
-                     &l.snapMounts, &l.userUnits, &l.globalUserUnits, &l.systemUnits}) {
+  for (auto* path :
+       {&l.home, &l.library, &l.configHome, &l.cacheHome, &l.temporary, &l.systemCaches,
+        &l.systemLogs, &l.crashReports, &l.flatpakAppData, &l.snapMounts, &l.userUnits,
+        &l.globalUserUnits, &l.systemUnits, &l.packages}) {
     put(*path);
   }
   l.trashes = {joinPath(l.library, "Trash/files")};
@@ -231,15 +233,17 @@ Locations Locations::underRoot(const std::string& root) {
   l.flatpakInstallations = {joinPath(l.library, "flatpak"), joinPath(root, "var/lib/flatpak")};
   l.applications = {joinPath(l.library, "applications"), joinPath(root, "usr/share/applications"),
                     joinPath(l.flatpakInstallations[0], "exports/share/applications"),
-                    joinPath(l.flatpakInstallations[1], "exports/share/applications")};
+                    joinPath(l.flatpakInstallations[1], "exports/share/applications"),
+                    joinPath(root, "var/lib/snapd/desktop/applications")};
   l.flatpakAppData = joinPath(l.home, ".var/app");
   l.snapMounts = joinPath(root, "snap");
   l.autostart = {joinPath(l.configHome, "autostart"), joinPath(root, "etc/xdg/autostart")};
   l.userUnits = joinPath(l.configHome, "systemd/user");
   l.globalUserUnits = joinPath(root, "etc/systemd/user");
   l.systemUnits = joinPath(root, "etc/systemd/system");
+  l.packages = joinPath(root, "var/lib/dpkg");
   l.commandFolders = {joinPath(l.home, ".local/bin"), joinPath(root, "usr/local/bin"),
-                      joinPath(root, "usr/bin"), joinPath(root, "bin")};
+                      joinPath(root, "usr/bin"), joinPath(root, "bin"), joinPath(root, "snap/bin")};
   l.root = root;
   return l;
 }
