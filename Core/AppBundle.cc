@@ -62,7 +62,9 @@ std::optional<std::string> executableName(const std::string& exec, const std::st
 }  // namespace
 
 std::optional<BundleIdentity> readBundleIdentity(const std::string& url) {
-  auto info = platform::plist::readFile(platform::joinPath(url, "Contents/Info.plist"));
+  auto plist = platform::confinedPath(platform::joinPath(url, "Contents/Info.plist"));
+  if (!plist) return std::nullopt;
+  auto info = platform::plist::readFile(*plist);
   if (!info || info->dictionary() == nullptr) return std::nullopt;
   const auto* identifier = info->find("CFBundleIdentifier");
   const auto* executable = info->find("CFBundleExecutable");
@@ -72,8 +74,9 @@ std::optional<BundleIdentity> readBundleIdentity(const std::string& url) {
   }
   // The executable must exist, and lie in the bundle's "MacOS" folder.
   std::string path = platform::joinPath(url, "Contents/MacOS/" + *executable->string());
-  if (executable->string()->find('/') != std::string::npos ||
-      !platform::fileExists(path, platform::Follow::yes)) {
+  auto confined = platform::confinedPath(path);
+  if (executable->string()->find('/') != std::string::npos || !confined ||
+      !platform::fileExists(*confined, platform::Follow::no)) {
     return std::nullopt;
   }
   const auto* name = info->find("CFBundleName");
@@ -183,7 +186,7 @@ void DesktopAppBundle::loadNestedBundles() {
   if (!folder.ends_with("exports/share/applications")) return;
   const std::string& id = bundleID.origin();
   auto add = [&](const std::string& dir, const std::string& suffix) {
-    auto entries = platform::listDirectory(dir, platform::Follow::yes);
+    auto entries = platform::listDirectoryConfined(dir);
     if (!entries.ok()) return;
     std::vector<std::string> names;
     for (const auto& entry : *entries) names.push_back(entry.name);

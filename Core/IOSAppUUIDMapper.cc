@@ -4,6 +4,7 @@
 #include <random>
 
 #include "platform/Files.h"
+#include "platform/Locations.h"
 #include "platform/Plist.h"
 
 namespace Core {
@@ -36,7 +37,7 @@ std::optional<std::string> readBundleIdentifier(const std::string& url) {
 CaseInsensitiveString IOSAppUUIDMapper::uuid(const CaseInsensitiveString& bundleID) {
   if (auto known = uuids.find(bundleID); known != uuids.end()) return known->second;
   std::string containers = platform::joinPath(home_, "Library/Containers");
-  auto entries = platform::listDirectory(containers, platform::Follow::yes);
+  auto entries = platform::listDirectoryConfined(containers);
   ++listings;
   if (entries.ok()) {
     // One pass reads every container not yet known, whatever identifier was asked for.
@@ -73,7 +74,7 @@ std::optional<WrappedBundle> WrappedBundle::make(const std::string& url,
 
 void WrappedBundle::loadNestedBundles() {
   std::string plugIns = platform::joinPath(url, "WrappedBundle/PlugIns");
-  auto entries = platform::listDirectory(plugIns, platform::Follow::yes);
+  auto entries = platform::listDirectoryConfined(plugIns);
   if (!entries.ok()) return;
   for (const auto& entry : *entries) {
     if (!entry.isDirectory()) continue;

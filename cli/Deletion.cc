@@ -201,6 +201,13 @@ const std::vector<std::string>& homeFolders() {
 std::optional<std::string> hostRefusal(const std::string& path, bool system) {
   // The system reads a path up to its first NUL: "/tmp/..<NUL>/x" would be "/tmp/..".
   if (path.find('\0') != std::string::npos) return "a path holding a NUL byte";
+  // Below a root, whatever the scans met there stays there: a path that leads out of it (by a
+  // link of the folders above it) is never deleted.
+  if (const std::string& root = platform::currentLocations().root; !root.empty() && root != "/") {
+    if (!isAtOrBelow(resolvedPath(path), root) || !isAtOrBelow(path, root)) {
+      return "outside the --root folder " + displayText(root);
+    }
+  }
   for (const std::string& candidate : {path, resolvedPath(path)}) {
     if (candidate == "/") return "the root folder";
     for (const auto& home : homeFolders()) {

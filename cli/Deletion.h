@@ -21,6 +21,7 @@ namespace cli {
 // a NUL byte, "/", every top-level folder, the home folder (the environment's and the password
 // database's, resolved) and every folder that holds it; and, unless `system`, the system's own
 // trees: /dev, /proc, /sys, /usr (but /usr/local), /etc, /boot, /var/lib and all below them.
+// Below a `--root`, every path outside the root folder, as given or resolved.
 std::optional<std::string> hostRefusal(const std::string& path, bool system = false);
 
 // `argument` made absolute against the working folder, with "." and ".." resolved in the text and

@@ -604,9 +604,12 @@ class RootedFixture {
     tmp.write("home/alice/.cache/spotify/data", "0123456789");
     tmp.write("home/alice/.var/app/com.example.Gone/state", "s");
   }
+  // Runs with HOME=/home/alice unless `options` set it.
   Outcome ravelin(std::vector<std::string> args, RunOptions options = {}) {
-    options.environment = {"HOME=/home/alice", "XDG_CONFIG_HOME=", "XDG_CACHE_HOME=",
-                           "XDG_DATA_HOME=", "XDG_DATA_DIRS="};
+    std::vector<std::string> environment = {"HOME=/home/alice", "XDG_CONFIG_HOME=",
+                                            "XDG_CACHE_HOME=", "XDG_DATA_HOME=", "XDG_DATA_DIRS="};
+    environment.insert(environment.end(), options.environment.begin(), options.environment.end());
+    options.environment = std::move(environment);
     args.insert(args.begin(), {"--root", tmp.path()});
     return run(args, options);
   }
@@ -650,6 +653,62 @@ TEST(RavelinTest, ApplicationFilesAndLeftoversOfARootedTree) {
   EXPECT_TRUE(std::filesystem::exists(fixture.home(".cache/vlc/art")));
   EXPECT_EQ(fixture.ravelin({"apps", "--files", "not.installed"}).status, 1);
   EXPECT_EQ(run({"--root", fixture.tmp / "missing", "apps"}).status, 2);
+}
+
+// Below --root, nothing outside the root is read, measured or deleted: a home that is a link
+// climbing out, a HOME with "..", a program's relative or absolute link with "..", an Exec line
+// with "..": each stops at the root, as the system below it would see it.
+TEST(RavelinTest, NothingOutsideTheRootIsReadMeasuredOrDeleted) {
+  RootedFixture fixture;
+  TempDir outside;
+  outside.write(".npm/_cacache/index", "the host's cache");
+  ::chmod(outside.write("program", std::string(5000, 'x')).c_str(), 0755);
+  const std::string climb = "../../../../../../../../../.." + outside.path();
+  fixture.tmp.symlink("home/carol", climb);
+  fixture.tmp.symlink("usr/bin/relative", climb + "/program");
+  fixture.tmp.symlink("usr/bin/absolute", "/../../../.." + outside.path() + "/program");
+  const std::map<std::string, std::string> programs = {
+      {"relative", "/usr/bin/relative"},
+      {"absolute", "/usr/bin/absolute"},
+      {"dotted", "/usr/bin/../../../../../../.." + outside.path() + "/program"}};
+  for (const auto& [id, exec] : programs) {
+    fixture.tmp.write("usr/share/applications/" + id + ".desktop",
+                      "[Desktop Entry]\nType=Application\nName=" + id + "\nExec=" + exec + "\n");
+  }
+  auto inside = [&](const std::string& path) {
+    std::string real = std::filesystem::weakly_canonical(path).string();
+    return real.starts_with(fixture.tmp.path() + "/");
+  };
+
+  for (const std::string& home : {std::string("/home/carol"), "/../../../../.." + outside.path()}) {
+    RunOptions options;
+    options.environment = {"HOME=" + home};
+    Outcome junk = fixture.ravelin({"junk", "--json"}, options);
+    ASSERT_EQ(junk.status, 0) << junk.err;
+    auto report = nlohmann::json::parse(junk.out);
+    for (const char* category : {"caches", "logs", "trash", "disk_images"}) {
+      for (const auto& file : report[category]) EXPECT_TRUE(inside(file["path"])) << file;
+    }
+    for (const char* category : {"apps", "browsers", "orphans"}) {
+      for (const auto& group : report[category]) {
+        for (const auto& file : group["files"]) EXPECT_TRUE(inside(file["path"])) << file;
+      }
+    }
+    Outcome clean = fixture.ravelin({"junk", "--clean", "--yes"}, options);
+    EXPECT_TRUE(std::filesystem::exists(outside / ".npm/_cacache/index")) << home;
+
+    Outcome apps = fixture.ravelin({"apps", "--files", "--json"}, options);
+    ASSERT_EQ(apps.status, 0) << apps.err;
+    for (const auto& app : nlohmann::json::parse(apps.out)["apps"]) {
+      EXPECT_NE(app["appSize"], 5000) << app["id"];
+      for (const auto& file : app["files"]) EXPECT_TRUE(inside(file["path"])) << file;
+    }
+  }
+  // What a list names outside the root is refused.
+  Outcome deleted = fixture.ravelin({"delete", "--yes", outside / "program"});
+  EXPECT_EQ(deleted.status, 2) << deleted.out;
+  EXPECT_NE(deleted.err.find("outside the --root folder"), std::string::npos) << deleted.err;
+  EXPECT_TRUE(std::filesystem::exists(outside / "program"));
 }
 
 TEST(RavelinTest, AnApplicationOnAReadOnlyMountIsNotScannedButStaysInstalled) {

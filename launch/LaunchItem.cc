@@ -108,8 +108,7 @@ std::vector<LaunchItem> LaunchdManagedItemsFinder::helperItems(std::vector<Launc
     auto app = bundleAt(url);
     if (!app) continue;
     std::string folder = platform::joinPath(url, "Contents/Library/LoginItems");
-    if (!platform::isDirectory(folder, platform::Follow::yes)) continue;
-    auto listing = platform::listDirectory(folder);
+    auto listing = platform::listDirectoryConfined(folder);
     if (!listing.ok()) continue;
     for (const auto& entry : *listing) {
       std::string path = platform::joinPath(folder, entry.name);

@@ -4,6 +4,7 @@
 // unless the caller passes `Follow::yes`; failures come back as values.
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -65,6 +66,21 @@ void setMountIdentifiersUnavailable(bool unavailable);
 // Whether `path` lies on a file system mounted read-only (an immutable system image, say). False
 // when it can't be told.
 bool isOnReadOnlyMount(const std::string& path);
+
+// `path`, an absolute path as the system below the folder `root` names it, resolved the way a
+// process whose root folder is `root` would resolve it (openat2's RESOLVE_IN_ROOT where the
+// kernel has it): ".." stops at `root`, and every link, absolute or relative, is followed inside
+// it. The answer is a path below `root` (or `root` itself) with no link among its folders, nor
+// as its last component unless `follow` is no. Components that don't exist are kept as written,
+// a ".." among them taken in the text. Nothing for a loop of links. An empty `root` is "/".
+std::optional<std::string> resolveInRoot(const std::string& root, const std::string& path,
+                                         Follow follow = Follow::yes);
+
+namespace detail {
+// Makes `resolveInRoot` do without openat2, as on kernels before 5.6; for tests of the walk
+// that stands in for it.
+void setOpenat2Unavailable(bool unavailable);
+}  // namespace detail
 
 bool fileExists(const std::string& path, Follow follow = Follow::no);
 bool isDirectory(const std::string& path, Follow follow = Follow::no);

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <optional>
 
 #include "platform/Locations.h"
 #include "testsupport/TestSupport.h"
@@ -82,6 +83,46 @@ TEST_F(FilesTest, ExistenceTestsDoNotFollowUnlessAsked) {
   ASSERT_TRUE(status.ok());
   EXPECT_EQ(status->size, 5);
   EXPECT_EQ(status->linkCount, 1u);
+}
+
+// Resolved as a process whose root is the folder would resolve the path, with the kernel's
+// openat2 and with the walk that stands in for it on older kernels.
+TEST(PathTest, ResolvingInARootNeverLeadsOutOfIt) {
+  TempDir root;
+  root.mkdir("etc");
+  root.mkdir("b");
+  root.symlink("up", "../../../../../../etc");
+  root.symlink("absolute", "/b");
+  root.symlink("dotted", "/../../b/../etc");
+  root.symlink("loop1", "loop2");
+  root.symlink("loop2", "loop1");
+  root.symlink("b/parent", "..");
+  const std::string r = root.path();
+  struct Case {
+    const char* path;
+    Follow follow;
+    std::optional<std::string> expected;
+  };
+  const Case cases[] = {
+      {"/", Follow::yes, r},
+      {"/../../../etc/passwd", Follow::yes, r + "/etc/passwd"},
+      {"/up/passwd", Follow::yes, r + "/etc/passwd"},
+      {"/up", Follow::no, r + "/up"},
+      {"/absolute/c", Follow::yes, r + "/b/c"},
+      {"/dotted", Follow::yes, r + "/etc"},
+      {"/b/parent/b/parent/etc", Follow::yes, r + "/etc"},
+      {"/missing/../../x", Follow::yes, r + "/x"},
+      {"/etc/missing/../../../y", Follow::yes, r + "/y"},
+      {"/loop1/x", Follow::yes, std::nullopt},
+  };
+  for (bool openat2 : {true, false}) {
+    detail::setOpenat2Unavailable(!openat2);
+    for (const auto& c : cases) {
+      EXPECT_EQ(resolveInRoot(r, c.path, c.follow), c.expected)
+          << c.path << (openat2 ? " with openat2" : " walked");
+    }
+  }
+  detail::setOpenat2Unavailable(false);
 }
 
 TEST(PathTest, JoinsAndSplitsComponents) {

@@ -1,8 +1,11 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "platform/Files.h"
 
 namespace platform {
 
@@ -86,8 +89,19 @@ std::vector<MountPoint> parseMountInfo(std::string_view text);
 // "$top/.Trash-$uid/files". Pseudo file systems are passed over.
 std::vector<std::string> mountTrashFolders(const std::vector<MountPoint>& mounts, unsigned uid);
 
-// `path` (absolute) as seen below `root`: "/var/lib/x" under "/mnt/disk" is "/mnt/disk/var/lib/x".
-// An empty root gives `path` itself.
+// `path` (absolute) as seen below `root`: "/var/lib/x" under "/mnt/disk" is "/mnt/disk/var/lib/x",
+// resolved inside the root (`resolveInRoot`): "..", and links absolute or relative, never lead
+// out of it. An empty root gives `path` itself.
 std::string underRootPath(const std::string& root, const std::string& path);
+
+// `path`, a path of this machine, confined to the root of the current locations: below a root,
+// the path `resolveInRoot` gives for the part of `path` below it; nothing for a path outside
+// the root. Without a root, `path` itself. Whatever follows links reads this instead of `path`,
+// so that nothing outside the root is read.
+std::optional<std::string> confinedPath(const std::string& path, Follow follow = Follow::yes);
+
+// The entries of `folder` with links followed, as `listDirectory(folder, Follow::yes)` gives
+// them, each link followed only inside the root of the current locations.
+Result<std::vector<DirectoryEntry>> listDirectoryConfined(const std::string& folder);
 
 }  // namespace platform

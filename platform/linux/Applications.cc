@@ -20,9 +20,11 @@ namespace {
 void desktopFiles(const std::string& folder, std::vector<std::string>& out,
                   std::set<std::pair<std::uint64_t, std::uint64_t>>& entered, int depth = 0) {
   if (depth > 8) return;
-  auto self = fileStatus(folder, Follow::yes);
+  auto real = confinedPath(folder);
+  if (!real) return;
+  auto self = fileStatus(*real, Follow::yes);
   if (!self.ok() || !entered.insert({self->device, self->inode}).second) return;
-  auto entries = listDirectory(folder, Follow::yes);
+  auto entries = listDirectoryConfined(folder);
   if (!entries.ok()) return;
   std::sort(entries->begin(), entries->end(),
             [](const DirectoryEntry& a, const DirectoryEntry& b) { return a.name < b.name; });
@@ -55,7 +57,9 @@ bool isShown(const std::string& path) {
 }  // namespace
 
 std::optional<std::string> readDesktopEntry(const std::string& path) {
-  auto content = readRegularFile(path, kMaxDesktopEntryBytes);
+  auto confined = confinedPath(path);
+  if (!confined) return std::nullopt;
+  auto content = readRegularFile(*confined, kMaxDesktopEntryBytes, Follow::no);
   if (!content.ok()) return std::nullopt;
   return std::move(*content);
 }
@@ -83,22 +87,12 @@ std::vector<std::string> desktopEntries(const Locations& locations, bool shownOn
   return urls;
 }
 
-// `path` with its links resolved one by one, an absolute target taken below `root`, so that a
-// program of a mounted disk never resolves into this machine. Nothing for a loop or a dangling
-// link.
-std::optional<std::string> resolvedBelowRoot(std::string path, const std::string& root) {
-  for (int hops = 0; hops < 16; ++hops) {
-    auto status = fileStatus(path, Follow::no);
-    if (!status.ok()) return std::nullopt;
-    if (status->type != FileType::symbolicLink) return path;
-    std::vector<char> buffer(4096);
-    ssize_t length = ::readlink(path.c_str(), buffer.data(), buffer.size());
-    if (length <= 0 || static_cast<std::size_t>(length) >= buffer.size()) return std::nullopt;
-    std::string target(buffer.data(), static_cast<std::size_t>(length));
-    path = target.front() == '/' ? underRootPath(root, target)
-                                 : joinPath(deletingLastPathComponent(path), target);
-  }
-  return std::nullopt;
+// `path` with its links resolved, inside `root` when there is one, so that a program of a
+// mounted disk never resolves into this machine. Nothing for a loop or a path outside the root.
+std::optional<std::string> resolvedBelowRoot(const std::string& path, const std::string& root) {
+  if (root.empty() || root == "/") return resolveInRoot("/", path);
+  if (path != root && !path.starts_with(root + "/")) return std::nullopt;
+  return resolveInRoot(root, path.substr(root.size()));
 }
 
 // The program a desktop entry's Exec line runs, past "env" and its assignments.
@@ -138,7 +132,7 @@ std::vector<std::string> installedApplicationURLs(const Locations& locations) {
 std::vector<std::string> installedFlatpaks(const Locations& locations) {
   std::set<std::string> ids;
   for (const auto& installation : locations.flatpakInstallations) {
-    auto entries = listDirectory(joinPath(installation, "app"), Follow::yes);
+    auto entries = listDirectoryConfined(joinPath(installation, "app"));
     if (!entries.ok()) continue;
     for (const auto& entry : *entries) {
       if (entry.isDirectory() && !entry.name.starts_with(".")) ids.insert(entry.name);

@@ -2,14 +2,19 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <string_view>
+#include <vector>
 
 namespace platform {
 
@@ -177,6 +182,130 @@ Result<FileStatus> fileStatus(const std::string& path, Follow follow) {
 bool isOnReadOnlyMount(const std::string& path) {
   struct statvfs info {};
   return ::statvfs(path.c_str(), &info) == 0 && (info.f_flag & ST_RDONLY) != 0;
+}
+
+namespace {
+
+std::atomic<bool> gNoOpenat2{false};
+
+std::vector<std::string> pathComponents(std::string_view path) {
+  std::vector<std::string> parts;
+  std::size_t start = 0;
+  while (start <= path.size()) {
+    std::size_t end = path.find('/', start);
+    if (end == std::string_view::npos) end = path.size();
+    if (end > start) parts.emplace_back(path.substr(start, end - start));
+    start = end + 1;
+  }
+  return parts;
+}
+
+std::string belowRoot(const std::string& root, const std::vector<std::string>& parts) {
+  std::string path = root == "/" ? "" : root;
+  for (const auto& part : parts) path += "/" + part;
+  return path.empty() ? "/" : path;
+}
+
+std::optional<std::string> readLink(const std::string& path) {
+  std::vector<char> buffer(256);
+  for (;;) {
+    ssize_t length = ::readlink(path.c_str(), buffer.data(), buffer.size());
+    if (length < 0) return std::nullopt;
+    if (static_cast<std::size_t>(length) < buffer.size()) {
+      return std::string(buffer.data(), static_cast<std::size_t>(length));
+    }
+    if (buffer.size() >= (1u << 20)) return std::nullopt;
+    buffer.resize(buffer.size() * 2);
+  }
+}
+
+// Component by component, as the kernel would: each link read and its target put in front of
+// what is left, an absolute one starting again at the root.
+std::optional<std::string> resolveByWalking(const std::string& root, const std::string& path,
+                                            Follow follow) {
+  std::vector<std::string> resolved;
+  std::vector<std::string> pending = pathComponents(path);
+  std::reverse(pending.begin(), pending.end());  // the next component at the back
+  int links = 0;
+  while (!pending.empty()) {
+    std::string part = std::move(pending.back());
+    pending.pop_back();
+    if (part == ".") continue;
+    if (part == "..") {
+      if (!resolved.empty()) resolved.pop_back();
+      continue;
+    }
+    resolved.push_back(part);
+    struct stat status;
+    const std::string candidate = belowRoot(root, resolved);
+    if (::lstat(candidate.c_str(), &status) != 0) {
+      // Missing from here on: the rest is taken as written.
+      while (!pending.empty()) {
+        std::string rest = std::move(pending.back());
+        pending.pop_back();
+        if (rest == "..") {
+          if (!resolved.empty()) resolved.pop_back();
+        } else if (rest != ".") {
+          resolved.push_back(std::move(rest));
+        }
+      }
+      break;
+    }
+    if (!S_ISLNK(status.st_mode) || (pending.empty() && follow == Follow::no)) continue;
+    if (++links > 40) return std::nullopt;  // ELOOP, as the kernel counts
+    auto target = readLink(candidate);
+    if (!target || target->empty()) return std::nullopt;
+    resolved.pop_back();
+    if (target->front() == '/') resolved.clear();
+    auto parts = pathComponents(*target);
+    pending.insert(pending.end(), parts.rbegin(), parts.rend());
+  }
+  return belowRoot(root, resolved);
+}
+
+}  // namespace
+
+void detail::setOpenat2Unavailable(bool unavailable) { gNoOpenat2 = unavailable; }
+
+std::optional<std::string> resolveInRoot(const std::string& givenRoot, const std::string& path,
+                                         Follow follow) {
+  std::string root = givenRoot.empty() ? "/" : givenRoot;
+  while (root.size() > 1 && root.back() == '/') root.pop_back();
+  if (path.find('\0') != std::string::npos) return std::nullopt;
+  if (!gNoOpenat2.load(std::memory_order_relaxed)) {
+    int rootFolder = ::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (rootFolder >= 0) {
+      std::string relative = path;
+      relative.erase(0, relative.find_first_not_of('/'));
+      if (relative.empty()) relative = ".";
+      struct open_how how {};
+      how.flags = O_PATH | O_CLOEXEC | (follow == Follow::no ? O_NOFOLLOW : 0);
+      how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
+      int fd =
+          static_cast<int>(::syscall(SYS_openat2, rootFolder, relative.c_str(), &how, sizeof(how)));
+      int error = errno;
+      std::optional<std::string> real;
+      std::optional<std::string> realRoot;
+      if (fd >= 0) {
+        real = readLink("/proc/self/fd/" + std::to_string(fd));
+        realRoot = readLink("/proc/self/fd/" + std::to_string(rootFolder));
+        ::close(fd);
+      }
+      ::close(rootFolder);
+      if (fd >= 0 && real && realRoot) {
+        // The kernel's own answer, spelt below the root as the caller spells it.
+        if (*real == *realRoot) return root;
+        std::string prefix = *realRoot == "/" ? "/" : *realRoot + "/";
+        if (real->starts_with(prefix)) {
+          return belowRoot(root, pathComponents(real->substr(prefix.size())));
+        }
+      }
+      if (fd < 0 && error == ELOOP) return std::nullopt;
+      // Missing components, an old kernel, a sandbox that forbids the call, or no /proc: the
+      // walk below does the same.
+    }
+  }
+  return resolveByWalking(root, path, follow);
 }
 
 bool fileExists(const std::string& path, Follow follow) { return fileStatus(path, follow).ok(); }

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
@@ -139,8 +140,9 @@ std::string underRootPath(const std::string& root, const std::string& path) {
   if (root.empty() || root == "/") return path;
   std::string base = root;
   while (base.size() > 1 && base.back() == '/') base.pop_back();
-  if (path.empty() || path == "/") return base;
-  return base + (path.front() == '/' ? path : "/" + path);
+  if (auto resolved = resolveInRoot(base, path)) return *resolved;
+  // A loop of links: a path below the root that names nothing.
+  return joinPath(base, ".loop-of-links");
 }
 
 Locations Locations::fromEnvironment() {
@@ -211,7 +213,9 @@ Locations Locations::fromEnvironment(const std::string& root) {
         &l.globalUserUnits, &l.systemUnits, &l.packages}) {
     put(*path);
   }
-  l.trashes = {joinPath(l.library, "Trash/files")};
+  // Each location is the path the system below the root gives it, resolved there: a home that
+  // is a link, or a HOME with "..", never leads out of the root.
+  l.trashes = {underRootPath(root, joinPath(Locations::fromEnvironment().library, "Trash/files"))};
   for (auto* list : {&l.applications, &l.flatpakInstallations, &l.commandFolders, &l.autostart}) {
     for (auto& path : *list) put(path);
   }
@@ -279,5 +283,33 @@ void setCurrentLocations(Locations locations) {
 }
 
 std::string passwordHome() { return homeFromPasswordDatabase(); }
+
+std::optional<std::string> confinedPath(const std::string& path, Follow follow) {
+  std::string root = currentLocations().root;
+  while (root.size() > 1 && root.back() == '/') root.pop_back();
+  if (root.empty() || root == "/") return path;
+  if (path != root && !path.starts_with(root + "/")) return std::nullopt;
+  return resolveInRoot(root, path.substr(root.size()), follow);
+}
+
+Result<std::vector<DirectoryEntry>> listDirectoryConfined(const std::string& folder) {
+  const std::string& root = currentLocations().root;
+  if (root.empty() || root == "/") return listDirectory(folder, Follow::yes);
+  auto confined = confinedPath(folder);
+  if (!confined) return Error{ENOENT};
+  auto entries = listDirectory(*confined, Follow::no);
+  if (!entries.ok()) return entries;
+  for (auto& entry : *entries) {
+    if (entry.type != FileType::symbolicLink) continue;
+    auto target = confinedPath(joinPath(*confined, entry.name));
+    if (!target) continue;
+    auto status = fileStatus(*target, Follow::no);
+    if (!status.ok()) continue;  // a link to nothing stays a link
+    entry.type = status->type;
+    entry.fileSize = status->size;
+    entry.modified = status->modified;
+  }
+  return entries;
+}
 
 }  // namespace platform

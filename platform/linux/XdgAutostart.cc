@@ -47,7 +47,7 @@ std::vector<std::pair<std::string, std::string>> entries(const Locations& locati
   std::vector<std::pair<std::string, std::string>> out;
   std::set<std::string> seen;
   for (const auto& folder : locations.autostart) {
-    auto listing = listDirectory(folder, Follow::yes);
+    auto listing = listDirectoryConfined(folder);
     if (!listing.ok()) continue;
     std::vector<std::string> names;
     for (const auto& item : *listing) {
@@ -128,7 +128,8 @@ bool removeLoginItem(const Locations& locations, const std::string& url) {
     // A system entry of the same name would come back once the user's is gone: hide it instead.
     bool systemEntry = false;
     for (std::size_t i = 1; i < locations.autostart.size(); ++i) {
-      if (fileExists(joinPath(locations.autostart[i], name), Follow::yes)) systemEntry = true;
+      auto path = confinedPath(joinPath(locations.autostart[i], name));
+      if (path && fileExists(*path, Follow::no)) systemEntry = true;
     }
     if (systemEntry) {
       writeFile(userEntry, "[Desktop Entry]\nType=Application\nName=" + name + "\nHidden=true\n");
