@@ -4,9 +4,12 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <fstream>
 #include <map>
+#include <mutex>
 #include <set>
 
+#include "Core/JunkFileFinder.h"
 #include "platform/Locations.h"
 #include "resources/Resources.h"
 #include "testsupport/TestSupport.h"
@@ -303,6 +306,132 @@ TEST_F(AppFileFinderTest, ANestedOrHiddenEntryCountsAsInstalledButIsNotScanned) 
   EXPECT_TRUE(recorder_->leftovers.empty());
   // Nothing to look at still ends with its notification.
   EXPECT_EQ(recorder_->leftoversFinished, 1);
+}
+
+// Every path a junk scan reports.
+class JunkPaths final : public JunkFileFinderDelegate {
+ public:
+  void junkFileFinderCurrentURL(const std::string&) override {}
+  void junkFileFinderProgress(double) override {}
+  void junkFileFinderFoundSystemCache(const File& file) override { add(file.url); }
+  void junkFileFinderFoundLog(const File& file) override { add(file.url); }
+  void junkFileFinderFoundTrashItem(const File& file) override { add(file.url); }
+  void junkFileFinderDidFinishSystemFiles() override {}
+  void junkFileFinderFoundDiskImages(const std::vector<File>& files) override {
+    for (const auto& file : files) add(file.url);
+  }
+  void junkFileFinderFoundAppJunk(const MacAppJunkFile& junk) override { add(junk.files); }
+  void junkFileFinderFoundOrphanJunk(const AppJunkFile& junk) override { add(junk.files); }
+  void junkFileFinderFoundBrowserJunk(const MacAppJunkFile& junk) override { add(junk.files); }
+  void junkFileFinderDidFinish() override { finished = true; }
+
+  std::set<std::string> paths() {
+    std::lock_guard lock(mutex_);
+    return paths_;
+  }
+  bool finished = false;
+
+ private:
+  void add(const std::string& path) {
+    std::lock_guard lock(mutex_);  // the system categories report on the scan queue
+    paths_.insert(path);
+  }
+  void add(const std::vector<AppFile>& files) {
+    for (const auto& file : files) add(file.url);
+  }
+  std::mutex mutex_;
+  std::set<std::string> paths_;
+};
+
+// A name a matcher takes: the literal itself, or one the pattern matches.
+std::optional<std::string> sampleName(const Matcher& matcher) {
+  if (const auto* literal = std::get_if<StringMatcher>(&matcher)) return literal->text.origin();
+  if (const auto* regex = std::get_if<RegexMatcher>(&matcher)) {
+    for (const char* name :
+         {"x.log", "x.log.old", "event-sound-cache.tdb.abc.x86_64-pc-linux-gnu", "x"}) {
+      if (match(matcher, name).matches) return std::string(name);
+    }
+    return std::nullopt;
+  }
+  return std::string("kept");
+}
+
+// What the shipped rules keep from every report ("@") or give the system ("#"): with each of
+// those paths on disk and an application named after it and after the folder that holds it,
+// installed or removed, no scan reports the path or a folder above it.
+TEST_F(AppFileFinderTest, WhatTheShippedRulesKeepIsNeverReported) {
+  std::string error;
+  auto manager = RuleManager::load(resources::ruleDocument(), locations_, &error);
+  ASSERT_TRUE(manager) << error;
+  std::vector<std::string> kept;
+  std::set<std::string> names;
+  std::set<CaseInsensitiveString> distinct;  // identifiers ignore case
+  auto addName = [&](std::string name) {
+    name.erase(0, name.find_first_not_of('.'));  // an identifier has no leading dot
+    if (!name.empty() && distinct.insert(CaseInsensitiveString(name)).second) names.insert(name);
+  };
+  for (const auto& [id, rule] : manager->rules) {
+    if (!std::holds_alternative<BlackRule>(id) && !std::holds_alternative<SystemRule>(id)) {
+      continue;
+    }
+    for (const auto* section : {&rule.caches, &rule.logs, &rule.support}) {
+      if (!*section) continue;
+      for (const auto& [kind, matchers] : **section) {
+        for (const auto& matcher : matchers) {
+          std::string path = matcher.root;
+          for (const auto& component : matcher.pathMatchers) {
+            auto name = sampleName(component);
+            ASSERT_TRUE(name) << matcher.source;
+            path = platform::joinPath(path, *name);
+          }
+          auto name = sampleName(matcher.nameMatcher);
+          ASSERT_TRUE(name) << matcher.source;
+          addName(platform::lastPathComponent(path));
+          addName(*name);
+          kept.push_back(platform::joinPath(path, *name));
+        }
+      }
+    }
+  }
+  ASSERT_GE(kept.size(), 20u);
+  for (const auto& path : kept) {
+    std::filesystem::create_directories(path);
+    std::ofstream(path + "/inside") << "kept";
+  }
+  auto check = [&](const std::set<std::string>& reported, const std::string& scan) {
+    for (std::string path : reported) {
+      if (path.front() != '/') path = tmp_ / ("home/" + path);
+      for (const auto& keep : kept) {
+        EXPECT_FALSE(keep == path || keep.starts_with(path + "/"))
+            << scan << " reports " << path << ", which holds " << keep;
+      }
+    }
+  };
+  auto junk = [&] {
+    auto finder = JunkFileFinder::create(std::make_shared<RuleManager>(*manager));
+    auto paths = std::make_shared<JunkPaths>();
+    finder->delegate = paths;
+    finder->start();
+    EXPECT_TRUE(testsupport::drainMainUntil([&] { return paths->finished; }));
+    return paths->paths();
+  };
+
+  // Installed: each name has an application.
+  for (const auto& name : names) desktopEntry(name, name, name);
+  auto finder = makeFinder();
+  scan(*finder);
+  EXPECT_GE(recorder_->foundApps.size(), names.size() / 2);
+  check(owned(), "apps --files");
+  check(junk(), "junk");
+  // Removed: each name is a candidate, with a folder of its own in the configuration folder.
+  std::filesystem::remove_all(tmp_ / "usr/share/applications");
+  for (const auto& name : names) home(".config/" + name + "/settings");
+  finder = makeFinder();
+  scanLeftovers(*finder);
+  std::set<std::string> leftovers;
+  for (const auto& [id, paths] : recorder_->leftovers) leftovers.insert(paths.begin(), paths.end());
+  check(leftovers, "leftovers");
+  check(junk(), "junk");
 }
 
 }  // namespace
