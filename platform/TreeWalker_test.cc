@@ -211,6 +211,10 @@ TEST(MetadataQueryTest, DiskImagesByExtensionWithBundlesAsOneItem) {
   tmp.write("home/vm/disk.qcow2", std::string(50, 'x'));
   tmp.write("home/notes.txt", "x");
   tmp.write("home/Backup.sparsebundle/bands/0", std::string(10, 'x'));
+  // Named like images, none is one: a link (to a large file), a pipe, a folder's content.
+  tmp.write("elsewhere/big", std::string(1000, 'x'));
+  tmp.symlink("home/link.iso", tmp / "elsewhere/big");
+  ::mkfifo((tmp / "home/pipe.img").c_str(), 0600);
   auto query = makeMetadataQuery();
   query->setPredicate(DiskImagePredicate{});
   query->setSearchScopes({tmp / "home"});

@@ -12,6 +12,7 @@
 // listed against the folders the rules reached, and `du -s` over the same entries. The tree is
 // made once under TREE_PARENT (by default /dev/shm, where files are made fast) and kept.
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -67,7 +68,7 @@ std::string idOf(int n) {
 }
 
 void makeTree(const std::string& root) {
-  if (std::filesystem::exists(root + "/.complete")) return;
+  if (std::filesystem::exists(root + "/.complete-2")) return;
   std::filesystem::remove_all(root);
   const std::string home = root + "/home";
   std::size_t entries = 0;
@@ -97,12 +98,17 @@ void makeTree(const std::string& root) {
   for (int n = 0; n < 200; ++n) {
     write(root + "/var/log/app" + std::to_string(n) + ".log", "live");
     write(root + "/var/log/app" + std::to_string(n) + ".log.1", "old");
+    // Rotated a day ago: a log changed in the last hour is never junk.
+    struct timespec times[2] = {{::time(nullptr) - 86400, 0}, {::time(nullptr) - 86400, 0}};
+    ::utimensat(AT_FDCWD, (root + "/var/log/app" + std::to_string(n) + ".log.1").c_str(), times, 0);
     entries += 2;
   }
   entries += fill(home + "/.local/share/Trash/files", 10, 599);
   write(root + "/var/crash/_usr_bin_app.0.crash", "crash");
+  struct timespec times[2] = {{::time(nullptr) - 86400, 0}, {::time(nullptr) - 86400, 0}};
+  ::utimensat(AT_FDCWD, (root + "/var/crash/_usr_bin_app.0.crash").c_str(), times, 0);
   ++entries;
-  std::ofstream(root + "/.complete") << entries << "\n";
+  std::ofstream(root + "/.complete-2") << entries << "\n";
 }
 
 struct JunkGather final : Core::JunkFileFinderDelegate {
@@ -238,7 +244,7 @@ int main(int argc, char** argv) {
   const std::string root = parent + "/ravelin-bench-appfiles";
   makeTree(root);
   std::string entries;
-  std::ifstream(root + "/.complete") >> entries;
+  std::ifstream(root + "/.complete-2") >> entries;
   if (junkScan) return junk(root, entries);
 
   auto locations = platform::Locations::underRoot(root);

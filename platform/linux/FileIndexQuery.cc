@@ -1,3 +1,6 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cctype>
@@ -38,6 +41,23 @@ class Collector final : public WalkVisitor {
         interval_(interval),
         announce_(std::move(announce)),
         last_(DispatchClock::now()) {}
+
+  // A search for disk images walks without examining every entry (the listing tells files from
+  // folders): only a file named like an image is examined, for its size.
+  void entryAt(int folder, const std::string& folderPath, std::string_view name,
+               const struct stat& status) override {
+    if (!std::holds_alternative<DiskImagePredicate>(predicate_)) {
+      entry(folderPath, name, status);
+      return;
+    }
+    if (!S_ISREG(status.st_mode) || !hasDiskImageExtension(name)) return;
+    struct stat examined;
+    if (::fstatat(folder, std::string(name).c_str(), &examined, AT_SYMLINK_NOFOLLOW) != 0 ||
+        !S_ISREG(examined.st_mode)) {
+      return;  // gone, or replaced since it was listed
+    }
+    add(folderPath, name, examined.st_size);
+  }
 
   void entry(const std::string& folder, std::string_view name, const struct stat& status) override {
     if (!S_ISREG(status.st_mode)) return;
@@ -154,6 +174,7 @@ class FileIndexQuery final : public MetadataQuery {
       WalkOptions options;
       options.stayOnFileSystem = true;
       options.stop = &gathering->stop;
+      options.statEntries = !std::holds_alternative<DiskImagePredicate>(predicate);
       for (const auto& scope : scopes) {
         if (gathering->stop.load()) break;
         walkTree(scope, collector, options);
