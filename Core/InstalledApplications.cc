@@ -6,6 +6,7 @@
 #include "Core/AppBundle.h"
 #include "platform/Applications.h"
 #include "platform/Files.h"
+#include "platform/Packages.h"
 
 namespace Core {
 
@@ -155,20 +156,14 @@ std::optional<std::string> InstalledApplications::find(const CaseInsensitiveStri
 void InstalledApplications::readPackageCommands() const {
   if (packageCommandsRead_) return;
   packageCommandsRead_ = true;
-  const std::string info = platform::joinPath(packages_, "info");
-  auto lists = platform::listDirectory(info);
-  if (!lists.ok()) return;
-  for (const auto& entry : *lists) {
-    if (entry.type != platform::FileType::regular || !entry.name.ends_with(".list")) continue;
-    const std::string list = platform::joinPath(info, entry.name);
-    auto content = platform::readRegularFile(list, kMaxPackageFileBytes, platform::Follow::no);
-    if (!content.ok()) continue;
-    forEachLine(*content, [&](std::string_view line) {
-      auto slash = line.find_last_of('/');
-      if (slash == std::string_view::npos || slash + 1 >= line.size()) return;
-      if (!isCommandFolder(line.substr(0, slash))) return;
-      packageCommands_.try_emplace(CaseInsensitiveString(line.substr(slash + 1)), list);
-    });
+  auto files = platform::packageFiles(packages_, [](std::string_view path) {
+    std::size_t slash = path.find_last_of('/');
+    return slash != std::string_view::npos && slash + 1 < path.size() &&
+           isCommandFolder(path.substr(0, slash));
+  });
+  for (const auto& [path, package] : files) {
+    packageCommands_.try_emplace(CaseInsensitiveString(platform::lastPathComponent(path)),
+                                 platform::joinPath(packages_, "info/" + package + ".list"));
   }
 }
 

@@ -838,7 +838,7 @@ TEST(RavelinTest, StartupListsAndSwitchesTheUsersItems) {
 
   Outcome enabled = run({"startup", "--enable", "sync.service"}, options);
   EXPECT_EQ(enabled.status, 0) << enabled.err;
-  EXPECT_EQ(enabled.out, "sync.service  starts by itself\n");
+  EXPECT_EQ(enabled.out, "sync.service  starts by itself (enabled)\n");
   EXPECT_TRUE(
       std::filesystem::is_symlink(home / ".config/systemd/user/default.target.wants/sync.service"));
   EXPECT_EQ(item("sync.service")["enabled"], true);
@@ -846,8 +846,13 @@ TEST(RavelinTest, StartupListsAndSwitchesTheUsersItems) {
       run({"startup", "--disable", home / ".config/systemd/user/sync.service"}, options).status, 0);
   EXPECT_EQ(item("sync.service")["enabled"], false);
 
+  // The user's own entry is kept, switched off, and comes back.
   EXPECT_EQ(run({"startup", "--disable", "notes"}, options).status, 0);
-  EXPECT_FALSE(std::filesystem::exists(home / ".config/autostart/notes.desktop"));
+  EXPECT_TRUE(std::filesystem::exists(home / ".config/autostart/notes.desktop"));
+  EXPECT_EQ(item("notes")["enabled"], false);
+  EXPECT_EQ(run({"startup", "--enable", "notes"}, options).status, 0);
+  EXPECT_EQ(item("notes")["enabled"], true);
+  EXPECT_EQ(item("notes")["origin"], "user");
   EXPECT_EQ(run({"startup", "--disable", "no-such-item"}, options).status, 2);
   EXPECT_EQ(run({"startup", "--disable", ""}, options).status, 2);
   EXPECT_EQ(run({"startup", "--enable", "a", "--disable", "b"}, options).status, 2);

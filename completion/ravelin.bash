@@ -41,7 +41,7 @@ _ravelin() {
     apps) options="--files --json" ;;
     leftovers) options="--delete --all --yes --dry-run --json" ;;
     junk) options="--clean --category --yes --dry-run --json" ;;
-    startup) options="--disable --enable --json" ;;
+    startup) options="--all --disable --enable --json" ;;
     rules) options="--check --for --json" ;;
     monitor) options="--watch --count --free-memory --json" ;;
     delete) options="--yes --dry-run --system --json --from --from0" ;;

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <sstream>
+#include <unordered_set>
 
 #include "helper/HelperConnection.h"
 #include "platform/Dispatch.h"
@@ -80,11 +81,38 @@ std::unordered_map<std::string, bool> ItemsStatusManager::parseDisabled(const st
 void ItemsStatusManager::reloadDisabledItems() {
   // Linux has no user-domain argument to pass: the rendering covers the user's units, the
   // units of every user and the system's, each from its own source.
+  // One listing per domain gives both the states and the table, which is rendered in the
+  // grammar of `launchctl print-disabled` and read back by the one parser.
   using platform::launchd::Domain;
   for (Domain domain : {Domain::user, Domain::global, Domain::system}) {
-    disabledItems[static_cast<std::size_t>(domain)] = parseDisabled(
-        platform::launchd::printDisabled(*runner_, platform::currentLocations(), domain));
+    const auto index = static_cast<std::size_t>(domain);
+    const auto& locations = platform::currentLocations();
+    units[index] = platform::launchd::unitFileStates(*runner_, locations, domain);
+    // systemctl lists a template alone ("indirect"); its enabled instances are the links.
+    std::unordered_set<std::string> listed;
+    for (const auto& unit : units[index]) listed.insert(unit.name);
+    for (auto& instance : platform::launchd::enabledInstances(locations, domain)) {
+      if (listed.insert(instance).second) {
+        units[index].push_back(platform::launchd::UnitFileState{std::move(instance), "enabled"});
+      }
+    }
+    std::string table = "disabled services = {\n";
+    for (const auto& unit : units[index]) {
+      if (unit.name.find('"') != std::string::npos) continue;
+      if (auto on = platform::launchd::isSwitchedOn(unit.state)) {
+        table += "\t\"" + unit.name + "\" => " + (*on ? "false" : "true") + "\n";
+      }
+    }
+    disabledItems[index] = parseDisabled(table + "}\n");
   }
+}
+
+std::optional<std::string> ItemsStatusManager::stateIn(platform::launchd::Domain domain,
+                                                       const std::string& label) const {
+  for (const auto& unit : unitsIn(domain)) {
+    if (unit.name == label) return unit.state;
+  }
+  return std::nullopt;
 }
 
 namespace {

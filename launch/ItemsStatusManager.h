@@ -10,8 +10,10 @@
 
 #include <array>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "platform/Launchd.h"
 #include "platform/Process.h"
@@ -52,8 +54,19 @@ class ItemsStatusManager {
     return disabledItems[static_cast<std::size_t>(domain)];
   }
 
+  // The state systemctl words for `label` in `domain` ("enabled", "static", "masked", ...), as
+  // read with the table; nothing for a label it didn't list.
+  std::optional<std::string> stateIn(platform::launchd::Domain domain,
+                                     const std::string& label) const;
+  // Every unit of `domain` with its state, in the order systemctl listed them.
+  const std::vector<platform::launchd::UnitFileState>& unitsIn(
+      platform::launchd::Domain domain) const {
+    return units[static_cast<std::size_t>(domain)];
+  }
+
   // Indexed by `platform::launchd::Domain`.
   std::array<std::unordered_map<std::string, bool>, 3> disabledItems;
+  std::array<std::vector<platform::launchd::UnitFileState>, 3> units;
 
  private:
   std::shared_ptr<platform::ProcessRunner> runner_;

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <mutex>
 #include <unordered_set>
 
@@ -69,33 +70,57 @@ class LaunchdManagedItemsFinder final : public LaunchItemsFinder {
   void start() override;
 
  private:
-  static std::vector<LaunchItem> launchdItems();
+  using UnitNames = std::array<std::vector<std::string>, 3>;
+  static std::vector<LaunchItem> launchdItems(const UnitNames& names);
   static std::vector<LaunchItem> helperItems(std::vector<LaunchItem> listed);
 };
 
-std::vector<LaunchItem> LaunchdManagedItemsFinder::launchdItems() {
+bool isUnitFileName(const std::string& name) {
+  static const std::array<const char*, 11> kTypes = {".service", ".socket", ".timer",     ".path",
+                                                     ".target",  ".mount",  ".automount", ".swap",
+                                                     ".slice",   ".scope",  ".plist"};
+  return std::any_of(kTypes.begin(), kTypes.end(),
+                     [&](const char* type) { return name.ends_with(type); });
+}
+
+std::vector<LaunchItem> LaunchdManagedItemsFinder::launchdItems(const UnitNames& names) {
+  using platform::launchd::Domain;
   const platform::Locations& locations = platform::currentLocations();
-  // The folders hold unit files and, beside them, the folders of their dependencies: only
-  // units are items.
-  const auto& list = platform::launchd::listedUnits;
   std::vector<LaunchItem> items;
-  for (const auto& name : list(locations.globalUserUnits)) {
-    items.emplace_back(platform::joinPath(locations.globalUserUnits, name), GlobalAgent{});
-  }
-  for (const auto& name : list(locations.systemUnits)) {
-    items.emplace_back(platform::joinPath(locations.systemUnits, name), GlobalDaemon{});
-  }
-  std::erase_if(items, [](const LaunchItem& item) {
-    return item.url.find(kProductIdentifier) != std::string::npos;
-  });
-  // In the user's folder only what is named as a unit (or a property list) counts: it holds
-  // whatever the user keeps there.
-  for (const auto& name : list(locations.userUnits)) {
-    bool unit = false;
-    for (const char* suffix : {".plist", ".service", ".socket", ".timer", ".path"}) {
-      if (name.find(suffix) != std::string::npos) unit = true;
+  for (Domain domain : {Domain::global, Domain::system, Domain::user}) {
+    // What systemctl lists for the domain, and what the folders hold beside it (a unit whose
+    // file it can't read, the user's units where no manager answers).
+    std::vector<std::string> all = names[static_cast<std::size_t>(domain)];
+    std::unordered_set<std::string> seen(all.begin(), all.end());
+    for (const auto& folder : platform::launchd::unitFolders(locations, domain)) {
+      for (const auto& name : platform::launchd::listedUnits(folder)) {
+        if (isUnitFileName(name) && seen.insert(name).second) all.push_back(name);
+      }
     }
-    if (unit) items.emplace_back(platform::joinPath(locations.userUnits, name), UserAgent{});
+    for (const auto& name : all) {
+      if (name.find(kProductIdentifier) != std::string::npos) continue;
+      // The unit's file; an instance is named after itself beside its template's file, and a
+      // unit with no file (generated, transient) by its name alone.
+      std::string url = name;
+      if (auto path = platform::launchd::unitFilePath(locations, domain, name)) {
+        url = platform::lastPathComponent(*path) == name
+                  ? *path
+                  : platform::joinPath(platform::deletingLastPathComponent(*path), name);
+      } else if (domain == Domain::user) {
+        continue;  // the user's manager lists every user's units too: they are global agents
+      }
+      switch (domain) {
+        case Domain::user:
+          items.emplace_back(url, UserAgent{});
+          break;
+        case Domain::global:
+          items.emplace_back(url, GlobalAgent{});
+          break;
+        case Domain::system:
+          items.emplace_back(url, GlobalDaemon{});
+          break;
+      }
+    }
   }
   return items;
 }
@@ -131,14 +156,21 @@ void LaunchdManagedItemsFinder::start() {
   auto second = std::make_shared<std::vector<LaunchItem>>();
   platform::DispatchGroup group;
   auto global = platform::DispatchQueue::global(platform::QoS::unspecified);
-  global.async(group, [first] { *first = launchdItems(); });
+  // The units each domain's manager lists, read here: the status manager belongs to this thread.
+  UnitNames names;
+  for (auto domain : {platform::launchd::Domain::user, platform::launchd::Domain::global,
+                      platform::launchd::Domain::system}) {
+    for (const auto& unit : ItemsStatusManager::shared().unitsIn(domain)) {
+      names[static_cast<std::size_t>(domain)].push_back(unit.name);
+    }
+  }
+  global.async(group, [first, names = std::move(names)] { *first = launchdItems(names); });
   // The login-item list is read on the caller's thread, the helpers looked for on a global queue.
   std::vector<LaunchItem> listed;
   // The entries a user switched off over the system's are items too, or they could never be
   // switched on again.
   auto entries = platform::login_items::loginItemSnapshot(platform::currentLocations());
-  for (auto& entry :
-       platform::login_items::switchedOffSystemEntries(platform::currentLocations())) {
+  for (auto& entry : platform::login_items::switchedOffEntries(platform::currentLocations())) {
     entries.push_back(std::move(entry));
   }
   for (const auto& entry : entries) {
@@ -213,6 +245,19 @@ std::optional<std::string> LaunchItem::runs() const {
   const auto* program = content->find("Program");
   return program && program->string() ? std::optional<std::string>(*program->string())
                                       : std::nullopt;
+}
+
+std::optional<platform::launchd::Domain> LaunchItem::domain() const {
+  if (std::holds_alternative<AppLoginItem>(itemType)) return std::nullopt;
+  auto service = managed(*this);
+  return service ? std::optional(service->domain) : std::nullopt;
+}
+
+std::string LaunchItem::state() const {
+  auto unitDomain = domain();
+  auto label = getPlistItemLabel();
+  if (!unitDomain || !label) return isAutoStartEnabled() ? "enabled" : "disabled";
+  return ItemsStatusManager::shared().stateIn(*unitDomain, *label).value_or("unknown");
 }
 
 bool LaunchItem::isAutoStartEnabled() const {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "Core/AppBundle.h"
+#include "platform/Launchd.h"
 #include "platform/Plist.h"
 
 namespace launch {
@@ -59,6 +60,13 @@ class LaunchItem final : public LaunchStatus, public LaunchStatusUpdatable {
   // What the item runs, for display: a unit's ExecStart, a property list's program, an
   // application's Exec line. Nothing where it can't be told.
   std::optional<std::string> runs() const;
+
+  // The service manager's domain of a unit; nothing for a login item.
+  std::optional<platform::launchd::Domain> domain() const;
+  // The unit's state as systemctl words it ("enabled", "disabled", "static", "masked",
+  // "generated", "indirect", ...; "unknown" for a unit it didn't list); for a login item
+  // "enabled" or "disabled".
+  std::string state() const;
 
   bool isAutoStartEnabled() const override;
   bool setAutoStartEnabled(bool enabled) override;

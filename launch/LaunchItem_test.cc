@@ -48,9 +48,11 @@ class LaunchItemTest : public ::testing::Test {
     locations_.root = "";  // so that the user's units go through systemctl --user
     platform::setCurrentLocations(locations_);
     runner_ = std::make_shared<testsupport::RecordingProcessRunner>();
-    runner_->answer("/usr/bin/systemctl", platform::ProcessOutput{"on.service enabled enabled\n"
-                                                                  "off.service disabled enabled\n",
-                                                                  0});
+    answer("");
+  }
+  // What systemctl lists in every domain.
+  void answer(const std::string& listing) {
+    runner_->answer("/usr/bin/systemctl", platform::ProcessOutput{listing, 0});
     ItemsStatusManager::shared().setProcessRunner(runner_);
     ItemsStatusManager::shared().reloadDisabledItems();
   }
@@ -96,13 +98,21 @@ class LaunchItemTest : public ::testing::Test {
 
 TEST_F(LaunchItemTest, AnEmptySystemGivesOneCallWithNothing) { EXPECT_TRUE(find().empty()); }
 
+// Every folder of a domain, the packages' too; only units; a unit systemctl lists and no folder
+// holds (generated) by its name; an enabled instance beside its template.
 TEST_F(LaunchItemTest, UnitsOfEachFolderWithTheirFilters) {
   tmp_.write("home/.config/systemd/user/on.service", "[Service]\nExecStart=/usr/bin/on\n");
+  tmp_.write("home/.config/systemd/user/session.target", "[Unit]\n");
   tmp_.write("home/.config/systemd/user/old.service.bak", "");
   tmp_.write("home/.config/systemd/user/README", "notes");
   tmp_.mkdir("home/.config/systemd/user/default.target.wants");
-  tmp_.write("etc/systemd/user/shared-agent", "");  // kept: the global folders take any file
+  tmp_.write("etc/systemd/user/shared-agent", "");
   tmp_.write("etc/systemd/system/off.service", "");
+  tmp_.write("lib/systemd/system/probe@.service", "");
+  tmp_.symlink("etc/systemd/system/multi-user.target.wants/probe@foo.service",
+               "/lib/systemd/system/probe@.service");
+  tmp_.write("usr/lib/systemd/system/package.timer", "");
+  answer("on.service enabled enabled\noff.service disabled enabled\n");
   tmp_.write("etc/systemd/system/com.fernhollow.Ravelin.PrivilegedHelper@.service", "");
   tmp_.mkdir("etc/systemd/system/multi-user.target.wants");
   tmp_.symlink("etc/systemd/system/dbus-org.example.time.service",
@@ -113,14 +123,22 @@ TEST_F(LaunchItemTest, UnitsOfEachFolderWithTheirFilters) {
     std::string type = std::holds_alternative<UserAgent>(item.itemType)     ? "user"
                        : std::holds_alternative<GlobalAgent>(item.itemType) ? "global"
                                                                             : "daemon";
-    found.emplace_back(type, item.url.substr(tmp_.path().size() + 1));
+    std::string url =
+        item.url.starts_with(tmp_.path()) ? item.url.substr(tmp_.path().size() + 1) : item.url;
+    found.emplace_back(type, url + " " + item.state());
   }
+  std::sort(found.begin(), found.end());
   EXPECT_EQ(found, (std::vector<std::pair<std::string, std::string>>{
-                       {"global", "etc/systemd/user/shared-agent"},
-                       {"daemon", "etc/systemd/system/masked.service"},
-                       {"daemon", "etc/systemd/system/off.service"},
-                       {"user", "home/.config/systemd/user/old.service.bak"},
-                       {"user", "home/.config/systemd/user/on.service"}}));
+                       {"daemon", "etc/systemd/system/masked.service unknown"},
+                       {"daemon", "etc/systemd/system/off.service disabled"},
+                       {"daemon", "lib/systemd/system/probe@.service unknown"},
+                       {"daemon", "lib/systemd/system/probe@foo.service enabled"},
+                       {"daemon", "on.service enabled"},
+                       {"daemon", "usr/lib/systemd/system/package.timer unknown"},
+                       {"global", "off.service disabled"},
+                       {"global", "on.service enabled"},
+                       {"user", "home/.config/systemd/user/on.service enabled"},
+                       {"user", "home/.config/systemd/user/session.target unknown"}}));
 }
 
 TEST_F(LaunchItemTest, HelpersAndListedApplicationsCollapseByIdentifier) {
@@ -143,6 +161,7 @@ TEST_F(LaunchItemTest, HelpersAndListedApplicationsCollapseByIdentifier) {
 }
 
 TEST_F(LaunchItemTest, TheTableDecidesAndAChangeRunsOnlyWhenItChangesSomething) {
+  answer("on.service enabled enabled\noff.service disabled enabled\n");
   const std::string folder = tmp_ / "home/.config/systemd/user/";
   LaunchItem on(folder + "on.service", UserAgent{});
   LaunchItem off(folder + "off.service", UserAgent{});

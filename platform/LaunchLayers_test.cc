@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 
+#include "platform/Applications.h"
 #include "platform/Launchd.h"
 #include "platform/Locations.h"
 #include "platform/LoginItems.h"
@@ -55,16 +57,67 @@ TEST(LoginItemsTest, AddingAndRemovingChangeOnlyTheUsersFolder) {
   EXPECT_TRUE(login_items::isInLoginItems(l, app));
   EXPECT_FALSE(login_items::addLoginItem(l, app));  // there already
   EXPECT_TRUE(std::filesystem::exists(tmp / "home/.config/autostart/editor.desktop"));
+  // The user's own entry stays, switched off, and comes back as it was.
+  const std::string own = tmp / "home/.config/autostart/editor.desktop";
+  tmp.write("home/.config/autostart/editor.desktop", entry("Editor", "X-Mine=kept\n"));
   EXPECT_TRUE(login_items::removeLoginItem(l, app));
-  EXPECT_FALSE(std::filesystem::exists(tmp / "home/.config/autostart/editor.desktop"));
+  EXPECT_FALSE(login_items::isInLoginItems(l, app));
+  ASSERT_TRUE(std::filesystem::exists(own));
+  EXPECT_TRUE(login_items::addLoginItem(l, app));
+  EXPECT_TRUE(login_items::isInLoginItems(l, app));
+  auto content = readDesktopEntry(own);
+  ASSERT_TRUE(content);
+  EXPECT_NE(content->find("X-Mine=kept"), std::string::npos);
+  EXPECT_EQ(content->find("Hidden"), std::string::npos);
 
-  // A system entry is hidden by the user's, never touched; adding it back shows it again.
-  EXPECT_TRUE(login_items::removeLoginItem(l, systemApp));
-  EXPECT_FALSE(login_items::isInLoginItems(l, systemApp));
-  EXPECT_TRUE(std::filesystem::exists(tmp / "etc/xdg/autostart/agent.desktop"));
-  EXPECT_TRUE(login_items::addLoginItem(l, systemApp));
-  EXPECT_TRUE(login_items::isInLoginItems(l, systemApp));
+  // A system entry is hidden by an override of the user's, never touched; switching it on
+  // again removes the override, so the system's entry counts as before.
+  const std::string system = tmp / "etc/xdg/autostart/agent.desktop";
+  const std::string before = *readDesktopEntry(system);
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_TRUE(login_items::removeLoginItem(l, systemApp));
+    EXPECT_FALSE(login_items::isInLoginItems(l, systemApp));
+    EXPECT_TRUE(std::filesystem::exists(tmp / "home/.config/autostart/agent.desktop"));
+    EXPECT_TRUE(login_items::addLoginItem(l, systemApp));
+    EXPECT_TRUE(login_items::isInLoginItems(l, systemApp));
+    EXPECT_FALSE(std::filesystem::exists(tmp / "home/.config/autostart/agent.desktop"));
+    EXPECT_EQ(*readDesktopEntry(system), before);
+  }
   EXPECT_FALSE(login_items::addLoginItem(l, tmp / "usr/share/applications/missing.desktop"));
+}
+
+// The user's folder a link to the system's: nothing is written, so no system entry changes.
+TEST(LoginItemsTest, AUserFolderThatIsTheSystemsIsNeverWritten) {
+  TempDir tmp;
+  auto l = Locations::underRoot(tmp.path());
+  setCurrentLocations(l);
+  const std::string app = tmp.write("usr/share/applications/agent.desktop", entry("Agent"));
+  tmp.write("etc/xdg/autostart/agent.desktop", entry("Agent"));
+  tmp.mkdir("home/.config");
+  tmp.symlink("home/.config/autostart", "/etc/xdg/autostart");
+  const std::string before = *readDesktopEntry(tmp / "etc/xdg/autostart/agent.desktop");
+  EXPECT_FALSE(login_items::removeLoginItem(l, app));
+  EXPECT_EQ(*readDesktopEntry(tmp / "etc/xdg/autostart/agent.desktop"), before);
+  setCurrentLocations(Locations::fromEnvironment());
+}
+
+// An entry meant for other desktops doesn't start in this session.
+TEST(LoginItemsTest, AnEntryForOtherDesktopsIsNotListed) {
+  TempDir tmp;
+  auto l = Locations::underRoot(tmp.path());
+  tmp.write("etc/xdg/autostart/kde-only.desktop", entry("K", "OnlyShowIn=KDE;\n"));
+  tmp.write("etc/xdg/autostart/not-gnome.desktop", entry("N", "NotShowIn=GNOME;\n"));
+  tmp.write("etc/xdg/autostart/gnome.desktop", entry("G", "OnlyShowIn=GNOME;Unity;\n"));
+  const char* saved = std::getenv("XDG_CURRENT_DESKTOP");
+  std::string restore = saved != nullptr ? saved : "";
+  ::setenv("XDG_CURRENT_DESKTOP", "ubuntu:GNOME", 1);
+  std::vector<std::string> listed;
+  for (const auto& item : login_items::loginItemSnapshot(l)) {
+    listed.push_back(std::filesystem::path(item.entry).filename());
+  }
+  saved != nullptr ? ::setenv("XDG_CURRENT_DESKTOP", restore.c_str(), 1)
+                   : ::unsetenv("XDG_CURRENT_DESKTOP");
+  EXPECT_EQ(listed, std::vector<std::string>{"gnome.desktop"});
 }
 
 TEST(SystemdUnitsTest, UnitStatesBecomeTheDisabledGrammar) {

@@ -41,6 +41,7 @@ bool setEnabled(ProcessRunner& runner, const Locations& locations, Domain domain
 
 // Whether `label` can only be a unit's name: a type suffix, no "/" (systemctl would take a path
 // as a unit file to link), no leading "-" (an option), no NUL, no blank or control character.
+// Escapes such as "\x2d" are part of names ("system-systemd\x2dcryptsetup.slice").
 bool isUnitName(const std::string& label);
 
 // The units of a unit folder as the launch-item finder lists them, sorted: its files and links,
@@ -57,6 +58,47 @@ std::optional<std::string> unitState(ProcessRunner& runner, const Locations& loc
 // For a state of `systemctl is-enabled`: true when the unit is switched on, false when it is
 // switched off or masked, nothing when it can't be switched (static, indirect, generated, ...).
 std::optional<bool> isSwitchedOn(const std::string& state);
+
+// The folders the units of `domain` are read from, in systemd's order of precedence.
+const std::vector<std::string>& unitFolders(const Locations& locations, Domain domain);
+
+// One line of `systemctl list-unit-files`: the unit and its state as systemctl words it
+// ("enabled", "disabled", "static", "masked", "generated", "indirect", "alias", ...).
+struct UnitFileState {
+  std::string name;
+  std::string state;
+};
+
+// Every unit file of `domain` with its state, read in that domain alone (as `printDisabled`
+// reads it). Lines that aren't a unit's name and a state are skipped.
+std::vector<UnitFileState> unitFileStates(ProcessRunner& runner, const Locations& locations,
+                                          Domain domain);
+// The same from `systemctl list-unit-files --no-legend` text.
+std::vector<UnitFileState> parseUnitFileStates(const std::string& listUnitFiles);
+
+// The instances of templates that are enabled in `domain`: "getty@tty1.service" for a link of
+// that name in a ".wants", ".requires" or ".upholds" folder of one of the domain's folders.
+// systemctl lists only the template ("indirect"). Sorted, without repeats.
+std::vector<std::string> enabledInstances(const Locations& locations, Domain domain);
+
+// "foo@.service" for "foo@bar.service"; nothing for a unit that is no instance.
+std::optional<std::string> templateOf(const std::string& label);
+
+// The file of the unit `label` in `domain`: the first of the domain's folders that has an entry
+// of that name (a file, or a link as it stands, but no alias), else, for an instance, its
+// template's. Nothing when no folder has it (a generated or transient unit, an alias).
+std::optional<std::string> unitFilePath(const Locations& locations, Domain domain,
+                                        const std::string& label);
+
+// The units never switched from here: the service manager's own ("systemd-*"), consoles and root
+// shells (getty, serial-getty, autovt, debug-shell, emergency, rescue), the message bus, the
+// display managers and the remote shell.
+bool isProtectedUnit(const std::string& label);
+
+// When the timer `label` of `domain` elapses next, as systemctl prints it, where a service
+// manager runs that can say; nothing otherwise.
+std::optional<std::string> nextElapse(ProcessRunner& runner, const Locations& locations,
+                                      Domain domain, const std::string& label);
 
 // What a unit file runs: the first ExecStart= of its [Service] section, or of any section for
 // other unit types. Nothing for what can't be read.

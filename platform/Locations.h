@@ -40,6 +40,11 @@ struct Locations {
   std::string userUnits;
   std::string globalUserUnits;
   std::string systemUnits;
+  // Every folder a unit of each domain is read from, in systemd's order of precedence: the one
+  // above first, then the packages' folders (/lib/systemd/system, /usr/lib/systemd/system, ...).
+  std::vector<std::string> userUnitFolders;
+  std::vector<std::string> globalUnitFolders;
+  std::vector<std::string> systemUnitFolders;
   // dpkg's database: "status" lists the installed packages, "info/NAME.list" their files.
   std::string packages;
   // The folders searched for a command, as PATH lists them.

@@ -5,9 +5,14 @@
 // $XDG_CONFIG_DIRS), an entry of one name in an earlier folder hiding those of later ones. An
 // entry is listed unless it is Hidden (or switched off with X-GNOME-Autostart-enabled=false).
 //
-// Adding writes the user's entry; removing deletes the user's entry, or writes one with
-// Hidden=true over a system entry of that name. An entry resolves to the desktop entry of its
-// application (one of the same desktop-file ID in the application folders), or else to itself.
+// Every change can be undone. Removing marks the user's own entry Hidden=true (keeping all else
+// of it), or writes an override with Hidden=true over a system entry; adding switches the user's
+// entry on again in place, or removes that override, or else writes a copy of the application's
+// entry. The system's files are never written: where the user's folder is the system's (a link to
+// it), nothing is changed. An entry resolves to the desktop entry of its application (one of the
+// same desktop-file ID in the application folders), or else to itself. An entry meant for other
+// desktops than this session's ($XDG_CURRENT_DESKTOP against OnlyShowIn and NotShowIn) doesn't
+// start, and isn't listed.
 
 #include <optional>
 #include <string>
@@ -24,9 +29,9 @@ struct LoginItem {
 
 // The listed entries, the user's folder first, each folder's in name order.
 std::vector<LoginItem> loginItemSnapshot(const Locations& locations);
-// The system's entries that the user switched off with an entry of their own, which adding the
-// resolved URL switches on again.
-std::vector<LoginItem> switchedOffSystemEntries(const Locations& locations);
+// The entries the user switched off, which adding the resolved URL switches on again: the
+// system's entry under an override of the user's, or the user's own entry.
+std::vector<LoginItem> switchedOffEntries(const Locations& locations);
 bool isInLoginItems(const Locations& locations, const std::string& url);
 // Writes the user's entry for the application of the desktop entry `url` (a copy of it, so that
 // it starts as the application does). False, and nothing changed, when it is listed already or

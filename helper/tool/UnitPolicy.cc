@@ -22,59 +22,17 @@ constexpr std::size_t kMaxRecordBytes = 1024 * 1024;
 
 const char* domainWord(Domain domain) { return domain == Domain::global ? "global" : "system"; }
 
-// The unit's name before its instance and type: "getty" for "getty@tty1.service".
-std::string baseName(const std::string& label) {
-  return label.substr(0, std::min(label.find('@'), label.rfind('.')));
-}
-
-// "foo@.service" for "foo@bar.service"; nothing for a unit that is no instance.
-std::optional<std::string> templateOf(const std::string& label) {
-  std::size_t at = label.find('@');
-  std::size_t dot = label.rfind('.');
-  if (at == std::string::npos || dot == std::string::npos || dot <= at + 1) return std::nullopt;
-  return label.substr(0, at + 1) + label.substr(dot);
-}
-
-bool isListed(const std::string& label, const std::string& folder) {
-  auto units = platform::launchd::listedUnits(folder);
-  auto listed = [&](const std::string& name) {
-    return std::find(units.begin(), units.end(), name) != units.end();
-  };
-  if (listed(label)) return true;
-  auto pattern = templateOf(label);
-  return pattern && listed(*pattern);
+// Whether the launch-item finder lists `label` in `domain`: a unit of one of the domain's folders,
+// or an instance of one.
+bool isListed(const std::string& label, const platform::Locations& locations, Domain domain) {
+  return platform::launchd::unitFilePath(locations, domain, label).has_value();
 }
 
 }  // namespace
 
 bool isProtectedUnit(const std::string& label) {
-  static const std::array<const char*, 21> kNames = {"debug-shell",
-                                                     "emergency",
-                                                     "rescue",
-                                                     "getty",
-                                                     "serial-getty",
-                                                     "autovt",
-                                                     "console-getty",
-                                                     "container-getty",
-                                                     "dbus",
-                                                     "dbus-broker",
-                                                     "display-manager",
-                                                     "gdm",
-                                                     "gdm3",
-                                                     "lightdm",
-                                                     "sddm",
-                                                     "xdm",
-                                                     "lxdm",
-                                                     "slim",
-                                                     "nodm",
-                                                     "ssh",
-                                                     "sshd"};
-  const std::string base = baseName(label);
-  if (std::find(kNames.begin(), kNames.end(), base) != kNames.end()) return true;
-  for (const char* prefix : {"systemd-", "dbus-", kServiceName, kOlderServiceName}) {
-    if (label.starts_with(prefix)) return true;
-  }
-  return false;
+  return platform::launchd::isProtectedUnit(label) || label.starts_with(kServiceName) ||
+         label.starts_with(kOlderServiceName);
 }
 
 DisabledUnitsRecord::DisabledUnitsRecord(std::string folder) : folder_(std::move(folder)) {}
@@ -123,9 +81,7 @@ std::optional<std::string> unitRefusal(const std::string& label, Domain domain, 
   if (!platform::launchd::isUnitName(label)) return "not the name of a unit";
   if (domain == Domain::user) return "a user's own unit needs no helper";
   if (isProtectedUnit(label)) return "a unit the system needs";
-  const std::string& folder =
-      domain == Domain::global ? locations.globalUserUnits : locations.systemUnits;
-  if (isListed(label, folder)) return std::nullopt;
+  if (isListed(label, locations, domain)) return std::nullopt;
   if (enabled && record.contains(domain, label)) return std::nullopt;
   return enabled ? "neither the administrator's unit nor one switched off here"
                  : "not a startup item that ravelin lists";

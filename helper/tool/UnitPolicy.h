@@ -1,11 +1,12 @@
 #pragma once
 
-// Which systemd units the privileged helper switches for the user it serves. It switches off
-// only what the launch-item finder lists (the administrator's unit folders), never a unit the
-// system needs to boot, be reached or be repaired, and switches on only what lies in the
-// administrator's folders or what it switched off itself. What it switched off is recorded in a
-// root-owned file, so that it can be switched back on after the unit's file is gone from the
-// listing. Every change is read back from systemctl before it is reported as done.
+// Which systemd units the privileged helper switches for the user it serves. It switches only
+// what the launch-item finder lists (a unit of the domain's folders, the administrator's and the
+// packages', or an instance of one), never a unit the system needs to boot, be reached or be
+// repaired; what it can't find any more it switches on only if it switched it off itself. What it
+// switched off is recorded in a root-owned file, so that it can be switched back on after the
+// unit's file is gone from the listing. Every change is read back from systemctl before it is
+// reported as done.
 
 #include <optional>
 #include <set>
@@ -17,9 +18,8 @@
 
 namespace helper {
 
-// True for the units that are never switched from here: the helper's own, the service
-// manager's ("systemd-*"), consoles and root shells (getty, serial-getty, debug-shell,
-// emergency, rescue), the message bus, the display manager and the remote shell.
+// True for the units that are never switched from here: the helper's own, and those of
+// `platform::launchd::isProtectedUnit`.
 bool isProtectedUnit(const std::string& label);
 
 // The units the helper switched off, by domain ("system" or "global") and name, kept in one file
@@ -38,8 +38,7 @@ class DisabledUnitsRecord {
 };
 
 // Why switching `label` of `domain` on (`enabled`) or off is refused, or nothing when it may be
-// done. `locations` gives the administrator's unit folders; `record` what the helper switched
-// off before.
+// done. `locations` gives the unit folders; `record` what the helper switched off before.
 std::optional<std::string> unitRefusal(const std::string& label, platform::launchd::Domain domain,
                                        bool enabled, const platform::Locations& locations,
                                        const DisabledUnitsRecord& record);

@@ -49,7 +49,7 @@ class UnitRefusalTest : public ::testing::Test {
   DisabledUnitsRecord record_{tmp_ / "state"};
 };
 
-TEST_F(UnitRefusalTest, OffOnlyWhatIsListedOnOnlyTheAdministratorsOrWhatWasSwitchedOffHere) {
+TEST_F(UnitRefusalTest, OnlyWhatIsListedOrWasSwitchedOffHere) {
   struct Row {
     const char* label;
     Domain domain;
@@ -61,9 +61,10 @@ TEST_F(UnitRefusalTest, OffOnlyWhatIsListedOnOnlyTheAdministratorsOrWhatWasSwitc
            {"backup.service", Domain::system, true, true},
            {"probe@foo.service", Domain::system, false, true},  // an instance of a listed template
            {"agent.service", Domain::global, false, true},
-           {"agent.service", Domain::system, false, false},  // listed in the other domain only
-           {"package.service", Domain::system, false, false},
-           {"package.service", Domain::system, true, false},
+           {"agent.service", Domain::system, false, false},   // listed in the other domain only
+           {"package.service", Domain::system, false, true},  // a package's, in /lib
+           {"package.service", Domain::system, true, true},
+           {"package.service", Domain::global, false, false},
            {"alias.service", Domain::system, false, false},       // an alias is its unit's business
            {"getty@tty1.service", Domain::system, false, false},  // listed, but protected
            {"debug-shell.service", Domain::system, true, false},
@@ -77,19 +78,19 @@ TEST_F(UnitRefusalTest, OffOnlyWhatIsListedOnOnlyTheAdministratorsOrWhatWasSwitc
         << row.label << " " << static_cast<int>(row.domain) << " " << row.enabled;
   }
   // What the helper switched off itself may be switched on again, in that domain only.
-  ASSERT_TRUE(record_.set(Domain::system, "package.service", true));
-  EXPECT_FALSE(refusal("package.service", Domain::system, true));
-  EXPECT_TRUE(refusal("package.service", Domain::global, true));
-  EXPECT_TRUE(refusal("package.service", Domain::system, false));
-  ASSERT_TRUE(record_.set(Domain::system, "package.service", false));
-  EXPECT_TRUE(refusal("package.service", Domain::system, true));
+  // (its file gone since), in that domain only.
+  ASSERT_TRUE(record_.set(Domain::system, "gone.service", true));
+  EXPECT_FALSE(refusal("gone.service", Domain::system, true));
+  EXPECT_TRUE(refusal("gone.service", Domain::global, true));
+  EXPECT_TRUE(refusal("gone.service", Domain::system, false));
+  ASSERT_TRUE(record_.set(Domain::system, "gone.service", false));
+  EXPECT_TRUE(refusal("gone.service", Domain::system, true));
 }
 
 // A refused unit never reaches systemctl.
 TEST_F(UnitRefusalTest, ARefusedUnitRunsNothing) {
   testsupport::RecordingProcessRunner runner;
-  for (const char* label :
-       {"debug-shell.service", "package.service", "systemd-timesyncd.service"}) {
+  for (const char* label : {"debug-shell.service", "alias.service", "systemd-timesyncd.service"}) {
     EXPECT_FALSE(switchUnit(runner, locations_, record_, Domain::system, label, true)) << label;
     EXPECT_FALSE(switchUnit(runner, locations_, record_, Domain::system, label, false)) << label;
   }

@@ -188,6 +188,11 @@ Locations Locations::fromEnvironment() {
   l.userUnits = joinPath(l.configHome, "systemd/user");
   l.globalUserUnits = "/etc/systemd/user";
   l.systemUnits = "/etc/systemd/system";
+  l.userUnitFolders = {l.userUnits, joinPath(l.library, "systemd/user")};
+  l.globalUnitFolders = {l.globalUserUnits, "/usr/local/lib/systemd/user", "/lib/systemd/user",
+                         "/usr/lib/systemd/user"};
+  l.systemUnitFolders = {l.systemUnits, "/usr/local/lib/systemd/system", "/lib/systemd/system",
+                         "/usr/lib/systemd/system"};
   l.packages = "/var/lib/dpkg";
   std::string path = environment("PATH");
   if (path.empty()) path = "/usr/local/bin:/usr/bin:/bin:/usr/local/games:/usr/games";
@@ -216,7 +221,8 @@ Locations Locations::fromEnvironment(const std::string& root) {
   // Each location is the path the system below the root gives it, resolved there: a home that
   // is a link, or a HOME with "..", never leads out of the root.
   l.trashes = {underRootPath(root, joinPath(Locations::fromEnvironment().library, "Trash/files"))};
-  for (auto* list : {&l.applications, &l.flatpakInstallations, &l.commandFolders, &l.autostart}) {
+  for (auto* list : {&l.applications, &l.flatpakInstallations, &l.commandFolders, &l.autostart,
+                     &l.userUnitFolders, &l.globalUnitFolders, &l.systemUnitFolders}) {
     for (auto& path : *list) put(path);
   }
   l.root = underRootPath(root, "/");
@@ -245,6 +251,11 @@ Locations Locations::underRoot(const std::string& root) {
   l.userUnits = joinPath(l.configHome, "systemd/user");
   l.globalUserUnits = joinPath(root, "etc/systemd/user");
   l.systemUnits = joinPath(root, "etc/systemd/system");
+  l.userUnitFolders = {l.userUnits, joinPath(l.library, "systemd/user")};
+  l.globalUnitFolders = {l.globalUserUnits, joinPath(root, "lib/systemd/user"),
+                         joinPath(root, "usr/lib/systemd/user")};
+  l.systemUnitFolders = {l.systemUnits, joinPath(root, "lib/systemd/system"),
+                         joinPath(root, "usr/lib/systemd/system")};
   l.packages = joinPath(root, "var/lib/dpkg");
   l.commandFolders = {joinPath(l.home, ".local/bin"), joinPath(root, "usr/local/bin"),
                       joinPath(root, "usr/bin"), joinPath(root, "bin"), joinPath(root, "snap/bin")};

@@ -65,6 +65,18 @@ std::string userUnitsBelowRoot(const Locations& locations) {
 
 }  // namespace
 
+std::vector<UnitFileState> parseUnitFileStates(const std::string& listUnitFiles) {
+  std::vector<UnitFileState> states;
+  std::istringstream stream(listUnitFiles);
+  std::string line;
+  while (std::getline(stream, line)) {
+    auto fields = words(line);
+    if (fields.size() < 2 || !isUnitName(fields[0])) continue;
+    states.push_back(UnitFileState{fields[0], fields[1]});
+  }
+  return states;
+}
+
 std::string renderDisabled(const std::string& listUnitFiles) {
   static const std::set<std::string> kEnabled = {"enabled", "enabled-runtime", "linked",
                                                  "linked-runtime", "alias"};
@@ -87,7 +99,10 @@ std::string renderDisabled(const std::string& listUnitFiles) {
   return out;
 }
 
-std::string printDisabled(ProcessRunner& runner, const Locations& locations, Domain domain) {
+namespace {
+
+// The `list-unit-files` text of one domain.
+std::string domainListing(ProcessRunner& runner, const Locations& locations, Domain domain) {
   std::string listing;
   switch (domain) {
     case Domain::system:
@@ -104,11 +119,133 @@ std::string printDisabled(ProcessRunner& runner, const Locations& locations, Dom
                     : listUnitFiles(runner, {"--global", "--root=" + locations.root});
       break;
     case Domain::user:
-      listing = locations.root.empty() ? listUnitFiles(runner, {"--user"})
-                                       : userUnitsBelowRoot(locations);
+      // Without a user manager to ask (no session, below a root), the folder says it.
+      if (locations.root.empty()) listing = listUnitFiles(runner, {"--user"});
+      if (listing.empty()) listing = userUnitsBelowRoot(locations);
       break;
   }
-  return "disabled services = {\n" + renderDisabled(listing) + "}\n";
+  return listing;
+}
+
+}  // namespace
+
+std::string printDisabled(ProcessRunner& runner, const Locations& locations, Domain domain) {
+  return "disabled services = {\n" + renderDisabled(domainListing(runner, locations, domain)) +
+         "}\n";
+}
+
+std::vector<UnitFileState> unitFileStates(ProcessRunner& runner, const Locations& locations,
+                                          Domain domain) {
+  return parseUnitFileStates(domainListing(runner, locations, domain));
+}
+
+const std::vector<std::string>& unitFolders(const Locations& locations, Domain domain) {
+  switch (domain) {
+    case Domain::user:
+      return locations.userUnitFolders;
+    case Domain::global:
+      return locations.globalUnitFolders;
+    case Domain::system:
+      break;
+  }
+  return locations.systemUnitFolders;
+}
+
+std::optional<std::string> templateOf(const std::string& label) {
+  std::size_t at = label.find('@');
+  std::size_t dot = label.rfind('.');
+  if (at == std::string::npos || dot == std::string::npos || dot <= at + 1) return std::nullopt;
+  return label.substr(0, at + 1) + label.substr(dot);
+}
+
+std::vector<std::string> enabledInstances(const Locations& locations, Domain domain) {
+  std::set<std::string> found;
+  for (const auto& folder : unitFolders(locations, domain)) {
+    auto entries = listDirectory(folder);
+    if (!entries.ok()) continue;
+    for (const auto& entry : *entries) {
+      if (!entry.isDirectory() ||
+          !(entry.name.ends_with(".wants") || entry.name.ends_with(".requires") ||
+            entry.name.ends_with(".upholds"))) {
+        continue;
+      }
+      auto links = listDirectory(joinPath(folder, entry.name));
+      if (!links.ok()) continue;
+      for (const auto& link : *links) {
+        if (isUnitName(link.name) && templateOf(link.name)) found.insert(link.name);
+      }
+    }
+  }
+  return {found.begin(), found.end()};
+}
+
+std::optional<std::string> unitFilePath(const Locations& locations, Domain domain,
+                                        const std::string& label) {
+  if (!isUnitName(label)) return std::nullopt;
+  std::vector<std::string> names{label};
+  if (auto pattern = templateOf(label)) names.push_back(*pattern);
+  for (const auto& name : names) {
+    for (const auto& folder : unitFolders(locations, domain)) {
+      std::string path = joinPath(folder, name);
+      auto status = fileStatus(path, Follow::no);
+      if (!status.ok()) continue;
+      if (status->type == FileType::symbolicLink) {
+        // An alias (a link under another unit's name) is that unit's; a masked unit is itself.
+        std::vector<char> target(4096);
+        ssize_t length = ::readlink(path.c_str(), target.data(), target.size() - 1);
+        std::string to =
+            length > 0 ? std::string(target.data(), static_cast<std::size_t>(length)) : "";
+        if (to != "/dev/null" && lastPathComponent(to) != name) continue;
+      }
+      return path;
+    }
+  }
+  return std::nullopt;
+}
+
+bool isProtectedUnit(const std::string& label) {
+  static const std::set<std::string> kNames = {"debug-shell",
+                                               "emergency",
+                                               "rescue",
+                                               "getty",
+                                               "serial-getty",
+                                               "autovt",
+                                               "console-getty",
+                                               "container-getty",
+                                               "dbus",
+                                               "dbus-broker",
+                                               "display-manager",
+                                               "gdm",
+                                               "gdm3",
+                                               "lightdm",
+                                               "sddm",
+                                               "xdm",
+                                               "lxdm",
+                                               "slim",
+                                               "nodm",
+                                               "ssh",
+                                               "sshd"};
+  const std::string base = label.substr(0, std::min(label.find('@'), label.rfind('.')));
+  if (kNames.count(base)) return true;
+  return label.starts_with("systemd-") || label.starts_with("dbus-");
+}
+
+std::optional<std::string> nextElapse(ProcessRunner& runner, const Locations& locations,
+                                      Domain domain, const std::string& label) {
+  if (!label.ends_with(".timer") || !isUnitName(label) || !locations.root.empty() ||
+      (domain != Domain::user && !managerRuns())) {
+    return std::nullopt;
+  }
+  std::vector<std::string> arguments;
+  if (domain != Domain::system) arguments.push_back("--user");
+  arguments.insert(arguments.end(),
+                   {"show", "--property=NextElapseUSecRealtime", "--value", "--", label});
+  auto output = runner.run(kSystemctl, arguments);
+  if (!output || output->exitStatus != 0) return std::nullopt;
+  std::string text = output->standardOutput;
+  while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
+  if (text.empty() || text == "n/a") return std::nullopt;
+  return text;
 }
 
 std::string printDisabled(ProcessRunner& runner, const Locations& locations) {
@@ -127,7 +264,7 @@ bool isUnitName(const std::string& label) {
     return false;
   }
   for (unsigned char c : label) {
-    if (c <= ' ' || c == '/' || c == '\\' || c == 0x7f) return false;
+    if (c <= ' ' || c == '/' || c == 0x7f) return false;
   }
   return true;
 }
