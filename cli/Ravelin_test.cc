@@ -18,6 +18,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <sstream>
@@ -699,7 +700,8 @@ TEST(RavelinTest, NothingOutsideTheRootIsReadMeasuredOrDeleted) {
 
     Outcome apps = fixture.ravelin({"apps", "--files", "--json"}, options);
     ASSERT_EQ(apps.status, 0) << apps.err;
-    for (const auto& app : nlohmann::json::parse(apps.out)["apps"]) {
+    const auto listing = nlohmann::json::parse(apps.out);
+    for (const auto& app : listing["apps"]) {
       EXPECT_NE(app["appSize"], 5000) << app["id"];
       for (const auto& file : app["files"]) EXPECT_TRUE(inside(file["path"])) << file;
     }
@@ -808,6 +810,60 @@ TEST(RavelinTest, TrashCleaningKeepsTheDescriptionOfAnItemThatStays) {
   for (const auto& f : failed) left.insert(f["path"]);
   EXPECT_EQ(left, (std::set<std::string>{fixture.home(trash + "files/project"),
                                          fixture.home(trash + "info/project.trashinfo")}));
+}
+
+// A system below a root, read by systemctl --root: a package's unit enabled through .wants, a
+// masked unit, a timer, one name in two domains, an instance; each with its own state and origin.
+TEST(RavelinTest, StartupListsEachDomainsUnitsWithStateAndOrigin) {
+  if (!std::filesystem::exists("/usr/bin/systemctl")) GTEST_SKIP() << "needs systemctl";
+  RootedFixture fixture;
+  const std::string installable =
+      "[Service]\nExecStart=/usr/sbin/x\n[Install]\nWantedBy=multi-user.target\n";
+  fixture.tmp.write("lib/systemd/system/db.service", installable);
+  fixture.tmp.symlink("etc/systemd/system/multi-user.target.wants/db.service",
+                      "/lib/systemd/system/db.service");
+  fixture.tmp.write("var/lib/dpkg/info/db-server.list",
+                    "/.\n/lib\n/lib/systemd/system/db.service\n");
+  fixture.tmp.write("lib/systemd/system/clean.timer",
+                    "[Timer]\nOnCalendar=daily\n[Install]\nWantedBy=timers.target\n");
+  fixture.tmp.write("lib/systemd/system/gone.service", installable);
+  fixture.tmp.symlink("etc/systemd/system/gone.service", "/dev/null");
+  fixture.tmp.write("lib/systemd/system/probe@.service", installable);
+  fixture.tmp.symlink("etc/systemd/system/multi-user.target.wants/probe@foo.service",
+                      "/lib/systemd/system/probe@.service");
+  fixture.tmp.write("etc/systemd/system/dual.service", installable);
+  fixture.tmp.symlink("etc/systemd/system/multi-user.target.wants/dual.service",
+                      "/etc/systemd/system/dual.service");
+  fixture.tmp.write("etc/systemd/user/dual.service",
+                    "[Service]\nExecStart=/usr/bin/x\n[Install]\nWantedBy=default.target\n");
+  auto listed = [&](const std::vector<std::string>& extra) {
+    std::vector<std::string> args{"startup", "--json"};
+    args.insert(args.end(), extra.begin(), extra.end());
+    Outcome listing = fixture.ravelin(args);
+    EXPECT_EQ(listing.status, 0) << listing.err;
+    std::map<std::string, nlohmann::json> items;
+    const auto report = nlohmann::json::parse(listing.out);
+    for (const auto& item : report["items"]) {
+      items[item["domain"].get<std::string>() + " " + item["label"].get<std::string>()] = item;
+    }
+    return items;
+  };
+  auto items = listed({});
+  auto state = [&](const std::string& key) {
+    return items.count(key) ? items[key]["state"].get<std::string>() : "-";
+  };
+  EXPECT_EQ(state("system db.service"), "enabled");
+  EXPECT_EQ(items["system db.service"]["origin"], "package");
+  EXPECT_EQ(items["system db.service"]["package"], "db-server");
+  EXPECT_EQ(state("system clean.timer"), "disabled");
+  EXPECT_EQ(state("system probe@foo.service"), "enabled");
+  EXPECT_EQ(state("system dual.service"), "enabled");
+  EXPECT_EQ(items["system dual.service"]["origin"], "administrator");
+  EXPECT_EQ(state("global dual.service"), "disabled");
+  EXPECT_EQ(state("system gone.service"), "-");  // masked: no one switches it
+  items = listed({"--all"});
+  EXPECT_EQ(state("system gone.service"), "masked");
+  EXPECT_EQ(state("system probe@.service"), "indirect");
 }
 
 // Startup items of a home of its own: the user's unit and autostart entry are switched for real
