@@ -38,8 +38,8 @@ class RVHelperProtocol {
   virtual void stopGettingSize() = 0;
   // Switches the system unit (or, with `global`, the unit of every user's session) `label` on
   // or off with systemctl as root; `reply` says whether the unit's state is now the one asked
-  // for. The helper switches off only listed startup items and switches on only the
-  // administrator's units or what it switched off itself.
+  // for. The helper switches only listed startup items (the administrator's and the packages'
+  // units), or on again what it switched off itself.
   virtual void setUnitEnabled(std::string label, bool global, bool enabled,
                               std::function<void(bool)> reply) = 0;
 };

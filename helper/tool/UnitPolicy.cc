@@ -83,7 +83,7 @@ std::optional<std::string> unitRefusal(const std::string& label, Domain domain, 
   if (isProtectedUnit(label)) return "a unit the system needs";
   if (isListed(label, locations, domain)) return std::nullopt;
   if (enabled && record.contains(domain, label)) return std::nullopt;
-  return enabled ? "neither the administrator's unit nor one switched off here"
+  return enabled ? "neither a listed unit nor one switched off here"
                  : "not a startup item that ravelin lists";
 }
 
