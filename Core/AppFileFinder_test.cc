@@ -346,7 +346,7 @@ class JunkPaths final : public JunkFileFinderDelegate {
 // A name a matcher takes: the literal itself, or one the pattern matches.
 std::optional<std::string> sampleName(const Matcher& matcher) {
   if (const auto* literal = std::get_if<StringMatcher>(&matcher)) return literal->text.origin();
-  if (const auto* regex = std::get_if<RegexMatcher>(&matcher)) {
+  if (std::holds_alternative<RegexMatcher>(matcher)) {
     for (const char* name :
          {"x.log", "x.log.old", "event-sound-cache.tdb.abc.x86_64-pc-linux-gnu", "x"}) {
       if (match(matcher, name).matches) return std::string(name);

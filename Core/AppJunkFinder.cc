@@ -141,7 +141,7 @@ void AppJunkFinder::run(const ScanSetup& setup) {
     MacApp app = makeMacApp(bundles, rules_.get());
     std::vector<AppFileInfo> matches = claimEntries(finder, app);
     if (browserIDs().count(app.bundleID)) {
-      browsers.push_back(Browser{app.bundleID, app.urls.front(), std::move(matches)});
+      browsers.push_back(Browser{app.bundleID, app.urls.front(), std::move(matches), {}});
     } else if (!matches.empty()) {
       MacAppJunkFile junk{app.urls.front(), app.bundleID, measured(matches)};
       post(receiver, [junk = std::move(junk)](AppJunkFinderDelegate& d) {

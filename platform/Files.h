@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/Result.h"
@@ -84,6 +85,9 @@ void setOpenat2Unavailable(bool unavailable);
 
 bool fileExists(const std::string& path, Follow follow = Follow::no);
 bool isDirectory(const std::string& path, Follow follow = Follow::no);
+
+// The names of `path` between its slashes, empty ones left out: "/a//b/" is {"a", "b"}.
+std::vector<std::string> pathComponents(std::string_view path);
 
 // `base` and `name` joined by one slash.
 std::string joinPath(const std::string& base, const std::string& name);

@@ -188,18 +188,6 @@ namespace {
 
 std::atomic<bool> gNoOpenat2{false};
 
-std::vector<std::string> pathComponents(std::string_view path) {
-  std::vector<std::string> parts;
-  std::size_t start = 0;
-  while (start <= path.size()) {
-    std::size_t end = path.find('/', start);
-    if (end == std::string_view::npos) end = path.size();
-    if (end > start) parts.emplace_back(path.substr(start, end - start));
-    start = end + 1;
-  }
-  return parts;
-}
-
 std::string belowRoot(const std::string& root, const std::vector<std::string>& parts) {
   std::string path = root == "/" ? "" : root;
   for (const auto& part : parts) path += "/" + part;
@@ -313,6 +301,18 @@ bool fileExists(const std::string& path, Follow follow) { return fileStatus(path
 bool isDirectory(const std::string& path, Follow follow) {
   auto status = fileStatus(path, follow);
   return status.ok() && status->type == FileType::directory;
+}
+
+std::vector<std::string> pathComponents(std::string_view path) {
+  std::vector<std::string> parts;
+  std::size_t start = 0;
+  while (start <= path.size()) {
+    std::size_t end = path.find('/', start);
+    if (end == std::string_view::npos) end = path.size();
+    if (end > start) parts.emplace_back(path.substr(start, end - start));
+    start = end + 1;
+  }
+  return parts;
 }
 
 std::string joinPath(const std::string& base, const std::string& name) {

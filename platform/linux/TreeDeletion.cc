@@ -19,15 +19,8 @@ constexpr int kPathFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr int kMaxLinks = 40;  // as the kernel's own limit on links in one lookup
 
 std::deque<std::string> componentsOf(std::string_view path) {
-  std::deque<std::string> parts;
-  std::size_t start = 0;
-  while (start <= path.size()) {
-    std::size_t end = path.find('/', start);
-    if (end == std::string_view::npos) end = path.size();
-    if (end > start) parts.emplace_back(path.substr(start, end - start));
-    start = end + 1;
-  }
-  return parts;
+  auto parts = pathComponents(path);
+  return {std::make_move_iterator(parts.begin()), std::make_move_iterator(parts.end())};
 }
 
 bool isTrustedOwner(uid_t owner) { return owner == 0 || owner == ::geteuid(); }
