@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -16,6 +17,7 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <thread>
 #include <unordered_map>
 #include <utility>
 
@@ -247,11 +249,12 @@ std::int64_t bytesAt(const std::string& path) {
 
 namespace {
 
-// The regular files the paths to delete hold, one small record per name, with their sizes and
-// link counts: what deleting them may free. Made by one walk of each path, which also gives the
-// plan its sizes. A name costs 32 bytes, kept in chunks (growing never copies the whole list)
-// and sorted once; a list of single files costs as little as a tree.
-class FilesHeld final : public platform::WalkVisitor {
+// The regular files the paths to delete hold, and what deleting them may free. Made by one walk of
+// each path, which also gives the plan its sizes; a folder's subfolders are walked by as many
+// threads as there are processors. A file with one name is counted in its path's sum; only a
+// file with several names (hard links) is kept as a 32-byte record, in chunks (growing never
+// copies the whole list), sorted once.
+class FilesHeld {
  public:
   struct Name {
     std::uint64_t device, inode;
@@ -268,51 +271,107 @@ class FilesHeld final : public platform::WalkVisitor {
 
   // Walks `path`, the `index`th to delete; gives the bytes it holds (each name's size).
   std::int64_t add(const std::string& path, std::uint32_t index) {
-    current_ = index;
-    bytes_ = 0;
+    if (singles_.size() <= index) singles_.resize(index + 1, 0);
+    Part part{index};
     struct stat status;
     if (::lstat(path.c_str(), &status) == 0) {
       if (S_ISDIR(status.st_mode)) {
-        platform::walkTree(path, *this);
-      } else if (S_ISREG(status.st_mode)) {
-        add(status);
+        walkFolder(path, part);
+      } else {
+        part.add(status);
       }
     }
-    return bytes_;
-  }
-
-  void entry(const std::string&, std::string_view, const struct stat& status) override {
-    if (S_ISREG(status.st_mode)) add(status);
+    take(part);
+    return part.bytes;
   }
 
   // The bytes freed when the paths for which `gone` is true are deleted: each file once, and
   // only when all its names go.
   std::int64_t bytesFreed(const std::function<bool(std::uint32_t)>& gone) {
-    if (!sorted_) std::sort(names_.begin(), names_.end());
+    if (!sorted_) std::sort(linked_.begin(), linked_.end());
     sorted_ = true;
     std::int64_t total = 0;
-    for (std::size_t i = 0; i < names_.size();) {
+    for (std::uint32_t i = 0; i < singles_.size(); ++i) total += gone(i) ? singles_[i] : 0;
+    for (std::size_t i = 0; i < linked_.size();) {
       std::size_t end = i;
       std::uint32_t going = 0;
-      for (; end < names_.size() && names_[end].sameFile(names_[i]); ++end) {
-        going += gone(names_[end].path) ? 1 : 0;
+      for (; end < linked_.size() && linked_[end].sameFile(linked_[i]); ++end) {
+        going += gone(linked_[end].path) ? 1 : 0;
       }
-      if (going > 0 && going >= names_[i].links) total += names_[i].size;
+      if (going > 0 && going >= linked_[i].links) total += linked_[i].size;
       i = end;
     }
     return total;
   }
 
  private:
-  void add(const struct stat& status) {
-    names_.push_back(Name{status.st_dev, status.st_ino, status.st_size,
-                          static_cast<std::uint32_t>(status.st_nlink), current_});
-    bytes_ += status.st_size;
+  // What one walker found of one path.
+  struct Part final : platform::WalkVisitor {
+    explicit Part(std::uint32_t path) : path(path) {}
+    void entry(const std::string&, std::string_view, const struct stat& status) override {
+      add(status);
+    }
+    void add(const struct stat& status) {
+      if (!S_ISREG(status.st_mode)) return;
+      bytes += status.st_size;
+      if (status.st_nlink <= 1) {
+        single += status.st_size;
+      } else {
+        linked.push_back(Name{status.st_dev, status.st_ino, status.st_size,
+                              static_cast<std::uint32_t>(status.st_nlink), path});
+      }
+    }
+    std::uint32_t path;
+    std::int64_t bytes = 0, single = 0;
+    std::vector<Name> linked;
+  };
+
+  // The folder's own entries here, its subfolders by the workers, each a walk of its own.
+  void walkFolder(const std::string& folder, Part& part) {
+    auto entries = platform::listDirectory(folder, platform::Follow::no);
+    if (!entries.ok()) return;
+    std::vector<std::string> folders;
+    for (const auto& entry : *entries) {
+      std::string path = platform::joinPath(folder, entry.name);
+      if (entry.isDirectory()) {
+        folders.push_back(std::move(path));
+      } else if (entry.type == platform::FileType::regular) {
+        struct stat status;
+        if (::lstat(path.c_str(), &status) == 0) part.add(status);
+      }
+    }
+    const unsigned workers =
+        std::min<unsigned>(platform::processorCount(), static_cast<unsigned>(folders.size()));
+    if (workers <= 1) {
+      for (const auto& sub : folders) platform::walkTree(sub, part);
+      return;
+    }
+    std::atomic<std::size_t> next{0};
+    std::vector<Part> parts(workers, Part{part.path});
+    std::vector<std::thread> threads;
+    for (unsigned w = 0; w < workers; ++w) {
+      threads.emplace_back([&, w] {
+        for (std::size_t i = next++; i < folders.size(); i = next++) {
+          platform::walkTree(folders[i], parts[w]);
+        }
+      });
+    }
+    for (auto& thread : threads) thread.join();
+    for (auto& done : parts) {
+      part.bytes += done.bytes;
+      part.single += done.single;
+      part.linked.insert(part.linked.end(), done.linked.begin(), done.linked.end());
+    }
   }
 
-  std::deque<Name> names_;
-  std::uint32_t current_ = 0;
-  std::int64_t bytes_ = 0;
+  void take(const Part& part) {
+    singles_[part.path] += part.single;
+    linked_.insert(linked_.end(), part.linked.begin(), part.linked.end());
+    sorted_ = false;
+  }
+
+  std::vector<std::int64_t> singles_;  // by path: the bytes of its files with one name
+  std::deque<Name> linked_;
   bool sorted_ = false;
 };
 
@@ -389,24 +448,33 @@ void confirmAndDelete(const DeletionRequest& request, bool yes, bool dryRun, boo
   for (const auto& photo : request.photos) total += photo.file.size;
   const std::size_t count = request.paths.size() + request.photos.size();
 
-  // The plan, on standard error when the report itself is JSON.
+  // The plan, on standard error when the report itself is JSON, written in large pieces
+  // (standard error writes each line at once otherwise).
   FILE* plan = json ? stderr : stdout;
-  for (const auto& path : request.kept) {
-    std::fprintf(plan, "keep        %s\n", displayText(path).c_str());
-  }
+  std::string text;
+  auto line = [&](const std::string& one) {
+    text += one;
+    if (text.size() >= 65536) {
+      std::fwrite(text.data(), 1, text.size(), plan);
+      text.clear();
+    }
+  };
+  for (const auto& path : request.kept) line(fmt::format("keep        {}\n", displayText(path)));
   for (const auto& [path, reason] : request.leftAlone) {
-    std::fprintf(plan, "left alone  %s (%s)\n", displayText(path).c_str(), reason.c_str());
+    line(fmt::format("left alone  {} ({})\n", displayText(path), reason));
   }
   for (std::size_t i = 0; i < request.paths.size(); ++i) {
-    std::fprintf(plan, "delete      %s  %s\n", displayText(request.paths[i]).c_str(),
-                 platform::formatByteCount(sizes[i]).c_str());
+    line(fmt::format("delete      {}  {}\n", displayText(request.paths[i]),
+                     platform::formatByteCount(sizes[i])));
   }
   for (const auto& photo : request.photos) {
-    std::fprintf(plan, "delete      %s  [photo %s]\n", displayText(photo.file.url).c_str(),
-                 displayText(photo.id).c_str());
+    line(fmt::format("delete      {}  [photo {}]\n", displayText(photo.file.url),
+                     displayText(photo.id)));
   }
-  std::fprintf(plan, "%zu items, %s%s\n", count, platform::formatByteCount(total).c_str(),
-               dryRun ? " would be deleted (dry run: nothing was deleted)" : " to delete");
+  line(fmt::format("{} items, {}{}\n", count, platform::formatByteCount(total),
+                   dryRun ? " would be deleted (dry run: nothing was deleted)" : " to delete"));
+  std::fwrite(text.data(), 1, text.size(), plan);
+  std::fflush(plan);
   if (dryRun || count == 0) {
     if (json) {
       std::puts(nlohmann::json{

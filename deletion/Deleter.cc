@@ -54,11 +54,25 @@ class FileDeleterWrapper final : public DeleterProtocol,
       erroredPaths.push_back(path);  // to the helper, uncounted for now
       return;
     }
-    onMain([weak = deleter, path, error] {
-      if (auto owner = weak.lock()) owner->itemDeleted(path, error == 0);
+    // Reported in batches: a list of many small files would otherwise wake the main queue once
+    // per file.
+    pending.emplace_back(path, error);
+    auto now = std::chrono::steady_clock::now();
+    if (pending.size() >= 512 || now - lastFlush > std::chrono::milliseconds(30)) flush();
+  }
+  // Hands the deletions reported so far to the main queue, in order.
+  void flush() {
+    lastFlush = std::chrono::steady_clock::now();
+    if (pending.empty()) return;
+    onMain([weak = deleter, batch = std::move(pending)] {
+      auto owner = weak.lock();
+      if (!owner) return;
+      for (const auto& [path, error] : batch) owner->itemDeleted(path, error == 0);
     });
+    pending.clear();
   }
   void fileDeleterLeft(const std::string& path, const platform::TreeDeletion& outcome) override {
+    flush();
     onMain([weak = deleter, path, outcome] {
       auto owner = weak.lock();
       if (!owner) return;
@@ -66,6 +80,7 @@ class FileDeleterWrapper final : public DeleterProtocol,
     });
   }
   void fileDeleterCompleted() override {
+    flush();
     onMain([weak = deleter, paths = erroredPaths] {
       if (auto owner = weak.lock()) owner->fileDeletionFinished(paths);
     });
@@ -74,6 +89,8 @@ class FileDeleterWrapper final : public DeleterProtocol,
   std::weak_ptr<Deleter> deleter;
   std::shared_ptr<RVFileDeleter> fileDeleter;
   std::vector<std::string> erroredPaths;
+  std::vector<std::pair<std::string, int>> pending;  // deleted, not yet reported
+  std::chrono::steady_clock::time_point lastFlush = std::chrono::steady_clock::now();
   bool guarded = false;
 };
 

@@ -66,6 +66,7 @@ RVFileDeleter::Result RVFileDeleter::deleteAt(const std::string& path) {
   // The first failure ends a folder: what went stays gone, the rest stays.
   options.stopAtFirstFailure = true;
   options.guard = guard;
+  options.parents = &_parents;
   options.goOn = [this] { return _state.load() == running; };
   options.current = [this](const std::string& folder, std::string_view name) {
     if (!currentPathDue()) return;

@@ -67,6 +67,8 @@ class RVFileDeleter : public std::enable_shared_from_this<RVFileDeleter> {
   std::vector<std::string> _paths;  // the last one is next
   // What pauses left of the path in hand: the entries that went so far.
   platform::TreeDeletion _inHand;
+  // The folder of the last path, open for the next one in the same folder.
+  platform::ParentFolderCache _parents;
   platform::DispatchQueue _dispatchQueue;
   std::atomic<int> _state{paused};
   double _time = 0;

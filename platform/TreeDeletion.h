@@ -38,6 +38,26 @@ enum class ParentLinks {
 using DeletionGuard = std::function<int(const std::string& path, int folder,
                                         const std::string& name, const struct stat& status)>;
 
+// The folder that held the last path deleted, kept open for the next path in the same folder
+// (a list of files names many in few folders): opened as `openParentFolder` opens it, and reused
+// only for a path whose folder is spelt the same. Owned by one deleter at a time.
+class ParentFolderCache {
+ public:
+  ParentFolderCache() = default;
+  ParentFolderCache(const ParentFolderCache&) = delete;
+  ParentFolderCache& operator=(const ParentFolderCache&) = delete;
+  ~ParentFolderCache();
+
+  // The folder `folder` as last opened, or -1.
+  int find(const std::string& folder) const { return folder == folder_ ? fd_ : -1; }
+  // Keeps `fd` (which this now owns) for `folder`, closing the one kept before.
+  void keep(const std::string& folder, int fd);
+
+ private:
+  std::string folder_;
+  int fd_ = -1;
+};
+
 struct TreeDeletionOptions {
   ParentLinks parentLinks = ParentLinks::trusted;
   // Asked between entries, when given: false leaves what is left (the answer is `interrupted`).
@@ -51,6 +71,8 @@ struct TreeDeletionOptions {
   // Called with each entry about to go, when given: the path of the folder that holds it ("" for
   // the path itself) and its name (the path itself for the path).
   std::function<void(const std::string& folder, std::string_view name)> current;
+  // When given, the folder that holds the path is taken from it, and kept in it.
+  ParentFolderCache* parents = nullptr;
 };
 
 struct TreeDeletion {

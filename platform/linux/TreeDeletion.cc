@@ -155,6 +155,16 @@ int openParentFolder(const std::string& path, ParentLinks links, std::string& na
   return fd;
 }
 
+ParentFolderCache::~ParentFolderCache() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+void ParentFolderCache::keep(const std::string& folder, int fd) {
+  if (fd_ >= 0 && fd_ != fd) ::close(fd_);
+  folder_ = folder;
+  fd_ = fd;
+}
+
 TreeDeletion deleteTree(const std::string& path, const TreeDeletionOptions& options) {
   TreeDeletion result;
   auto fail = [&](int code) {
@@ -163,7 +173,16 @@ TreeDeletion deleteTree(const std::string& path, const TreeDeletionOptions& opti
     return result;
   };
   std::string name;
-  int parent = openParentFolder(path, options.parentLinks, name);
+  const std::string folder = deletingLastPathComponent(path);
+  int parent = options.parents != nullptr ? options.parents->find(folder) : -1;
+  if (parent >= 0) {
+    name = lastPathComponent(path);
+    if (name.empty() || name == "." || name == ".." || path.find('\0') != std::string::npos) {
+      parent = openParentFolder(path, options.parentLinks, name);  // which refuses it
+    }
+  } else {
+    parent = openParentFolder(path, options.parentLinks, name);
+  }
   if (parent < 0) {
     // A folder above that isn't there takes the item with it: nothing is left to delete.
     if (errno == ENOENT) return result;
@@ -171,8 +190,16 @@ TreeDeletion deleteTree(const std::string& path, const TreeDeletionOptions& opti
   }
   struct CloseParent {
     int fd;
-    ~CloseParent() { ::close(fd); }
-  } closer{parent};
+    ParentFolderCache* cache;
+    const std::string& folder;
+    ~CloseParent() {
+      if (cache == nullptr) {
+        ::close(fd);
+      } else if (cache->find(folder) != fd) {
+        cache->keep(folder, fd);
+      }
+    }
+  } closer{parent, options.parents, folder};
   struct stat status;
   if (::fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
     return errno == ENOENT ? result : fail(errno);
