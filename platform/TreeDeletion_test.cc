@@ -96,6 +96,29 @@ TEST(TreeDeletionTest, AFolderSwappedForALinkMidwayIsNotFollowed) {
   EXPECT_TRUE(exists(tmp / "outside/keep"));
 }
 
+// The folder kept open for the next path in it is the one the first path was found in: a folder
+// swapped for a link between two paths doesn't lead the second one elsewhere.
+TEST(TreeDeletionTest, AFolderKeptOpenForTheNextPathIsNeverALink) {
+  TempDir tmp;
+  tmp.write("outside/f2", "must stay");
+  tmp.write("list/f1", "1");
+  tmp.write("list/f2", "2");
+  ParentFolderCache parents;
+  TreeDeletionOptions options;
+  options.parents = &parents;
+  EXPECT_EQ(deleteTree(tmp / "list/f1", options).error, 0);
+  std::filesystem::rename(tmp / "list", tmp / "moved");
+  std::filesystem::create_directory_symlink(tmp / "outside", tmp / "list");
+  EXPECT_EQ(deleteTree(tmp / "list/f2", options).error, 0);
+  EXPECT_TRUE(exists(tmp / "outside/f2"));
+  EXPECT_FALSE(exists(tmp / "moved/f2"));
+  // Another folder is opened afresh, and so is a name the cache can't stand for.
+  tmp.write("other/f3", "3");
+  EXPECT_EQ(deleteTree(tmp / "other/f3", options).error, 0);
+  EXPECT_FALSE(exists(tmp / "other/f3"));
+  EXPECT_EQ(deleteTree(tmp / "other/..", options).error, EINVAL);
+}
+
 TEST(TreeDeletionTest, AStopLeavesTheRestAndSaysSo) {
   TempDir tmp;
   for (int i = 0; i < 10; ++i) tmp.write("tree/f" + std::to_string(i), "z");
