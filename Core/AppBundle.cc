@@ -76,7 +76,7 @@ std::optional<BundleIdentity> readBundleIdentity(const std::string& url) {
   std::string path = platform::joinPath(url, "Contents/MacOS/" + *executable->string());
   auto confined = platform::confinedPath(path);
   if (executable->string()->find('/') != std::string::npos || !confined ||
-      !platform::fileExists(*confined, platform::Follow::no)) {
+      !platform::fileExists(*confined, platform::Follow::yes)) {
     return std::nullopt;
   }
   const auto* name = info->find("CFBundleName");

@@ -168,6 +168,25 @@ TEST_F(DesktopAppsTest, PipesAndLinkLoopsInApplicationFolders) {
   EXPECT_FALSE(guard.fired());
 }
 
+// Without a root, links are followed as the desktop follows them: flatpak exports its entries as
+// links into its installation.
+TEST_F(DesktopAppsTest, WithoutARootLinkedEntriesAreRead) {
+  auto locations = platform::currentLocations();
+  locations.root = "";
+  platform::setCurrentLocations(locations);
+  entry("var/lib/flatpak/app/org.example.App/export/org.example.App.desktop",
+        "Type=Application\nName=App\nExec=app\n");
+  tmp_.symlink("usr/share/applications/org.example.App.desktop",
+               tmp_ / "var/lib/flatpak/app/org.example.App/export/org.example.App.desktop");
+  auto urls = Core::applicationURLs();
+  ASSERT_EQ(urls,
+            std::vector<std::string>{tmp_ / "usr/share/applications/org.example.App.desktop"});
+  AppBundleLoader loader;
+  auto bundle = loader.bundle(urls.front());
+  ASSERT_TRUE(bundle);
+  EXPECT_EQ(bundle->bundleID.origin(), "org.example.App");
+}
+
 TEST_F(DesktopAppsTest, FlatpaksExportTheirNestedEntriesAndServices) {
   const std::string exports = "flatpak/exports/share/";
   entry(exports + "applications/org.gnome.Maps.desktop",

@@ -23,7 +23,7 @@ target_link_libraries(ravelin_core PRIVATE Threads::Threads ICU::uc ICU::i18n SQ
   OpenSSL::Crypto fmt::fmt PkgConfig::PLIST PkgConfig::YAML PkgConfig::GLIB)
 # Every symbol resolved at link time; under the sanitizers their runtime comes with the program.
 if(NOT RAVELIN_SANITIZE AND NOT RAVELIN_TSAN)
-  set_target_properties(ravelin_core PROPERTIES LINK_OPTIONS "-Wl,--no-undefined")
+  target_link_options(ravelin_core PRIVATE "-Wl,--no-undefined")
 endif()
 target_include_directories(ravelin_core INTERFACE
   $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/ravelin>)

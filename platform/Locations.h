@@ -102,7 +102,8 @@ std::string underRootPath(const std::string& root, const std::string& path);
 // `path`, a path of this machine, confined to the root of the current locations: below a root,
 // the path `resolveInRoot` gives for the part of `path` below it; nothing for a path outside
 // the root. Without a root, `path` itself. Whatever follows links reads this instead of `path`,
-// so that nothing outside the root is read.
+// following links as before (below a root none is left), so that nothing outside the root is
+// read.
 std::optional<std::string> confinedPath(const std::string& path, Follow follow = Follow::yes);
 
 // The entries of `folder` with links followed, as `listDirectory(folder, Follow::yes)` gives

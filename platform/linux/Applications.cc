@@ -59,7 +59,7 @@ bool isShown(const std::string& path) {
 std::optional<std::string> readDesktopEntry(const std::string& path) {
   auto confined = confinedPath(path);
   if (!confined) return std::nullopt;
-  auto content = readRegularFile(*confined, kMaxDesktopEntryBytes, Follow::no);
+  auto content = readRegularFile(*confined, kMaxDesktopEntryBytes, Follow::yes);
   if (!content.ok()) return std::nullopt;
   return std::move(*content);
 }
