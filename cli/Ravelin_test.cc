@@ -864,6 +864,13 @@ TEST(RavelinTest, StartupListsEachDomainsUnitsWithStateAndOrigin) {
   items = listed({"--all"});
   EXPECT_EQ(state("system gone.service"), "masked");
   EXPECT_EQ(state("system probe@.service"), "indirect");
+  // A unit linked to a file of this machine is read below the root, never here.
+  TempDir outside;
+  outside.write("escape.service", "[Service]\nExecStart=/usr/bin/this-machines-secret\n");
+  fixture.tmp.symlink("etc/systemd/system/escape.service", outside / "escape.service");
+  for (const auto& [key, item] : listed({"--all"})) {
+    EXPECT_NE(item["runs"], "/usr/bin/this-machines-secret") << key;
+  }
 }
 
 // Startup items of a home of its own: the user's unit and autostart entry are switched for real

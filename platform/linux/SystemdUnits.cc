@@ -29,6 +29,21 @@ std::string listUnitFiles(ProcessRunner& runner, std::vector<std::string> scope)
   return output->standardOutput;
 }
 
+// The text of a unit file, its links followed inside `root` when there is one (a unit linked to
+// /lib/... below a mounted system is that system's file, never this machine's).
+std::optional<std::string> readUnitFile(const std::string& path, const std::string& root) {
+  std::string file = path;
+  if (!root.empty() && root != "/") {
+    if (path != root && !path.starts_with(root + "/")) return std::nullopt;
+    auto resolved = resolveInRoot(root, path.substr(root.size()));
+    if (!resolved) return std::nullopt;
+    file = *resolved;
+  }
+  auto content = readRegularFile(file, kMaxUnitFileBytes);
+  if (!content.ok()) return std::nullopt;
+  return std::move(*content);
+}
+
 // A service manager answers when systemd runs the system.
 bool managerRuns() { return isDirectory("/run/systemd/system"); }
 
@@ -54,8 +69,8 @@ std::string userUnitsBelowRoot(const Locations& locations) {
     if (linked.count(unit.name)) {
       state = "enabled";
     } else if (auto content =
-                   readRegularFile(joinPath(locations.userUnits, unit.name), kMaxUnitFileBytes);
-               content.ok() && content->find("[Install]") != std::string::npos) {
+                   readUnitFile(joinPath(locations.userUnits, unit.name), locations.root);
+               content && content->find("[Install]") != std::string::npos) {
       state = "disabled";
     }
     if (!state.empty()) text += unit.name + " " + state + "\n";
@@ -354,8 +369,8 @@ bool setEnabled(ProcessRunner& runner, const Locations& locations, Domain domain
 }
 
 std::optional<std::string> unitCommand(const std::string& path) {
-  auto content = readRegularFile(path, kMaxUnitFileBytes);
-  if (!content.ok()) return std::nullopt;
+  auto content = readUnitFile(path, currentLocations().root);
+  if (!content) return std::nullopt;
   return unitCommandIn(*content);
 }
 
