@@ -17,6 +17,7 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <system_error>
 #include <thread>
 #include <unordered_map>
 #include <utility>
@@ -348,14 +349,20 @@ class FilesHeld {
     }
     std::atomic<std::size_t> next{0};
     std::vector<Part> parts(workers, Part{part.path});
+    auto work = [&](unsigned w) {
+      for (std::size_t i = next++; i < folders.size(); i = next++) {
+        platform::walkTree(folders[i], parts[w]);
+      }
+    };
     std::vector<std::thread> threads;
-    for (unsigned w = 0; w < workers; ++w) {
-      threads.emplace_back([&, w] {
-        for (std::size_t i = next++; i < folders.size(); i = next++) {
-          platform::walkTree(folders[i], parts[w]);
-        }
-      });
+    for (unsigned w = 1; w < workers; ++w) {
+      try {
+        threads.emplace_back(work, w);
+      } catch (const std::system_error&) {
+        break;  // no more threads to be had: the ones there and this one share the rest
+      }
     }
+    work(0);
     for (auto& thread : threads) thread.join();
     for (auto& done : parts) {
       part.bytes += done.bytes;
