@@ -7,6 +7,7 @@
 #include "platform/Applications.h"
 #include "platform/Files.h"
 #include "platform/Packages.h"
+#include "platform/Text.h"
 
 namespace Core {
 
@@ -14,18 +15,6 @@ namespace {
 
 // dpkg's status file and file lists can be large on a full system, never this large.
 constexpr std::size_t kMaxPackageFileBytes = 256u << 20;
-
-// The lines of `text`, without their line ends.
-template <class Visit>
-void forEachLine(std::string_view text, Visit visit) {
-  std::size_t start = 0;
-  while (start < text.size()) {
-    std::size_t end = text.find('\n', start);
-    if (end == std::string_view::npos) end = text.size();
-    visit(text.substr(start, end - start));
-    start = end + 1;
-  }
-}
 
 // The packages dpkg's status file lists as present on the system: every state but
 // "not-installed" and "config-files" (a removed package of which only configuration is left).
@@ -38,7 +27,7 @@ void readPackageStatus(std::string_view status, Add add) {
     package.clear();
     installed = false;
   };
-  forEachLine(status, [&](std::string_view line) {
+  platform::forEachLine(status, [&](std::string_view line) {
     if (line.empty()) {
       flush();
     } else if (line.starts_with("Package:")) {

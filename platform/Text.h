@@ -17,4 +17,17 @@ std::string escapedText(std::string_view bytes);
 // the same text add. Nothing for an escape that neither writes.
 std::optional<std::string> unescapedText(std::string_view text);
 
+// Calls `visit` with each line of `text` (a std::string_view), without its "\n"; the last line
+// too when no "\n" ends it.
+template <class Visit>
+void forEachLine(std::string_view text, Visit&& visit) {
+  std::size_t start = 0;
+  while (start < text.size()) {
+    std::size_t end = text.find('\n', start);
+    if (end == std::string_view::npos) end = text.size();
+    visit(text.substr(start, end - start));
+    start = end + 1;
+  }
+}
+
 }  // namespace platform

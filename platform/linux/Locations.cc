@@ -14,6 +14,7 @@
 
 #include "platform/Files.h"
 #include "platform/SystemRoots.h"
+#include "platform/Text.h"
 
 namespace platform {
 
@@ -92,13 +93,7 @@ bool isPseudoFileSystem(const MountPoint& mount) {
 
 std::vector<MountPoint> parseMountInfo(std::string_view text) {
   std::vector<MountPoint> mounts;
-  std::size_t start = 0;
-  while (start < text.size()) {
-    std::size_t end = text.find('\n', start);
-    if (end == std::string_view::npos) end = text.size();
-    std::string_view line = text.substr(start, end - start);
-    start = end + 1;
-
+  forEachLine(text, [&](std::string_view line) {
     // id parent major:minor root mount-point options [optional fields] - type source options
     std::vector<std::string_view> fields;
     std::size_t pos = 0;
@@ -111,12 +106,12 @@ std::vector<MountPoint> parseMountInfo(std::string_view text) {
     auto separator = std::find(fields.begin(), fields.end(), "-");
     if (fields.size() < 5 || separator == fields.end() || separator - fields.begin() < 6 ||
         separator + 1 == fields.end()) {
-      continue;
+      return;
     }
     std::string source = separator + 2 < fields.end() ? std::string(*(separator + 2)) : "";
     mounts.push_back(MountPoint{decodeMountPath(fields[4]), std::string(*(separator + 1)),
                                 std::string(fields[2]), decodeMountPath(source)});
-  }
+  });
   return mounts;
 }
 

@@ -1,6 +1,7 @@
 #include "platform/Packages.h"
 
 #include "platform/Files.h"
+#include "platform/Text.h"
 
 namespace platform {
 
@@ -23,17 +24,11 @@ std::unordered_map<std::string, std::string> packageFiles(
     package = package.substr(0, package.find(':'));
     auto content = readRegularFile(joinPath(info, entry.name), kMaxListBytes, Follow::no);
     if (!content.ok()) continue;
-    std::string_view text = *content;
-    std::size_t start = 0;
-    while (start < text.size()) {
-      std::size_t end = text.find('\n', start);
-      if (end == std::string_view::npos) end = text.size();
-      std::string_view line = text.substr(start, end - start);
-      start = end + 1;
+    forEachLine(*content, [&](std::string_view line) {
       if (!line.empty() && line.front() == '/' && wanted(line)) {
         files.try_emplace(std::string(line), package);
       }
-    }
+    });
   }
   return files;
 }
