@@ -11,6 +11,7 @@
 
 #include "platform/Files.h"
 #include "platform/SystemRoots.h"
+#include "platform/Text.h"
 
 namespace platform {
 
@@ -33,17 +34,6 @@ std::optional<std::uint64_t> number(std::string_view text, int base = 10) {
   auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
   if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
   return value;
-}
-
-template <class F>
-void forEachLine(std::string_view text, F&& f) {
-  std::size_t start = 0;
-  while (start < text.size()) {
-    std::size_t end = text.find('\n', start);
-    if (end == std::string_view::npos) end = text.size();
-    f(text.substr(start, end - start));
-    start = end + 1;
-  }
 }
 
 }  // namespace
