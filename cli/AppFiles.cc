@@ -7,10 +7,12 @@
 #include <set>
 
 #include "Core/RuleManager.h"
-#include "cli/Host.h"
+#include "host/Host.h"
 #include "platform/Dispatch.h"
 
 namespace cli {
+
+using namespace host;
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include "Core/RuleManager.h"
 #include "cli/AppFiles.h"
 #include "cli/Commands.h"
-#include "cli/Host.h"
+#include "host/Host.h"
 
 namespace cli {
 

@@ -3,7 +3,11 @@
 #include <CLI/CLI.hpp>
 #include <string>
 
+#include "host/Host.h"
+
 namespace cli {
+
+using namespace host;
 
 // Each subcommand adds itself to the application; its callback runs the command and throws
 // `CommandError` to end with a message.

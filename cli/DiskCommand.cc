@@ -4,7 +4,7 @@
 #include <thread>
 
 #include "cli/Commands.h"
-#include "cli/Host.h"
+#include "host/Host.h"
 #include "monitor/DiskInfo.h"
 #include "platform/ByteCountFormatter.h"
 

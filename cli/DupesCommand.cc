@@ -7,7 +7,7 @@
 
 #include "cli/Commands.h"
 #include "cli/Deletion.h"
-#include "cli/Host.h"
+#include "host/Host.h"
 #include "dff/CoreDuplicateFileFinder.h"
 #include "dff/DuplicateGroups.h"
 #include "platform/ByteCountFormatter.h"

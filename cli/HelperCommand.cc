@@ -3,7 +3,7 @@
 #include <cstdio>
 
 #include "cli/Commands.h"
-#include "cli/Host.h"
+#include "host/Host.h"
 #include "helper/HelperConnection.h"
 #include "helper/HelperInstaller.h"
 #include "platform/Dispatch.h"

@@ -8,7 +8,7 @@
 #include "cli/AppFiles.h"
 #include "cli/Commands.h"
 #include "cli/Deletion.h"
-#include "cli/Host.h"
+#include "host/Host.h"
 #include "platform/Files.h"
 
 namespace cli {

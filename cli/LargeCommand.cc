@@ -5,7 +5,7 @@
 
 #include "Core/LargeFileFinder.h"
 #include "cli/Commands.h"
-#include "cli/Host.h"
+#include "host/Host.h"
 #include "platform/Dispatch.h"
 #include "platform/Files.h"
 #include "platform/Locations.h"

@@ -6,7 +6,7 @@
 #include "cli/AppFiles.h"
 #include "cli/Commands.h"
 #include "cli/Deletion.h"
-#include "cli/Host.h"
+#include "host/Host.h"
 
 namespace cli {
 

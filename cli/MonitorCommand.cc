@@ -9,7 +9,7 @@
 #include <thread>
 
 #include "cli/Commands.h"
-#include "cli/Host.h"
+#include "host/Host.h"
 #include "monitor/DiskInfo.h"
 #include "monitor/SystemStatistics.h"
 #include "monitor/Temperature.h"

@@ -24,10 +24,13 @@
 #include <sstream>
 #include <thread>
 
-#include "cli/Host.h"
+#include "host/Host.h"
 #include "testsupport/TestSupport.h"
 
 namespace cli {
+
+using namespace host;
+
 namespace {
 
 using testsupport::TempDir;

@@ -9,7 +9,7 @@
 #include "Core/AppFileRule.h"
 #include "Core/RuleManager.h"
 #include "cli/Commands.h"
-#include "cli/Host.h"
+#include "host/Host.h"
 #include "platform/Locations.h"
 #include "resources/Resources.h"
 

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "cli/Commands.h"
-#include "cli/Host.h"
+#include "host/Host.h"
 #include "helper/HelperConnection.h"
 #include "platform/Locations.h"
 #include "ravelin/Version.h"

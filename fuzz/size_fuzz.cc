@@ -1,11 +1,11 @@
 // Size arguments of the host ("10M", "1.5G", "2TB").
-#include "cli/Host.h"
+#include "host/Host.h"
 #include "fuzz/FuzzSupport.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::string_view text(reinterpret_cast<const char*>(data), size);
-  if (auto bytes = cli::parseSize(text)) fuzz::require(*bytes >= 0);
+  if (auto bytes = host::parseSize(text)) fuzz::require(*bytes >= 0);
   // Printed text reads back to the same bytes.
-  fuzz::require(cli::unescapeText(cli::displayText(text)) == std::string(text));
+  fuzz::require(host::unescapeText(host::displayText(text)) == std::string(text));
   return 0;
 }

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-namespace cli {
+namespace host {
 
 enum ExitStatus : int { kSuccess = 0, kFailure = 1, kUsage = 2 };
 
@@ -76,9 +76,9 @@ class InterruptGuard {
   bool interrupted() const;
 };
 
-}  // namespace cli
+}  // namespace host
 
-namespace cli {
+namespace host {
 
 // A path that couldn't be read while searching, and why.
 struct ReadError {
@@ -107,4 +107,4 @@ class SilencedStdout {
   int saved_ = -1;
 };
 
-}  // namespace cli
+}  // namespace host

@@ -1,4 +1,4 @@
-#include "cli/Host.h"
+#include "host/Host.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -16,7 +16,7 @@
 #include "platform/Dispatch.h"
 #include "platform/Text.h"
 
-namespace cli {
+namespace host {
 
 std::optional<std::int64_t> parseSize(std::string_view text) {
   std::size_t i = 0;
@@ -179,9 +179,9 @@ InterruptGuard::~InterruptGuard() {
 
 bool InterruptGuard::interrupted() const { return gInterrupts.load() > 0; }
 
-}  // namespace cli
+}  // namespace host
 
-namespace cli {
+namespace host {
 
 SilencedStdout::SilencedStdout() {
   std::fflush(stdout);
@@ -201,4 +201,4 @@ SilencedStdout::~SilencedStdout() {
   }
 }
 
-}  // namespace cli
+}  // namespace host

@@ -1,13 +1,13 @@
-#include "cli/Host.h"
+#include "host/Host.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 
-#include "cli/Deletion.h"
+#include "host/Deletion.h"
 #include "testsupport/TestSupport.h"
 
-namespace cli {
+namespace host {
 namespace {
 
 TEST(ParseSizeTest, PlainNumbersAndBinarySuffixes) {
@@ -119,4 +119,4 @@ TEST(SameBytesGuardTest, AMemberGoesOnlyWhileItMatchesTheKeptCopy) {
 }
 
 }  // namespace
-}  // namespace cli
+}  // namespace host
