@@ -5,6 +5,7 @@
 
 #include "cli/Commands.h"
 #include "host/Host.h"
+#include "host/Monitor.h"
 #include "monitor/DiskInfo.h"
 #include "platform/ByteCountFormatter.h"
 
@@ -27,9 +28,8 @@ void addDiskCommand(CLI::App& app) {
       throw CommandError{kUsage, "--size: an empty path"};
     }
     std::string path = folder->empty() ? "" : resolveFolderArgument(*folder);
-    auto info = monitor::DiskInfoReader::shared().readInfo();
-    if (!info) throw CommandError{kFailure, "cannot read the start-up disk"};
-    bool ssd = monitor::DiskInfoReader::shared().isSSD();
+    auto disk = startupDiskJson();
+    if (!disk) throw CommandError{kFailure, "cannot read the start-up disk"};
 
     std::optional<std::int64_t> size;
     std::vector<platform::WalkError> walkErrors;
@@ -56,7 +56,7 @@ void addDiskCommand(CLI::App& app) {
     for (const auto& e : walkErrors) errors.push_back({e.path, e.code});
 
     if (*json) {
-      nlohmann::json out{{"total", (*info)->totalSize}, {"free", (*info)->freeSize}, {"ssd", ssd}};
+      nlohmann::json out = *disk;
       if (size) {
         out["size"] = *size;
         out["complete"] = errors.empty();
@@ -65,9 +65,9 @@ void addDiskCommand(CLI::App& app) {
       std::puts(out.dump().c_str());
     } else {
       std::printf("Start-up disk  %s total, %s free, %s\n",
-                  platform::formatByteCount((*info)->totalSize).c_str(),
-                  platform::formatByteCount((*info)->freeSize).c_str(),
-                  ssd ? "solid state" : "not solid state");
+                  platform::formatByteCount((*disk)["total"].get<std::int64_t>()).c_str(),
+                  platform::formatByteCount((*disk)["free"].get<std::int64_t>()).c_str(),
+                  (*disk)["ssd"].get<bool>() ? "solid state" : "not solid state");
       if (size) {
         std::printf("%s  %s (%lld bytes in regular files)\n", displayText(path).c_str(),
                     platform::formatByteCount(*size).c_str(), static_cast<long long>(*size));

@@ -3,9 +3,9 @@
 #include <cstdio>
 
 #include "cli/Commands.h"
-#include "host/Host.h"
 #include "helper/HelperConnection.h"
 #include "helper/HelperInstaller.h"
+#include "host/Host.h"
 #include "platform/Dispatch.h"
 #include "platform/Files.h"
 

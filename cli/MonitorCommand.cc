@@ -10,6 +10,7 @@
 
 #include "cli/Commands.h"
 #include "host/Host.h"
+#include "host/Monitor.h"
 #include "monitor/DiskInfo.h"
 #include "monitor/SystemStatistics.h"
 #include "monitor/Temperature.h"
@@ -19,66 +20,7 @@ namespace cli {
 
 namespace {
 
-using monitor::CPULoadInfo;
 using monitor::Fan;
-
-struct Snapshot {
-  std::chrono::steady_clock::time_point taken;
-  std::vector<CPULoadInfo> cpu;
-  std::optional<monitor::MemoryInfo> memory;
-  std::optional<monitor::NetworkStat> network;
-  std::optional<monitor::DiskInfo> disk;
-  bool ssd = false;
-  float cpuTemperature = -1.0f;
-  std::vector<Fan> fans;
-};
-
-Snapshot takeSnapshot() {
-  Snapshot s;
-  s.taken = std::chrono::steady_clock::now();
-  if (auto loads = monitor::GetCPULoadInfo()) {
-    for (const auto& load : *loads) s.cpu.push_back(*load);
-  }
-  if (auto memory = monitor::GetMemoryInfo()) s.memory = **memory;
-  if (auto network = monitor::GetNetworkStat()) s.network = **network;
-  if (auto disk = monitor::DiskInfoReader::shared().readInfo()) s.disk = **disk;
-  s.ssd = monitor::DiskInfoReader::shared().isSSD();
-  {
-    // The controller client prints a line on standard output when there is no controller.
-    SilencedStdout quiet;
-    s.cpuTemperature = monitor::GetCPUTemperature();
-    if (auto fans = monitor::GetFans()) {
-      for (const auto& fan : *fans) s.fans.push_back(*fan);
-    }
-  }
-  if (s.cpuTemperature < 0) s.cpuTemperature = monitor::getSilliconCPUTemperature();
-  return s;
-}
-
-nlohmann::json toJson(const Snapshot& s) {
-  nlohmann::json cpu = nlohmann::json::array();
-  for (const auto& c : s.cpu) {
-    cpu.push_back({{"user", c.user}, {"system", c.system}, {"idle", c.idle}});
-  }
-  nlohmann::json fans = nlohmann::json::array();
-  for (const auto& f : s.fans) {
-    fans.push_back(
-        {{"actual", f.actualSpeed}, {"minimum", f.minimumSpeed}, {"maximum", f.maximumSpeed}});
-  }
-  nlohmann::json out;
-  out["cpu"] = cpu;
-  out["memory"] = s.memory
-                      ? nlohmann::json{{"total", s.memory->totalSize}, {"free", s.memory->freeSize}}
-                      : nlohmann::json(nullptr);
-  out["network"] = s.network ? nlohmann::json{{"bytes_in", s.network->bytesIn},
-                                              {"bytes_out", s.network->bytesOut}}
-                             : nlohmann::json(nullptr);
-  out["disk"] = s.disk ? nlohmann::json{{"total", s.disk->totalSize}, {"free", s.disk->freeSize}}
-                       : nlohmann::json(nullptr);
-  out["cpu_temperature"] = s.cpuTemperature;
-  out["fans"] = fans;
-  return out;
-}
 
 std::string bytes(std::uint64_t n) {
   return platform::formatByteCount(static_cast<std::int64_t>(n));
@@ -129,24 +71,17 @@ std::string report(const Snapshot& s) {
 
 // The view of `--watch`: processor use and network rates between two snapshots.
 std::string rateReport(const Snapshot& before, const Snapshot& now) {
-  double seconds = std::chrono::duration<double>(now.taken - before.taken).count();
   std::string out = "Processors  busy\n";
-  for (std::size_t i = 0; i < now.cpu.size() && i < before.cpu.size(); ++i) {
-    // Counters are 32 bits and wrap; unsigned subtraction gives the right step across a wrap.
-    std::uint32_t busy =
-        (now.cpu[i].user - before.cpu[i].user) + (now.cpu[i].system - before.cpu[i].system);
-    std::uint32_t idle = now.cpu[i].idle - before.cpu[i].idle;
-    double percent = busy + idle == 0 ? 0.0 : 100.0 * busy / (busy + idle);
-    out += fmt::format("  cpu{:<4}   {:5.1f} %\n", i, percent);
+  auto busy = busyPercent(before, now);
+  for (std::size_t i = 0; i < busy.size(); ++i) {
+    out += fmt::format("  cpu{:<4}   {:5.1f} %\n", i, busy[i]);
   }
   out += commonLines(now);
-  if (now.network && before.network && seconds > 0) {
-    auto rate = [&](std::uint64_t a, std::uint64_t b) {
-      return bytes(static_cast<std::uint64_t>(std::llround((b >= a ? b - a : 0) / seconds)));
+  if (auto rates = networkRates(before, now)) {
+    auto rate = [](double perSecond) {
+      return bytes(static_cast<std::uint64_t>(std::llround(perSecond)));
     };
-    out += fmt::format("Network     {}/s in, {}/s out\n",
-                       rate(before.network->bytesIn, now.network->bytesIn),
-                       rate(before.network->bytesOut, now.network->bytesOut));
+    out += fmt::format("Network     {}/s in, {}/s out\n", rate(rates->in), rate(rates->out));
   }
   return out;
 }
@@ -227,7 +162,7 @@ void addMonitorCommand(CLI::App& app) {
       std::fputs(text.c_str(), stdout);
       std::fflush(stdout);
     };
-    print(*json ? toJson(previous).dump() + "\n" : report(previous));
+    print(*json ? snapshotJson(previous).dump() + "\n" : report(previous));
     if (*watch <= 0) return;
 
     InterruptGuard interrupt;
@@ -242,7 +177,7 @@ void addMonitorCommand(CLI::App& app) {
       }
       Snapshot now = takeSnapshot();
       if (*json) {
-        print(toJson(now).dump() + "\n");
+        print(snapshotJson(now).dump() + "\n");
       } else {
         print((clearScreen ? "\033[H\033[2J" : "\n") + rateReport(previous, now));
       }

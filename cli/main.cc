@@ -8,8 +8,8 @@
 #include <string>
 
 #include "cli/Commands.h"
-#include "host/Host.h"
 #include "helper/HelperConnection.h"
+#include "host/Host.h"
 #include "platform/Locations.h"
 #include "ravelin/Version.h"
 

@@ -176,6 +176,7 @@ std::vector<DuplicateGroup> refineGroups(std::vector<std::vector<Duplicate>> gro
       member.device = status.st_dev;
       member.inode = status.st_ino;
       member.linkCount = status.st_nlink;
+      member.modified = status.st_mtim.tv_sec;
 
       Identity identity{member.device, member.inode};
       auto found = seen.find(identity);

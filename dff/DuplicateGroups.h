@@ -52,6 +52,7 @@ struct GroupMember {
   std::uint64_t device = 0;
   std::uint64_t inode = 0;
   std::uint64_t linkCount = 1;
+  std::int64_t modified = 0;  // seconds since 1970, when it was examined
 
   const File& file() const;
 };
