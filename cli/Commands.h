@@ -21,6 +21,7 @@ void addLargeCommand(CLI::App& app);
 void addLeftoversCommand(CLI::App& app);
 void addMonitorCommand(CLI::App& app);
 void addRulesCommand(CLI::App& app);
+void addServeCommand(CLI::App& app);
 void addStartupCommand(CLI::App& app);
 
 // The absolute path of a FOLDER argument; a usage error when it doesn't exist or isn't a folder.

@@ -82,6 +82,7 @@ int main(int argc, char** argv) {
   cli::addLeftoversCommand(app);
   cli::addMonitorCommand(app);
   cli::addRulesCommand(app);
+  cli::addServeCommand(app);
   cli::addStartupCommand(app);
   try {
     app.parse(argc, argv);
