@@ -713,6 +713,8 @@ void serve(const ServeOptions& options) {
   httplib::Server server;
   server.new_task_queue = [] { return new httplib::ThreadPool(16); };
   server.set_payload_max_length(kMaxBody);
+  // A response goes out in two writes (head, body): without this each waits for a delayed ACK.
+  server.set_tcp_nodelay(true);
   server.set_keep_alive_max_count(1000);
   int port = options.port;
   if (port == 0) {

@@ -1,0 +1,122 @@
+"""The web application in a real browser, against `ravelin serve --root FIXTURE`."""
+
+import json
+import os
+import subprocess
+import unittest
+
+from selenium.webdriver.common.by import By
+from selenium.webdriver.support import expected_conditions as seen
+from selenium.webdriver.support.ui import Select, WebDriverWait
+
+from browser import chromium
+from server import BINARY, Server, make_fixture, remove_fixture
+
+# Where the screenshots go: the README shows the ones under doc/.
+SHOTS = os.environ.get("RAVELIN_SCREENSHOTS")
+
+
+class BrowserTest(unittest.TestCase):
+    def setUp(self):
+        self.root, self.home = make_fixture()
+        self.server = Server(self.root, self.home)
+        self.driver = chromium()
+        self.addCleanup(remove_fixture, self.root)
+        self.addCleanup(self.stop)
+        # The printed address: its token becomes the page's cookie.
+        self.driver.get(self.server.address)
+
+    def stop(self):
+        self.driver.quit()
+        self.assertEqual(self.server.stop(), 0)
+
+    def wait(self, condition, timeout=60):
+        return WebDriverWait(self.driver, timeout).until(condition)
+
+    def shoot(self, name, height=None):
+        if SHOTS:
+            if height:
+                self.driver.set_window_size(1280, height)
+            os.makedirs(SHOTS, exist_ok=True)
+            self.driver.save_screenshot(os.path.join(SHOTS, name))
+
+    def console_errors(self):
+        return [entry for entry in self.driver.get_log("browser") if entry["level"] == "SEVERE"]
+
+    def cli_groups(self):
+        out = subprocess.run([BINARY, "--root", self.root, "dupes", "--json"], check=True,
+                             capture_output=True, text=True,
+                             env=dict(os.environ, HOME="/" + os.path.relpath(self.home, self.root)))
+        return {tuple(sorted(m["path"] for m in g)) for g in json.loads(out.stdout)["groups"]}
+
+    def page_groups(self):
+        groups = set()
+        for group in self.driver.find_elements(By.CSS_SELECTOR, "#result .group"):
+            groups.add(tuple(sorted(e.text for e in group.find_elements(By.CSS_SELECTOR, ".path"))))
+        return groups
+
+    def search(self):
+        self.driver.get(self.server.origin + "/#/dupes")
+        self.wait(seen.element_to_be_clickable((By.ID, "start-scan"))).click()
+        self.wait(seen.presence_of_element_located((By.ID, "result")))
+
+    def test_overview_loads_cleanly_and_its_charts_move(self):
+        self.assertEqual(self.driver.current_url, self.server.origin + "/")
+        main = self.driver.find_element(By.ID, "main")
+        # Each snapshot from the server is drawn; two mean the charts moved.
+        self.wait(lambda d: int(main.get_attribute("data-snapshots") or 0) >= 2, timeout=30)
+        self.assertEqual(len(self.driver.find_elements(By.CSS_SELECTOR, "#cpu-chart canvas")), 1)
+        legend = self.driver.find_element(By.CSS_SELECTOR, "#disk-bar + .legend").text
+        self.assertIn("free of", legend)
+        self.shoot("web-overview.png")
+        self.assertEqual(self.console_errors(), [])
+
+    def test_duplicates_page_shows_what_the_command_line_reports(self):
+        expected = self.cli_groups()
+        self.assertEqual(len(expected), 4)
+        self.search()
+        self.assertEqual(self.page_groups(), expected)
+        # Pictures have thumbnails the browser could decode.
+        self.wait(lambda d: d.execute_script(
+            "return [...document.querySelectorAll('img.thumb')].every(i => i.complete && i.naturalWidth > 0)"))
+        self.assertEqual(len(self.driver.find_elements(By.CSS_SELECTOR, "img.thumb")), 5)
+        self.shoot("web-duplicates.png", height=1500)
+        self.assertEqual(self.console_errors(), [])
+
+    def files(self):
+        return {os.path.join(d, f) for d, _, names in os.walk(self.home) for f in names}
+
+    def test_deleting_from_the_page_removes_exactly_the_chosen_files(self):
+        groups, before = self.cli_groups(), self.files()
+        self.search()
+        # Keep the shortest path of each group, then spare one more copy of the beach picture.
+        Select(self.driver.find_element(By.ID, "keep-rule")).select_by_value("shortest-path")
+        spared = os.path.join(self.home, "Pictures/backup/beach.png")
+        box = self.driver.find_element(By.CSS_SELECTOR, f"input[aria-label='Delete {spared}']")
+        self.assertTrue(box.is_selected())
+        box.click()
+        # A kept member can't be chosen at all.
+        kept = self.driver.find_elements(By.CSS_SELECTOR, ".member.kept input")
+        self.assertEqual(len(kept), 4)
+        self.assertTrue(all(not k.is_enabled() for k in kept))
+        chosen = {e.get_attribute("aria-label")[len("Delete "):]
+                  for e in self.driver.find_elements(By.CSS_SELECTOR, ".member input:checked")}
+        self.driver.find_element(By.ID, "delete-chosen").click()
+        dialog = self.wait(seen.visibility_of_element_located((By.ID, "confirm")))
+        self.assertIn(f"Delete {len(chosen)} files?", dialog.text)
+        self.shoot("web-confirm.png")
+        self.driver.find_element(By.ID, "confirm-ok").click()
+        outcome = self.wait(seen.presence_of_element_located((By.ID, "outcome")))
+        self.assertIn(f"{len(chosen)} deleted", outcome.text)
+        after = self.files()
+        # A chosen folder goes with all it holds.
+        self.assertEqual(before - after, {f for f in before if any(
+            f == c or f.startswith(c + "/") for c in chosen)})
+        for group in groups:
+            self.assertTrue(any(os.path.exists(m) for m in group), f"no member of {group} is left")
+        self.assertIn(spared, after)
+        self.assertEqual(self.console_errors(), [])
+
+
+if __name__ == "__main__":
+    unittest.main()
