@@ -4,7 +4,7 @@ _ravelin() {
   local cur prev words cword
   _init_completion || return
 
-  local subcommands="apps delete disk dupes helper junk large leftovers monitor rules startup"
+  local subcommands="apps delete disk dupes helper junk large leftovers monitor rules serve startup"
   local global="--help --version --root --helper-socket"
   local command="" i
   for ((i = 1; i < cword; i++)); do
@@ -44,6 +44,7 @@ _ravelin() {
     startup) options="--all --disable --enable --json" ;;
     rules) options="--check --for --json" ;;
     monitor) options="--watch --count --free-memory --json" ;;
+    serve) options="--port --open" ;;
     delete) options="--yes --dry-run --system --json --from --from0" ;;
     helper)
       COMPREPLY=($(compgen -W "status install uninstall --json --help" -- "$cur"))
