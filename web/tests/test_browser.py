@@ -6,6 +6,7 @@ import subprocess
 import unittest
 
 from selenium.webdriver.common.by import By
+from selenium.webdriver.common.keys import Keys
 from selenium.webdriver.support import expected_conditions as seen
 from selenium.webdriver.support.ui import Select, WebDriverWait
 
@@ -81,6 +82,28 @@ class BrowserTest(unittest.TestCase):
             "return [...document.querySelectorAll('img.thumb')].every(i => i.complete && i.naturalWidth > 0)"))
         self.assertEqual(len(self.driver.find_elements(By.CSS_SELECTOR, "img.thumb")), 5)
         self.shoot("web-duplicates.png", height=1500)
+        self.assertEqual(self.console_errors(), [])
+
+    def test_a_narrow_dark_window_worked_with_the_keyboard(self):
+        self.driver.set_window_size(420, 1400)
+        self.driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {
+            "features": [{"name": "prefers-color-scheme", "value": "dark"}]})
+        self.driver.get(self.server.origin + "/#/dupes")
+        self.wait(seen.element_to_be_clickable((By.ID, "start-scan")))
+        # Tab reaches the search button; Enter starts it.
+        body = self.driver.find_element(By.TAG_NAME, "body")
+        for _ in range(40):
+            if self.driver.switch_to.active_element.get_attribute("id") == "start-scan":
+                break
+            body.send_keys(Keys.TAB) if _ == 0 else self.driver.switch_to.active_element.send_keys(Keys.TAB)
+        self.assertEqual(self.driver.switch_to.active_element.get_attribute("id"), "start-scan")
+        self.driver.switch_to.active_element.send_keys(Keys.ENTER)
+        self.wait(seen.presence_of_element_located((By.ID, "result")))
+        background = self.driver.execute_script("return getComputedStyle(document.body).backgroundColor")
+        self.assertEqual(background, "rgb(22, 25, 28)")
+        self.assertLessEqual(self.driver.execute_script("return document.documentElement.scrollWidth"),
+                             self.driver.execute_script("return window.innerWidth"))
+        self.shoot("web-narrow-dark.png")
         self.assertEqual(self.console_errors(), [])
 
     def files(self):
