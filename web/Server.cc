@@ -716,6 +716,8 @@ void serve(const ServeOptions& options) {
   // A response goes out in two writes (head, body): without this each waits for a delayed ACK.
   server.set_tcp_nodelay(true);
   server.set_keep_alive_max_count(1000);
+  // An idle connection holds a thread, and the end of the server waits for it.
+  server.set_keep_alive_timeout(1);
   int port = options.port;
   if (port == 0) {
     port = server.bind_to_any_port("127.0.0.1");

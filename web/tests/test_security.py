@@ -193,5 +193,29 @@ class SecurityTest(unittest.TestCase):
             shutil.rmtree(big)
 
 
+class ShutdownTest(unittest.TestCase):
+    def test_sigterm_during_a_scan_stops_it_and_ends_cleanly(self):
+        root, home = make_fixture()
+        self.addCleanup(remove_fixture, root)
+        for i in range(2000):
+            folder = os.path.join(home, "many", str(i // 100))
+            os.makedirs(folder, exist_ok=True)
+            with open(os.path.join(folder, f"{i}"), "w") as out:
+                out.write(str(i % 100) * 100)
+        server = Server(root, home)
+        self.addCleanup(server.stop)
+        connection = http.client.HTTPConnection("127.0.0.1", server.port, timeout=60)
+        connection.request("POST", "/api/scans", body=json.dumps({"kind": "dupes"}), headers={
+            "Authorization": "Bearer " + server.token, "Content-Type": "application/json"})
+        created = connection.getresponse()
+        self.assertEqual((created.status, json.loads(created.read())), (201, {"id": "1"}))
+        # An open event stream must not hold the end up either.
+        connection.request("GET", "/api/scans/1/events", headers={"Authorization": "Bearer " + server.token})
+        response = connection.getresponse()
+        response.fp.readline()
+        self.assertEqual(server.stop(), 0)
+        connection.close()
+
+
 if __name__ == "__main__":
     unittest.main()
