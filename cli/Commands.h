@@ -4,6 +4,7 @@
 #include <string>
 
 #include "host/Host.h"
+#include "host/Scan.h"
 
 namespace cli {
 
@@ -23,6 +24,9 @@ void addMonitorCommand(CLI::App& app);
 void addRulesCommand(CLI::App& app);
 void addServeCommand(CLI::App& app);
 void addStartupCommand(CLI::App& app);
+
+// Runs `scan` to its end with its progress on a terminal.
+void runToItsEnd(ScanJob& scan);
 
 // The absolute path of a FOLDER argument; a usage error when it doesn't exist or isn't a folder.
 std::string resolveFolderArgument(const std::string& folder);

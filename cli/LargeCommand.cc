@@ -6,6 +6,7 @@
 #include "Core/LargeFileFinder.h"
 #include "cli/Commands.h"
 #include "host/Host.h"
+#include "host/Scans.h"
 #include "platform/Dispatch.h"
 #include "platform/Files.h"
 #include "platform/Locations.h"
@@ -13,19 +14,6 @@
 namespace cli {
 
 namespace {
-
-class LargeFilesReport final : public Core::LargeFileFinderDelegate {
- public:
-  void largeFileFinderCurrentURL(const std::string& url) override { status.show(url); }
-  void largeFileFinderFound(const std::vector<Core::File>& found) override {
-    files = found;
-    finished = true;
-  }
-
-  StatusLine status;
-  std::vector<Core::File> files;
-  bool finished = false;
-};
 
 // An absolute path for `folder`, or a usage error when it isn't a folder.
 std::string checkedFolder(const std::string& folder) {
@@ -44,13 +32,22 @@ std::string checkedFolder(const std::string& folder) {
 
 std::string resolveFolderArgument(const std::string& folder) { return checkedFolder(folder); }
 
+void runToItsEnd(ScanJob& scan) {
+  StatusLine status;
+  scan.start({}, [&] { status.show(scan.current()); });
+  platform::runMainUntil([&] { return scan.finished(); }, std::chrono::hours(24 * 365));
+}
+
 void addLargeCommand(CLI::App& app) {
   auto* command =
       app.add_subcommand("large", "The largest files of a folder (by default the home folder)");
   auto json = std::make_shared<bool>(false);
   auto minSize = std::make_shared<std::string>("100M");
   auto folder = std::make_shared<std::string>();
+  auto count = std::make_shared<unsigned>(0);
   command->add_option("--min-size", *minSize, "Smallest size to list (default 100M)");
+  command->add_option("--count", *count, "List only the N largest")
+      ->check(CLI::Range(1u, 1000000000u));
   command->add_flag("--json", *json,
                     "Print {\"files\": [{\"path\": ..., \"size\": N}, ...], \"complete\": BOOL, "
                     "\"stopped\": BOOL, \"errors\": [{\"path\", \"error\"}, ...]}");
@@ -65,50 +62,26 @@ void addLargeCommand(CLI::App& app) {
     if (folderOption->count() > 0 && folder->empty()) {
       throw CommandError{kUsage, "FOLDER: an empty path"};
     }
-    std::string scope =
-        folder->empty() ? platform::currentLocations().home : checkedFolder(*folder);
-
-    auto report = std::make_shared<LargeFilesReport>();
-    auto query = platform::makeMetadataQuery();
-    platform::MetadataQuery* index = query.get();  // owned by the finder, which outlives its use
-    Core::LargeFileFinder finder(std::move(query));
-    finder.delegate = report;
-    finder.searchScopes = {scope};
+    LargeScan scan(folder->empty() ? "" : checkedFolder(*folder), *bytes,
+                   static_cast<std::size_t>(*count));
+    StatusLine status;
     InterruptGuard interrupt;
-    finder.start(*bytes);
-    bool stopped = !runMainUntilDoneOrInterrupted([&] { return report->finished; }, interrupt);
-    report->status.clear();
-    if (stopped) {
-      // What the index had gathered before the stop, largest first.
-      finder.stop();
-      report->files.clear();
-      for (const auto& item : index->results()) {
-        if (item.path && item.size) report->files.push_back(Core::File{*item.path, *item.size});
-      }
-      std::stable_sort(report->files.begin(), report->files.end(),
-                       [](const auto& a, const auto& b) { return a.size > b.size; });
-    }
-    std::vector<ReadError> errors;
-    for (const auto& e : index->errors()) errors.push_back({e.path, e.code});
+    scan.start({}, [&] { status.show(scan.current()); });
+    const bool stopped = !runMainUntilDoneOrInterrupted([&] { return scan.finished(); }, interrupt);
+    if (stopped) scan.stop();
+    status.clear();
+    const std::vector<ReadError>& errors = scan.errors();
 
     if (*json) {
-      std::string out = "{\"files\":[";
-      for (std::size_t i = 0; i < report->files.size(); ++i) {
-        const auto& f = report->files[i];
-        out += (i == 0 ? "{\"path\":" : ",{\"path\":") + jsonText(f.url).dump() +
-               ",\"size\":" + std::to_string(f.size) + "}";
-      }
-      out += "],\"complete\":" + std::string(stopped || !errors.empty() ? "false" : "true");
-      out += ",\"stopped\":" + std::string(stopped ? "true" : "false");
-      out += ",\"errors\":" + errorsJson(errors).dump() + "}\n";
-      std::fputs(out.c_str(), stdout);
+      scan.writeJson(
+          [](std::string_view piece) { std::fwrite(piece.data(), 1, piece.size(), stdout); });
     } else {
       std::int64_t total = 0;
-      for (const auto& f : report->files) {
+      for (const auto& f : scan.files()) {
         std::printf("%10s  %s\n", f.sizeString().c_str(), displayText(f.url).c_str());
         total += f.size;
       }
-      std::printf("%zu files of at least %s, %s in all%s\n", report->files.size(),
+      std::printf("%zu files of at least %s, %s in all%s\n", scan.files().size(),
                   platform::formatByteCount(*bytes).c_str(),
                   platform::formatByteCount(total).c_str(),
                   stopped ? " (search stopped: only what was found before the stop)" : "");

@@ -3,10 +3,11 @@
 #include <cstdio>
 #include <set>
 
-#include "cli/AppFiles.h"
 #include "cli/Commands.h"
 #include "cli/Deletion.h"
+#include "host/AppFiles.h"
 #include "host/Host.h"
+#include "host/Scans.h"
 
 namespace cli {
 
@@ -44,9 +45,10 @@ void addLeftoversCommand(CLI::App& app) {
       throw CommandError{kUsage, "--all: takes no identifiers"};
     }
     std::set<Core::CaseInsensitiveString> named(wanted->begin(), wanted->end());
-    AppFilesReport report = findAppFiles(true);
+    AppFilesScan scan(false, true);
+    runToItsEnd(scan);
     std::vector<std::pair<std::string, const AppFiles*>> chosen;
-    for (const auto& [id, files] : report.leftovers) {
+    for (const auto& [id, files] : scan.report().leftovers) {
       if (files.files.empty()) continue;  // nothing was left
       if (!named.empty() && !named.count(Core::CaseInsensitiveString(id))) continue;
       chosen.emplace_back(id, &files);
@@ -60,29 +62,17 @@ void addLeftoversCommand(CLI::App& app) {
                                                  displayText(id.origin()))};
         }
       }
-      DeletionRequest request;
+      std::vector<std::string> paths;
       for (const auto& [id, files] : chosen) {
-        for (const auto& file : files->files) {
-          if (auto refused = hostRefusal(file.url)) {
-            request.leftAlone.emplace_back(file.url, "refused: " + *refused);
-          } else {
-            request.paths.push_back(file.url);
-          }
-        }
+        for (const auto& file : files->files) paths.push_back(file.url);
       }
-      confirmAndDelete(request, *yes, *dryRun, *json);
+      confirmAndDelete(plainDeletion(paths), *yes, *dryRun, *json);
       return;
     }
 
     std::int64_t total = 0;
     if (*json) {
-      nlohmann::json list = nlohmann::json::array();
-      for (const auto& [id, files] : chosen) {
-        nlohmann::json entries = nlohmann::json::array();
-        for (const auto& file : files->files) entries.push_back(fileJson(file, false));
-        list.push_back({{"id", jsonText(id)}, {"files", entries}, {"size", files->size}});
-      }
-      std::puts(nlohmann::json{{"leftovers", list}}.dump().c_str());
+      std::puts(scan.leftoversJson(named).dump().c_str());
       return;
     }
     for (const auto& [id, files] : chosen) {

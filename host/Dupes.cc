@@ -46,14 +46,10 @@ class DupesScan::Delegate final : public Core::DuplicateFileFinderDelegate {
  public:
   explicit Delegate(DupesScan* scan) : scan_(scan) {}
   void duplicateFileFinderCurrent(const std::string& url) override {
-    if (!scan_) return;
-    scan_->current_ = url;
-    if (scan_->changed_) scan_->changed_();
+    if (scan_) scan_->showCurrent(url);
   }
   void duplicateFileFinderProgress(double value) override {
-    if (!scan_) return;
-    scan_->progress_ = value;
-    if (scan_->changed_) scan_->changed_();
+    if (scan_) scan_->show(value, scan_->current());
   }
   // The groups are refined as they arrive, and taken apart as they are: a search of a million
   // files would otherwise hold them twice.
@@ -62,9 +58,7 @@ class DupesScan::Delegate final : public Core::DuplicateFileFinderDelegate {
     Core::RefineOptions options;
     options.keepHardLinks = scan_->options_.hardLinks;
     scan_->groups_ = Core::refineGroups(std::move(found), options);
-    scan_->finished_ = true;
-    scan_->progress_ = 1;
-    if (auto done = std::move(scan_->finishedBlock_)) done();
+    scan_->settle();
   }
   void forget() { scan_ = nullptr; }
 
@@ -110,16 +104,10 @@ DupesScan::DupesScan(DupesOptions options) : options_(std::move(options)) {
 
 DupesScan::~DupesScan() {
   if (delegate_) delegate_->forget();
-  if (finder_ && !finished_) finder_->stop();
+  if (finder_ && !finished()) finder_->stop();
 }
 
-const std::vector<Core::ResolvedRoots::Dropped>& DupesScan::dropped() const { return dropped_; }
-
-void DupesScan::start(std::function<void()> finished, std::function<void()> changed) {
-  if (started_) return;
-  started_ = true;
-  finishedBlock_ = std::move(finished);
-  changed_ = std::move(changed);
+void DupesScan::run() {
   finder_ = Core::DuplicateFileFinder::create();
   finder_->setRootFolderURLs(roots_);
   finder_->setExcludePaths(excluded_);
@@ -133,9 +121,30 @@ void DupesScan::start(std::function<void()> finished, std::function<void()> chan
 }
 
 void DupesScan::stop() {
-  if (!started_ || finished_ || stopped_) return;
+  if (!finder_ || finished() || stopped_) return;
   stopped_ = true;
   finder_->stop();
+}
+
+void DupesScan::writeJson(const std::function<void(std::string_view)>& write) const {
+  writeDupesJson(groups_, Core::planKeepingOne(groups_), stopped_, errors_, write);
+}
+
+std::vector<std::string> DupesScan::reportedPaths() const {
+  std::vector<std::string> out;
+  for (const auto& group : groups_) {
+    for (const auto& member : group) out.push_back(member.file().url);
+  }
+  return out;
+}
+
+DeletionRequest DupesScan::deletion(const std::set<std::string>& chosen) const {
+  return deletion(chosen, Core::KeepRule{});
+}
+
+DeletionRequest DupesScan::deletion(const std::set<std::string>& chosen,
+                                    const Core::KeepRule& rule) const {
+  return duplicatesDeletion(groups_, rule, &chosen);
 }
 
 void writeDupesJson(const std::vector<Core::DuplicateGroup>& groups, const Core::KeepOnePlan& plan,

@@ -16,6 +16,7 @@
 #include "dff/DuplicateGroups.h"
 #include "host/Deletion.h"
 #include "host/Host.h"
+#include "host/Scan.h"
 
 namespace Core {
 class DuplicateFileFinder;
@@ -36,42 +37,34 @@ struct DupesOptions {
 // What a member is, as the reports name it: "file", "folder", "package" or "photo".
 const char* kindName(Core::MemberKind kind);
 
-class DupesScan {
+class DupesScan final : public ScanJob {
  public:
   // Checks and resolves the options: a root that isn't a folder, an empty exclusion or suffix
   // end it with a `CommandError` of `kUsage`. A root given twice or inside another is searched
   // once (see `dropped`); a root that can't be listed is an error of the result.
   explicit DupesScan(DupesOptions options);
-  ~DupesScan();
-  DupesScan(const DupesScan&) = delete;
-  DupesScan& operator=(const DupesScan&) = delete;
+  ~DupesScan() override;
 
-  // On the main queue: starts the search; `finished` runs once with the groups refined, `changed`
-  // on every report of progress.
-  void start(std::function<void()> finished, std::function<void()> changed = {});
-  // The engine winds down and reports what it settled before the stop.
-  void stop();
+  void stop() override;
+  void writeJson(const std::function<void(std::string_view)>& write) const override;
+  std::vector<std::string> reportedPaths() const override;
+  // Keeps the first member of each group.
+  DeletionRequest deletion(const std::set<std::string>& chosen) const override;
+  DeletionRequest deletion(const std::set<std::string>& chosen, const Core::KeepRule& rule) const;
 
-  const std::vector<Core::ResolvedRoots::Dropped>& dropped() const;
-  bool finished() const { return finished_; }
-  bool stopped() const { return stopped_; }
-  double progress() const { return progress_; }
-  const std::string& current() const { return current_; }
+  const std::vector<Core::ResolvedRoots::Dropped>& dropped() const { return dropped_; }
   const std::vector<Core::DuplicateGroup>& groups() const { return groups_; }
   std::vector<Core::DuplicateGroup>& groups() { return groups_; }
   const std::vector<ReadError>& errors() const { return errors_; }
 
  private:
+  void run() override;
   class Delegate;
   DupesOptions options_;
   std::vector<std::string> roots_, excluded_;
   std::vector<Core::ResolvedRoots::Dropped> dropped_;
   std::shared_ptr<Core::DuplicateFileFinder> finder_;
   std::shared_ptr<Delegate> delegate_;
-  std::function<void()> finishedBlock_, changed_;
-  bool started_ = false, finished_ = false, stopped_ = false;
-  double progress_ = 0;
-  std::string current_;
   std::vector<Core::DuplicateGroup> groups_;
   std::vector<ReadError> errors_;
 };
