@@ -13,6 +13,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <exception>
+#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -24,6 +25,8 @@
 #include "host/Dupes.h"
 #include "host/Host.h"
 #include "host/Monitor.h"
+#include "host/Scans.h"
+#include "host/Startup.h"
 #include "platform/Dispatch.h"
 #include "platform/Files.h"
 #include "platform/Locations.h"
@@ -61,6 +64,7 @@ struct Live {
 
   void show(double value, const std::string& path) {
     std::lock_guard lock(mutex);
+    if (state != "running") return;  // a late report of a settled job
     progress = value;
     current = path;
   }
@@ -79,7 +83,8 @@ struct Scan {
   std::string id, kind;
   Live live;
   // The main queue's alone:
-  std::unique_ptr<host::DupesScan> dupes;
+  std::unique_ptr<host::ScanJob> job;
+  host::DupesScan* dupes = nullptr;  // the job, when it is a duplicate search
   // Each member the scan reported, by the text its path has in the result; what a page may name.
   std::unordered_map<std::string, std::string> reported;
   bool deleting = false;
@@ -183,7 +188,7 @@ class App {
   // On the main queue, at the end: every job is asked to stop.
   void stopAll() {
     for (auto& [id, scan] : scans_) {
-      if (scan->dupes && !scan->dupes->finished()) scan->dupes->stop();
+      if (!scan->job->finished()) scan->job->stop();
     }
     for (auto& [id, deletion] : deletions_) {
       if (deletion->job && deletion->job->running()) deletion->job->stop();
@@ -192,7 +197,7 @@ class App {
   // On the main queue: true when no job runs.
   bool settled() const {
     for (const auto& [id, scan] : scans_) {
-      if (scan->dupes && !scan->dupes->finished()) return false;
+      if (!scan->job->finished()) return false;
     }
     for (const auto& [id, deletion] : deletions_) {
       if (deletion->job && deletion->job->running()) return false;
@@ -218,6 +223,7 @@ class App {
   void picture(const std::string& scanId, const httplib::Request& request,
                httplib::Response& response);
   void home(httplib::Response& response);
+  void switchStartup(const httplib::Request& request, httplib::Response& response);
   void monitorStream(httplib::Response& response);
   void liveStream(std::shared_ptr<void> owner, Live& live, httplib::Response& response);
 
@@ -311,72 +317,106 @@ void App::takeStream() {
   }
 }
 
+namespace {
+
+bool flag(const json& body, const char* key) {
+  if (!body.contains(key)) return false;
+  if (!body.at(key).is_boolean())
+    throw HttpError(400, fmt::format("\"{}\" is not true or false", key));
+  return body.at(key).get<bool>();
+}
+
+std::optional<std::int64_t> count(const json& body, const char* key) {
+  if (!body.contains(key)) return std::nullopt;
+  const json& value = body.at(key);
+  if (!value.is_number_integer() || value.get<std::int64_t>() < 0) {
+    throw HttpError(400, fmt::format("\"{}\" is not a number of bytes or items", key));
+  }
+  return value.get<std::int64_t>();
+}
+
+// The job a request asks for, its options checked; what the options can't be is a 400.
+std::unique_ptr<host::ScanJob> makeJob(const std::string& kind, const json& body) {
+  if (kind == "dupes") {
+    host::DupesOptions options;
+    for (const auto& root : stringList(body, "roots")) options.roots.push_back(pathFromPage(root));
+    for (const auto& path : stringList(body, "exclude")) {
+      options.exclude.push_back(pathFromPage(path));
+    }
+    options.minSize = count(body, "min_size").value_or(0);
+    options.hidden = flag(body, "hidden");
+    return std::make_unique<host::DupesScan>(std::move(options));
+  }
+  if (kind == "large") {
+    std::string root;
+    if (body.contains("root")) {
+      if (!body.at("root").is_string()) throw HttpError(400, "\"root\" is not a path");
+      root = pathFromPage(body.at("root").get<std::string>());
+    }
+    return std::make_unique<host::LargeScan>(
+        root, count(body, "min_size").value_or(100 << 20),
+        static_cast<std::size_t>(count(body, "count").value_or(0)));
+  }
+  if (kind == "junk") return std::make_unique<host::JunkScan>();
+  if (kind == "apps") return std::make_unique<host::AppFilesScan>(flag(body, "files"), false);
+  if (kind == "leftovers") return std::make_unique<host::AppFilesScan>(false, true);
+  if (kind == "startup") return std::make_unique<host::StartupScan>(flag(body, "all"));
+  throw HttpError(400, "unknown kind of scan: " + host::displayText(kind));
+}
+
+}  // namespace
+
 void App::startScan(const httplib::Request& request, httplib::Response& response) {
   json body = parseBody(request);
-  std::string kind = body.value("kind", "");
-  if (kind != "dupes") throw HttpError(400, "unknown kind of scan: " + host::displayText(kind));
-  host::DupesOptions options;
-  for (const auto& root : stringList(body, "roots")) options.roots.push_back(pathFromPage(root));
-  for (const auto& path : stringList(body, "exclude"))
-    options.exclude.push_back(pathFromPage(path));
-  if (body.contains("min_size")) {
-    const json& size = body.at("min_size");
-    if (!size.is_number_integer() || size.get<std::int64_t>() < 0) {
-      throw HttpError(400, "\"min_size\" is not a number of bytes");
-    }
-    options.minSize = size.get<std::int64_t>();
+  if (!body.contains("kind") || !body.at("kind").is_string()) {
+    throw HttpError(400, "\"kind\" names no kind of scan");
   }
-  if (body.contains("hidden")) {
-    if (!body.at("hidden").is_boolean()) throw HttpError(400, "\"hidden\" is not true or false");
-    options.hidden = body.at("hidden").get<bool>();
-  }
+  const std::string kind = body.at("kind").get<std::string>();
   std::string id = onMain([&] {
     for (const auto& [other, scan] : scans_) {
-      if (scan->dupes && !scan->dupes->finished()) throw HttpError(409, "a scan is running");
+      if (scan->kind == kind && !scan->job->finished()) {
+        throw HttpError(409, "a scan of this kind is running");
+      }
     }
     auto scan = std::make_shared<Scan>();
     scan->id = std::to_string(nextId_++);
     scan->kind = kind;
     try {
-      scan->dupes = std::make_unique<host::DupesScan>(std::move(options));
+      scan->job = makeJob(kind, body);
     } catch (const host::CommandError& error) {
-      throw HttpError(400, error.message);
+      throw HttpError(error.status == host::kUsage ? 400 : 500, error.message);
     }
-    std::weak_ptr<Scan> weak = scan;
-    scan->dupes->start(
-        [this, weak] {
-          if (auto scan = weak.lock()) finishScan(scan);
-        },
-        [weak] {
-          if (auto scan = weak.lock())
-            scan->live.show(scan->dupes->progress(), scan->dupes->current());
-        });
+    scan->dupes = dynamic_cast<host::DupesScan*>(scan->job.get());
     scans_[scan->id] = scan;
     // Old settled scans give way to new ones.
     while (scans_.size() > kMaxScansKept) {
       auto oldest = std::find_if(scans_.begin(), scans_.end(), [](const auto& entry) {
-        return entry.second->dupes->finished() && !entry.second->deleting;
+        return entry.second->job->finished() && !entry.second->deleting;
       });
       if (oldest == scans_.end()) break;
       scans_.erase(oldest);
     }
+    std::weak_ptr<Scan> weak = scan;
+    scan->job->start(
+        [this, weak] {
+          if (auto scan = weak.lock()) finishScan(scan);
+        },
+        [weak] {
+          if (auto scan = weak.lock()) scan->live.show(scan->job->progress(), scan->job->current());
+        });
     return scan->id;
   });
   answer(response, 201, {{"id", id}});
 }
 
 void App::finishScan(const std::shared_ptr<Scan>& scan) {
-  auto& groups = scan->dupes->groups();
-  auto plan = Core::planKeepingOne(groups);
   auto text = std::make_shared<std::string>();
-  host::writeDupesJson(groups, plan, scan->dupes->stopped(), scan->dupes->errors(),
-                       [&](std::string_view piece) { text->append(piece); });
-  for (const auto& group : groups) {
-    for (const auto& member : group) {
-      scan->reported.emplace(host::utf8Safe(member.file().url), member.file().url);
-    }
+  scan->job->writeJson([&](std::string_view piece) { text->append(piece); });
+  for (auto& path : scan->job->reportedPaths()) {
+    std::string key = host::utf8Safe(path);
+    scan->reported.emplace(std::move(key), std::move(path));
   }
-  scan->live.settle(scan->dupes->stopped() ? "stopped" : "finished", std::move(text));
+  scan->live.settle(scan->job->stopped() ? "stopped" : "finished", std::move(text));
 }
 
 void App::showScan(const std::string& id, httplib::Response& response) {
@@ -400,7 +440,7 @@ void App::showScan(const std::string& id, httplib::Response& response) {
 void App::stopScan(const std::string& id, httplib::Response& response) {
   onMain([&] {
     auto found = scan(id);
-    if (found->dupes && !found->dupes->finished()) found->dupes->stop();
+    if (!found->job->finished()) found->job->stop();
   });
   showScan(id, response);
 }
@@ -409,13 +449,29 @@ void App::startDeletion(const std::string& scanId, const httplib::Request& reque
                         httplib::Response& response) {
   json body = parseBody(request);
   std::vector<std::string> paths = stringList(body, "paths");
-  if (paths.empty()) throw HttpError(400, "\"paths\" names nothing to delete");
+  std::vector<std::string> categories = stringList(body, "categories");
+  if (paths.empty() && categories.empty()) {
+    throw HttpError(400, "\"paths\" names nothing to delete");
+  }
+  if (body.contains("keep") && !body.at("keep").is_string()) {
+    throw HttpError(400, "\"keep\" is first, newest, oldest or shortest-path");
+  }
   auto rule = host::keepRuleNamed(body.value("keep", "first"));
   if (!rule) throw HttpError(400, "\"keep\" is first, newest, oldest or shortest-path");
+  for (const auto& category : categories) {
+    const auto& known = host::junkCategories();
+    if (std::find(known.begin(), known.end(), category) == known.end()) {
+      throw HttpError(400, "not a category of junk: " + host::displayText(category));
+    }
+  }
   std::string id = onMain([&] {
     auto found = scan(scanId);
-    if (!found->dupes->finished()) throw HttpError(409, "the scan is still running");
-    if (found->dupes->stopped()) {
+    if (found->kind == "startup") throw HttpError(400, "a startup scan deletes nothing");
+    if (!categories.empty() && found->kind != "junk") {
+      throw HttpError(400, "only a junk scan deletes by category");
+    }
+    if (!found->job->finished()) throw HttpError(409, "the scan is still running");
+    if (found->job->stopped()) {
       throw HttpError(409, "the scan was stopped: what it settled is shown, nothing is deleted");
     }
     for (const auto& [other, deletion] : deletions_) {
@@ -430,10 +486,16 @@ void App::startDeletion(const std::string& scanId, const httplib::Request& reque
       }
       chosen.insert(member->second);
     }
+    if (auto* junk = dynamic_cast<host::JunkScan*>(found->job.get()); junk && !categories.empty()) {
+      for (auto& path : junk->paths({categories.begin(), categories.end()})) {
+        // Only what is still there to name: a path already deleted stays deleted.
+        if (found->reported.count(host::utf8Safe(path))) chosen.insert(std::move(path));
+      }
+    }
     auto deletion = std::make_shared<Deletion>();
     deletion->id = std::to_string(nextId_++);
     deletion->job = std::make_unique<host::DeletionJob>(
-        host::duplicatesDeletion(found->dupes->groups(), *rule, &chosen));
+        found->dupes ? found->dupes->deletion(chosen, *rule) : found->job->deletion(chosen));
     found->deleting = true;
     std::weak_ptr<Deletion> weak = deletion;
     std::weak_ptr<Scan> weakScan = found;
@@ -503,6 +565,49 @@ void App::picture(const std::string& scanId, const httplib::Request& request,
   if (!type) throw HttpError(415, "not a picture");
   response.set_header("Cache-Control", "private, max-age=300");
   response.set_content(std::move(bytes), type->c_str());
+}
+
+// Lists the startup items afresh, switches the one named and answers the state read back.
+void App::switchStartup(const httplib::Request& request, httplib::Response& response) {
+  json body = parseBody(request);
+  if (!body.contains("item") || !body.at("item").is_string()) {
+    throw HttpError(400, "\"item\" names no startup item");
+  }
+  if (!body.contains("enabled") || !body.at("enabled").is_boolean()) {
+    throw HttpError(400, "\"enabled\" is not true or false");
+  }
+  auto item = host::unescapeText(body.at("item").get<std::string>());
+  if (!item) throw HttpError(400, "\"item\" holds an escape the reports never write");
+  const bool enabled = body.at("enabled").get<bool>();
+  using Answer = std::pair<int, json>;
+  auto promise = std::make_shared<std::promise<Answer>>();
+  auto future = promise->get_future();
+  onMain([&] {
+    auto scan = std::make_shared<host::StartupScan>(true);
+    std::weak_ptr<host::StartupScan> weak = scan;
+    scan->start([weak, scan, promise, name = *item, enabled]() mutable {
+      host::Switched switched{};
+      Answer answer{200, json::object()};
+      try {
+        host::switchStartupItem(weak.lock()->items(), name, enabled, switched);
+      } catch (const host::CommandError& error) {
+        answer = {error.status == host::kUsage ? 400 : 409, {{"error", error.message}}};
+      }
+      if (!switched.name.empty()) {
+        answer.second.update({{"item", host::jsonText(switched.name)},
+                              {"enabled", switched.enabled},
+                              {"state", switched.state}});
+      }
+      promise->set_value(std::move(answer));
+      // The listing goes once it has answered, after its report has returned.
+      platform::DispatchQueue::main().async([keep = std::move(scan)] {});
+    });
+  });
+  if (future.wait_for(5min) != std::future_status::ready) {
+    throw HttpError(500, "the startup items could not be listed");
+  }
+  auto [status, out] = future.get();
+  answer(response, status, out);
 }
 
 void App::home(httplib::Response& response) {
@@ -641,6 +746,10 @@ void App::routes(httplib::Server& server) {
   server.Post("/api/scans",
               wrap([this](const httplib::Request& request, httplib::Response& response) {
                 startScan(request, response);
+              }));
+  server.Post("/api/startup",
+              wrap([this](const httplib::Request& request, httplib::Response& response) {
+                switchStartup(request, response);
               }));
   server.Get(R"(/api/scans/(\d+))",
              wrap([this](const httplib::Request& request, httplib::Response& response) {
