@@ -45,6 +45,10 @@ void addLargeCommand(CLI::App& app) {
   auto minSize = std::make_shared<std::string>("100M");
   auto folder = std::make_shared<std::string>();
   auto count = std::make_shared<unsigned>(0);
+  auto tree = std::make_shared<bool>(false);
+  command->add_flag("--tree", *tree,
+                    "Then measure where the folder's space goes: its folders and files by size, "
+                    "the small ones of each folder summed (\"tree\" in JSON)");
   command->add_option("--min-size", *minSize, "Smallest size to list (default 100M)");
   command->add_option("--count", *count, "List only the N largest")
       ->check(CLI::Range(1u, 1000000000u));
@@ -63,7 +67,7 @@ void addLargeCommand(CLI::App& app) {
       throw CommandError{kUsage, "FOLDER: an empty path"};
     }
     LargeScan scan(folder->empty() ? "" : checkedFolder(*folder), *bytes,
-                   static_cast<std::size_t>(*count));
+                   static_cast<std::size_t>(*count), *tree);
     StatusLine status;
     InterruptGuard interrupt;
     scan.start({}, [&] { status.show(scan.current()); });
@@ -85,6 +89,16 @@ void addLargeCommand(CLI::App& app) {
                   platform::formatByteCount(*bytes).c_str(),
                   platform::formatByteCount(total).c_str(),
                   stopped ? " (search stopped: only what was found before the stop)" : "");
+      if (const auto& space = scan.tree()) {
+        std::printf("\n%s  %s\n", platform::formatByteCount(space->size).c_str(),
+                    displayText(space->name).c_str());
+        for (const auto& child : space->children) {
+          std::string name = child.smaller > 0
+                                 ? fmt::format("({} smaller items)", child.smaller)
+                                 : displayText(child.name) + (child.folder ? "/" : "");
+          std::printf("%10s  %s\n", platform::formatByteCount(child.size).c_str(), name.c_str());
+        }
+      }
     }
     if (stopped) throw CommandError{kFailure, "stopped"};
     if (!errors.empty()) failIncomplete(errors);

@@ -36,7 +36,7 @@ _ravelin() {
   case "$command" in
     "") COMPREPLY=($(compgen -W "$subcommands $global" -- "$cur")); return ;;
     dupes) options="--min-size --hidden --exclude --exclude-ext --delete --keep --keep-under --yes --dry-run --hard-links --jobs --json" ;;
-    large) options="--min-size --count --json" ;;
+    large) options="--min-size --count --tree --json" ;;
     disk) options="--size --json" ;;
     apps) options="--files --json" ;;
     leftovers) options="--delete --all --yes --dry-run --json" ;;

@@ -11,6 +11,7 @@
 #include "Core/JunkFileFinder.h"
 #include "Core/LargeFileFinder.h"
 #include "Core/RuleManager.h"
+#include "platform/Dispatch.h"
 #include "platform/Files.h"
 #include "platform/Locations.h"
 #include "platform/Metadata.h"
@@ -43,8 +44,8 @@ class LargeScan::Delegate final : public Core::LargeFileFinderDelegate {
   LargeScan* scan_;
 };
 
-LargeScan::LargeScan(const std::string& folder, std::int64_t minSize, std::size_t count)
-    : minSize_(minSize), count_(count) {
+LargeScan::LargeScan(const std::string& folder, std::int64_t minSize, std::size_t count, bool tree)
+    : minSize_(minSize), count_(count), wantTree_(tree) {
   if (folder.empty()) {
     scope_ = platform::currentLocations().home;
     return;
@@ -62,6 +63,8 @@ LargeScan::LargeScan(const std::string& folder, std::int64_t minSize, std::size_
 }
 
 LargeScan::~LargeScan() {
+  *alive_ = false;
+  stopWalk_->store(true);
   if (delegate_) delegate_->forget();
   if (finder_ && !finished()) finder_->stop();
 }
@@ -80,12 +83,40 @@ void LargeScan::found(std::vector<Core::File> files) {
   files_ = std::move(files);
   if (count_ > 0 && files_.size() > count_) files_.resize(count_);
   for (const auto& e : index_->errors()) errors_.push_back({e.path, e.code});
-  settle();
+  if (wantTree_ && !stopped_) {
+    measure();
+  } else {
+    settle();
+  }
+}
+
+// One walk off the main queue; the tree comes back to it. Folders and files under a thousandth
+// of a percent of the whole, or under 64 KiB, are summed into their folder's smaller items.
+void LargeScan::measure() {
+  measuring_ = true;
+  showCurrent("measuring " + scope_);
+  std::int64_t total = 0;
+  for (const auto& f : files_) total += f.size;
+  const std::int64_t keep = std::max<std::int64_t>(64 << 10, total / 100000);
+  platform::DispatchQueue::global(platform::QoS::utility)
+      .async([scope = scope_, keep, stop = stopWalk_, alive = alive_, this] {
+        auto errors = std::make_shared<std::vector<ReadError>>();
+        auto tree =
+            std::make_shared<SpaceNode>(measureSpace(scope, keep, stop.get(), errors.get()));
+        platform::DispatchQueue::main().async([tree, errors, alive, this] {
+          if (!*alive) return;
+          tree_ = std::move(*tree);
+          errors_.insert(errors_.end(), errors->begin(), errors->end());
+          settle();
+        });
+      });
 }
 
 void LargeScan::stop() {
   if (!finder_ || finished() || stopped_) return;
   stopped_ = true;
+  stopWalk_->store(true);
+  if (measuring_) return;  // the walk ends within one entry, and settles
   finder_->stop();
   // What the index had gathered before the stop, largest first.
   std::vector<Core::File> files;
@@ -106,7 +137,9 @@ void LargeScan::writeJson(const std::function<void(std::string_view)>& write) co
   }
   out += "],\"complete\":" + std::string(stopped_ || !errors_.empty() ? "false" : "true");
   out += ",\"stopped\":" + std::string(stopped_ ? "true" : "false");
-  out += ",\"errors\":" + errorsJson(errors_).dump() + "}\n";
+  out += ",\"errors\":" + errorsJson(errors_).dump();
+  if (tree_) out += ",\"tree\":" + spaceJson(*tree_).dump();
+  out += "}\n";
   write(out);
 }
 

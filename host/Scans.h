@@ -13,6 +13,7 @@
 #include "Core/File.h"
 #include "host/AppFiles.h"
 #include "host/Scan.h"
+#include "host/SpaceTree.h"
 
 namespace Core {
 class LargeFileFinder;
@@ -27,27 +28,34 @@ class MetadataQuery;
 namespace host {
 
 // The largest files below `folder` (the home folder when empty), largest first; `count` keeps
-// only that many (0: all).
+// only that many (0: all). With `tree`, then where the folder's space goes (see SpaceTree.h).
 class LargeScan final : public ScanJob {
  public:
   // A folder that isn't one ends it with a `CommandError` of `kUsage`.
-  LargeScan(const std::string& folder, std::int64_t minSize, std::size_t count = 0);
+  LargeScan(const std::string& folder, std::int64_t minSize, std::size_t count = 0,
+            bool tree = false);
   ~LargeScan() override;
   void stop() override;
-  // {"files": [{"path", "size"}], "complete", "stopped", "errors"}
+  // {"files": [{"path", "size"}], "complete", "stopped", "errors"}, and "tree" when asked for
   void writeJson(const std::function<void(std::string_view)>& write) const override;
   std::vector<std::string> reportedPaths() const override;
 
   const std::vector<Core::File>& files() const { return files_; }
   const std::vector<ReadError>& errors() const { return errors_; }
+  const std::optional<SpaceNode>& tree() const { return tree_; }
 
  private:
   class Delegate;
   void run() override;
   void found(std::vector<Core::File> files);
+  void measure();
   std::string scope_;
   std::int64_t minSize_;
   std::size_t count_;
+  bool wantTree_, measuring_ = false;
+  std::optional<SpaceNode> tree_;
+  std::shared_ptr<std::atomic<bool>> stopWalk_ = std::make_shared<std::atomic<bool>>(false);
+  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
   std::unique_ptr<Core::LargeFileFinder> finder_;
   platform::MetadataQuery* index_ = nullptr;  // the finder's
   std::shared_ptr<Delegate> delegate_;

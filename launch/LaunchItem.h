@@ -114,8 +114,8 @@ void setApplicationURLs(std::function<std::vector<std::string>()> urls);
 }  // namespace launch
 
 template <>
-struct std::hash<launch::LaunchItem> {
-  std::size_t operator()(const launch::LaunchItem& item) const noexcept {
+struct std::hash<::launch::LaunchItem> {
+  std::size_t operator()(const ::launch::LaunchItem& item) const noexcept {
     return std::hash<std::string>()(item.bundleId());
   }
 };
