@@ -355,7 +355,7 @@ std::unique_ptr<host::ScanJob> makeJob(const std::string& kind, const json& body
     }
     return std::make_unique<host::LargeScan>(
         root, count(body, "min_size").value_or(100 << 20),
-        static_cast<std::size_t>(count(body, "count").value_or(0)));
+        static_cast<std::size_t>(count(body, "count").value_or(0)), flag(body, "tree"));
   }
   if (kind == "junk") return std::make_unique<host::JunkScan>();
   if (kind == "apps") return std::make_unique<host::AppFilesScan>(flag(body, "files"), false);

@@ -113,3 +113,51 @@ export function confirmDialog(title, text, action) {
     dialog.addEventListener('close', () => resolve(dialog.returnValue === 'ok'), { once: true });
   });
 }
+
+// Starts a scan of `kind`, follows it, and resolves with {id, state, result}.
+export async function runScan(kind, options, onProgress) {
+  const { id } = await api('POST', '/api/scans', { kind, ...options });
+  const state = await follow(`/api/scans/${id}/events`, onProgress);
+  const scan = await api('GET', `/api/scans/${id}`);
+  return { id, state, result: scan.result };
+}
+
+// Asks, then deletes `paths` (and `categories` of junk) named by scan `scanId`; resolves with the
+// outcome, or null when the user said no.
+export async function confirmAndDelete(scanId, { paths = [], categories = [], count, bytes, what, extra = {} }) {
+  const yes = await confirmDialog(
+    `Delete ${count} ${count === 1 ? 'item' : 'items'}?`,
+    `${count} ${count === 1 ? 'item' : 'items'}${what ? ` (${what})` : ''}, ${formatBytes(bytes)}, will be deleted: first with your rights, then through the privileged helper for what you may not delete, if it is installed.`,
+    `Delete ${count}`);
+  if (!yes) return null;
+  const body = { ...extra };
+  if (paths.length) body.paths = paths;
+  if (categories.length) body.categories = categories;
+  const { id } = await api('POST', `/api/scans/${scanId}/deletions`, body);
+  await follow(`/api/deletions/${id}/events`, () => {});
+  return api('GET', `/api/deletions/${id}`);
+}
+
+// The outcome of a deletion, as a box of its own.
+export function outcomeBox(outcome, lines = []) {
+  const failed = outcome.failed || [];
+  return h('div', { className: `outcome${failed.length ? ' failed' : ''}`, id: 'outcome', role: 'status' },
+    `${outcome.deleted.length} deleted, ${formatBytes(outcome.bytes)} freed`,
+    failed.length ? `; ${failed.length} not deleted:` : '.',
+    lines.length ? h('ul', {}, lines.map((line) => h('li', {}, line))) : null,
+    failed.length ? h('ul', {}, failed.slice(0, 50).map((f) => h('li', {}, `${f.path}: ${f.reason}`))) : null);
+}
+
+// A progress bar with the path being read, for a scan that runs.
+export function progressView() {
+  const bar = h('progress', { max: 1, value: 0, id: 'scan-progress', 'aria-label': 'Progress' });
+  const current = h('div', { className: 'current', id: 'scan-current' });
+  const element = h('div', { className: 'progress' }, bar, current);
+  return {
+    element,
+    update(p) {
+      bar.value = p.progress;
+      current.textContent = p.current_path;
+    },
+  };
+}

@@ -1,10 +1,16 @@
-// The pages and the address bar: "#/overview", "#/dupes". Each page module gives `show(main)`
+// The pages and the address bar: "#/overview", "#/space", "#/dupes", "#/junk", "#/apps",
+// "#/leftovers", "#/startup". Each page module gives `show(main)`
 // and may give `leave()` to close its streams.
 import * as overview from './overview.js';
 import * as dupes from './dupes.js';
+import * as space from './space.js';
+import * as junk from './junk.js';
+import * as apps from './apps.js';
+import * as leftovers from './leftovers.js';
+import * as startup from './startup.js';
 import { showBanner } from './api.js';
 
-const pages = { overview, dupes };
+const pages = { overview, space, dupes, junk, apps, leftovers, startup };
 let current = null;
 
 function route() {

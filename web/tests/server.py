@@ -6,6 +6,7 @@ import signal
 import struct
 import subprocess
 import tempfile
+import time
 import zlib
 
 BINARY = os.environ.get("RAVELIN_BINARY", "ravelin")
@@ -47,7 +48,41 @@ def make_fixture():
         os.makedirs(os.path.dirname(path), exist_ok=True)
         with open(path, "wb") as out:
             out.write(data)
+    # Space: large files two folders down, each its own bytes.
+    for name, size in (("Videos/holiday.mkv", 3 << 20), ("Videos/2024/clip.mkv", 2 << 20),
+                       ("Videos/2024/raw/take1.mkv", 1 << 20), ("Music/album/01.ogg", 900 << 10),
+                       ("Music/album/02.ogg", 700 << 10), ("Projects/site/build.tar", 1200 << 10),
+                       ("Projects/notes.pdf", 300 << 10), ("Downloads/installer.tar", 1500 << 10)):
+        write(os.path.join(home, name), os.urandom(size))
+    # Junk: a system cache, a rotated log no one writes, a trashed file with its description,
+    # an application's settings and cache left by no installed application.
+    write(os.path.join(root, "var/cache/fontconfig/0a1b.cache-8"), b"\0" * 4096)
+    write(os.path.join(root, "var/log/syslog"), b"live\n")
+    write(os.path.join(root, "var/log/syslog.2.gz"), b"\x1f\x8b" + b"\0" * 2000, age=3 * 86400)
+    write(os.path.join(home, ".local/share/Trash/files/old draft.txt"), b"draft\n" * 100)
+    write(os.path.join(home, ".local/share/Trash/info/old draft.txt.trashinfo"),
+          b"[Trash Info]\nPath=/home/ada/old%20draft.txt\nDeletionDate=2026-01-01T10:00:00\n")
+    write(os.path.join(home, ".config/vlc/vlcrc"), b"[core]\n" * 50)
+    write(os.path.join(home, ".cache/vlc/art.jpg"), os.urandom(3000))
+    # An installed application with a cache of its own.
+    write(os.path.join(root, "usr/share/applications/org.gnome.TextEditor.desktop"),
+          b"[Desktop Entry]\nType=Application\nName=Text Editor\nExec=gnome-text-editor %U\n")
+    write(os.path.join(root, "usr/bin/gnome-text-editor"), b"#!/bin/sh\n", mode=0o755)
+    write(os.path.join(home, ".cache/gnome-text-editor/state"), b"x" * 5000)
+    # Startup: a login item of the user's.
+    write(os.path.join(home, ".config/autostart/sync.desktop"),
+          b"[Desktop Entry]\nType=Application\nName=Sync\nExec=/usr/bin/true\n")
     return root, home
+
+
+def write(path, data, age=0, mode=0o644):
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    with open(path, "wb") as out:
+        out.write(data)
+    os.chmod(path, mode)
+    if age:
+        then = time.time() - age
+        os.utime(path, (then, then))
 
 
 class Server:

@@ -5,6 +5,7 @@ import os
 import subprocess
 import unittest
 
+from selenium.common.exceptions import StaleElementReferenceException
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 from selenium.webdriver.support import expected_conditions as seen
@@ -32,7 +33,8 @@ class BrowserTest(unittest.TestCase):
         self.assertEqual(self.server.stop(), 0)
 
     def wait(self, condition, timeout=60):
-        return WebDriverWait(self.driver, timeout).until(condition)
+        # Pages draw themselves again on each change: an element may go between two looks.
+        return WebDriverWait(self.driver, timeout, ignored_exceptions=(StaleElementReferenceException,)).until(condition)
 
     def shoot(self, name, height=None):
         if SHOTS:
@@ -104,6 +106,107 @@ class BrowserTest(unittest.TestCase):
         self.assertLessEqual(self.driver.execute_script("return document.documentElement.scrollWidth"),
                              self.driver.execute_script("return window.innerWidth"))
         self.shoot("web-narrow-dark.png")
+        self.assertEqual(self.console_errors(), [])
+
+    def open_page(self, name, start_button):
+        self.driver.get(f"{self.server.origin}/#/{name}")
+        self.wait(seen.element_to_be_clickable((By.ID, start_button))).click()
+
+    def confirm(self):
+        self.wait(seen.visibility_of_element_located((By.ID, "confirm")))
+        self.driver.find_element(By.ID, "confirm-ok").click()
+        return self.wait(seen.presence_of_element_located((By.ID, "outcome")))
+
+    def test_junk_clean_empties_the_chosen_categories_and_keeps_the_rest(self):
+        self.open_page("junk", "start-junk")
+        self.wait(seen.presence_of_element_located((By.ID, "junk-result")))
+        chosen = {"trash", "orphans", "logs"}
+        # Each click draws the list again: every box is looked up afresh.
+        categories = [e.get_attribute("data-category")
+                      for e in self.driver.find_elements(By.CSS_SELECTOR, "details.category")]
+        for category in categories:
+            check = self.driver.find_element(By.ID, f"category-{category}")
+            if check.is_enabled() and check.is_selected() != (category in chosen):
+                check.click()
+        for category in categories:  # open, for the screenshot
+            self.driver.find_element(By.CSS_SELECTOR, f"details[data-category='{category}'] summary").click()
+        self.shoot("web-junk.png", height=1400)
+        self.driver.find_element(By.ID, "clean").click()
+        outcome = self.confirm()
+        self.assertIn("Trash: 1 of 1 cleaned", outcome.text)
+        gone = [".local/share/Trash/files/old draft.txt", ".local/share/Trash/info/old draft.txt.trashinfo",
+                ".cache/vlc"]
+        for path in gone:
+            self.assertFalse(os.path.lexists(os.path.join(self.home, path)), path)
+        self.assertFalse(os.path.exists(os.path.join(self.root, "var/log/syslog.2.gz")))
+        # The categories left alone keep everything, the live log too.
+        for path in [os.path.join(self.root, "var/cache/fontconfig/0a1b.cache-8"),
+                     os.path.join(self.root, "var/log/syslog"),
+                     os.path.join(self.home, ".cache/gnome-text-editor/state")]:
+            self.assertTrue(os.path.exists(path), path)
+        self.assertEqual(self.console_errors(), [])
+
+    def test_a_leftover_is_deleted_from_the_page(self):
+        self.open_page("leftovers", "start-leftovers")
+        group = self.wait(seen.presence_of_element_located((By.CSS_SELECTOR, "details[data-group='vlc']")))
+        group.find_element(By.TAG_NAME, "summary").click()
+        self.shoot("web-leftovers.png")
+        group.find_element(By.CSS_SELECTOR, "summary input").click()
+        self.driver.find_element(By.ID, "delete-chosen").click()
+        outcome = self.confirm()
+        self.assertIn("2 deleted", outcome.text)
+        self.assertFalse(os.path.exists(os.path.join(self.home, ".config/vlc")))
+        self.assertFalse(os.path.exists(os.path.join(self.home, ".cache/vlc")))
+        self.assertTrue(os.path.exists(os.path.join(self.home, ".cache/gnome-text-editor/state")))
+        self.assertEqual(self.console_errors(), [])
+
+    def test_the_treemap_goes_two_levels_down_and_back(self):
+        self.driver.get(f"{self.server.origin}/#/space")
+        size = self.wait(seen.presence_of_element_located((By.ID, "space-min")))
+        size.clear()
+        size.send_keys("1M")
+        self.driver.find_element(By.ID, "start-space").click()
+
+        def tile(name):
+            return self.wait(seen.element_to_be_clickable((By.CSS_SELECTOR, f"#treemap .tile.folder[data-name='{name}']")))
+
+        tile("Videos")
+        self.shoot("web-space.png", height=1200)
+        tile("Videos").click()
+        tile("2024").click()
+        self.wait(lambda d: d.find_elements(By.CSS_SELECTOR, "#treemap .tile[data-name='clip.mkv']"))
+        steps = [b.text for b in self.driver.find_elements(By.CSS_SELECTOR, ".pathbar button")]
+        self.assertEqual(steps[1:], ["Videos", "2024"])
+        self.driver.find_elements(By.CSS_SELECTOR, ".pathbar button")[0].click()
+        tile("Videos")
+        # The largest files, largest first, as the command line lists them.
+        paths = [e.text for e in self.driver.find_elements(By.CSS_SELECTOR, "table.files td.path")]
+        self.assertEqual([os.path.relpath(p, self.home) for p in paths],
+                         ["Videos/holiday.mkv", "Videos/2024/clip.mkv", "Downloads/installer.tar",
+                          "Projects/site/build.tar", "Videos/2024/raw/take1.mkv"])
+        self.assertEqual(self.console_errors(), [])
+
+    def test_a_startup_switch_reads_its_state_back(self):
+        self.driver.get(f"{self.server.origin}/#/startup")
+        switch = self.wait(seen.element_to_be_clickable((By.CSS_SELECTOR, "tr[data-item='sync'] input[role='switch']")))
+        self.assertTrue(switch.is_selected())
+        self.shoot("web-startup.png")
+        switch.click()
+        self.wait(lambda d: "disabled" in d.find_element(By.CSS_SELECTOR, "tr[data-item='sync'] td.state").text)
+        with open(os.path.join(self.home, ".config/autostart/sync.desktop")) as entry:
+            self.assertIn("Hidden=true", entry.read())
+        # Listed afresh, it is off.
+        self.driver.find_element(By.ID, "start-startup").click()
+        self.wait(lambda d: not d.find_element(By.CSS_SELECTOR, "tr[data-item='sync'] input[role='switch']").is_selected())
+        self.assertEqual(self.console_errors(), [])
+
+    def test_applications_show_their_files(self):
+        self.open_page("apps", "start-apps")
+        group = self.wait(seen.presence_of_element_located((By.CSS_SELECTOR, "details[data-group='org.gnome.TextEditor']")))
+        group.find_element(By.TAG_NAME, "summary").click()
+        self.assertIn("Text Editor", group.text)
+        self.assertIn(os.path.join(self.home, ".cache/gnome-text-editor"), group.text)
+        self.shoot("web-apps.png")
         self.assertEqual(self.console_errors(), [])
 
     def files(self):
