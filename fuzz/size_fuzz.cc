@@ -1,6 +1,6 @@
 // Size arguments of the host ("10M", "1.5G", "2TB").
-#include "host/Host.h"
 #include "fuzz/FuzzSupport.h"
+#include "host/Host.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::string_view text(reinterpret_cast<const char*>(data), size);

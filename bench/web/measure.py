@@ -32,6 +32,28 @@ def make_groups(home, name, groups):
     return folder
 
 
+def make_tree(home, name, entries):
+    """`entries` files, a thousand to a folder, in folders two deep, some of them large."""
+    folder = os.path.join(home, name)
+    for i in range(entries):
+        sub = os.path.join(folder, f"part{i // 20000}", f"box{i // 1000}")
+        if i % 1000 == 0:
+            os.makedirs(sub, exist_ok=True)
+        with open(os.path.join(sub, f"{i}.dat"), "wb") as out:
+            out.write(b"x" * (200_000 if i % 5000 == 0 else 100))
+    return folder
+
+
+def show_treemap(driver, server):
+    """Seconds from Measure to the treemap's tiles shown, for the home folder."""
+    driver.get(server.origin + "/#/space")
+    WebDriverWait(driver, 30).until(lambda d: d.find_element(By.ID, "start-space"))
+    start = time.monotonic()
+    driver.find_element(By.ID, "start-space").click()
+    WebDriverWait(driver, 600).until(lambda d: d.find_elements(By.CSS_SELECTOR, "#treemap .tile"))
+    return time.monotonic() - start
+
+
 def first_visit_bytes(driver):
     return driver.execute_script(
         "return performance.getEntriesByType('navigation').concat(performance.getEntriesByType('resource'))"
@@ -63,6 +85,9 @@ def main(work):
     os.makedirs(home)
     ten = make_groups(home, "ten-thousand", 10_000)
     hundred = make_groups(home, "hundred-thousand", 100_000)
+    treemap_root = os.path.join(work, "treemap-root")
+    treemap_home = os.path.join(treemap_root, "home", "bench")
+    make_tree(treemap_home, "tree", 200_000)
     server = Server(root, home)
     driver = chromium()
     try:
@@ -84,6 +109,16 @@ def main(work):
             print(f"{name} groups: search to first page {total:.2f} s, "
                   f"page redrawn by a keep rule in {redraw * 1000:.0f} ms, "
                   f"server resident after {server.resident_kb() / 1024:.1f} MB")
+    finally:
+        driver.quit()
+        server.stop()
+    # The treemap of a home folder of 200,000 entries, in a server of its own.
+    server = Server(treemap_root, treemap_home)
+    driver = chromium()
+    try:
+        driver.get(server.address)
+        seconds = show_treemap(driver, server)
+        print(f"treemap of a home of 200,000 entries: Measure to tiles {seconds:.2f} s")
     finally:
         driver.quit()
         server.stop()
