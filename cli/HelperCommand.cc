@@ -5,6 +5,7 @@
 #include "cli/Commands.h"
 #include "helper/HelperConnection.h"
 #include "helper/HelperInstaller.h"
+#include "host/Helper.h"
 #include "host/Host.h"
 #include "platform/Dispatch.h"
 #include "platform/Files.h"
@@ -13,45 +14,26 @@ namespace cli {
 
 namespace {
 
-// Whether the helper on the socket in use answers a ping within the helper connection's own
-// 3-second limit.
-bool helperAnswers() {
-  auto connection = helper::HelperConnection::create();
-  bool failed = false;
-  connection->errorHandler = [&] { failed = true; };
-  if (!connection->connect(false)) return false;
-  bool answered = false;
-  if (auto proxy = connection->helper) {
-    proxy->test(
-        [&answered] { platform::DispatchQueue::main().async([&answered] { answered = true; }); });
-  }
-  platform::runMainUntil([&] { return answered || failed; }, std::chrono::seconds(4));
-  connection->close();
-  return answered && !failed;
-}
-
 void status(bool json) {
-  const std::string installedPath = helper::installedToolPath(helper::kServiceName);
-  bool installed = platform::fileExists(installedPath, platform::Follow::no);
-  auto installedVersion = installed ? helper::readBundleVersion(installedPath) : std::nullopt;
-  auto shippedVersion = helper::readBundleVersion(helper::shippedToolPath());
-  bool answers = helperAnswers();
+  std::optional<nlohmann::json> out;
+  helperStatus([&](nlohmann::json answer) { out = std::move(answer); });
+  platform::runMainUntil([&] { return out.has_value(); }, std::chrono::seconds(10));
+  if (!out) throw CommandError{kFailure, "the helper's status could not be read"};
   if (json) {
-    nlohmann::json out{{"installed", installed},
-                       {"installed_version", nullptr},
-                       {"shipped_version", nullptr},
-                       {"answers", answers}};
-    if (installedVersion) out["installed_version"] = jsonText(*installedVersion);
-    if (shippedVersion) out["shipped_version"] = jsonText(*shippedVersion);
-    std::puts(out.dump().c_str());
+    std::puts(out->dump().c_str());
     return;
   }
+  const std::string installedPath = helper::installedToolPath(helper::kServiceName);
+  const bool installed = (*out)["installed"].get<bool>();
+  auto version = [](const nlohmann::json& value) {
+    return value.is_string() ? displayText(value.get<std::string>()) : std::string("none");
+  };
   std::printf("installed   %s%s\n", installed ? "yes, " : "no",
               installed ? displayText(installedPath).c_str() : "");
   std::printf("versions    installed %s, shipped %s\n",
-              installedVersion ? displayText(*installedVersion).c_str() : "none",
-              shippedVersion ? displayText(*shippedVersion).c_str() : "none");
-  std::printf("answers     %s%s\n", answers ? "yes" : "no",
+              version((*out)["installed_version"]).c_str(),
+              version((*out)["shipped_version"]).c_str());
+  std::printf("answers     %s%s\n", (*out)["answers"].get<bool>() ? "yes" : "no",
               helper::usesOwnHelperSocket() ? " (on the socket given with --helper-socket)" : "");
 }
 

@@ -17,23 +17,10 @@ namespace cli {
 
 namespace {
 
-std::int64_t sum(const std::vector<Core::File>& files) {
-  std::int64_t total = 0;
-  for (const auto& f : files) total += f.size;
-  return total;
-}
-
-std::int64_t sum(const std::vector<JunkScan::Group>& groups) {
-  std::int64_t total = 0;
-  for (const auto& g : groups) {
-    for (const auto& f : g.files) total += f.size;
-  }
-  return total;
-}
-
 void printFiles(const char* title, const std::vector<Core::File>& files) {
   if (files.empty()) return;
-  std::printf("%s: %zu, %s\n", title, files.size(), platform::formatByteCount(sum(files)).c_str());
+  std::printf("%s: %zu, %s\n", title, files.size(),
+              platform::formatByteCount(totalSize(files)).c_str());
   for (const auto& f : files) {
     std::printf("  %10s  %s\n", f.sizeString().c_str(), displayText(f.url).c_str());
   }
@@ -42,7 +29,7 @@ void printFiles(const char* title, const std::vector<Core::File>& files) {
 void printGroups(const char* title, const std::vector<JunkScan::Group>& groups) {
   if (groups.empty()) return;
   std::printf("%s: %zu, %s\n", title, groups.size(),
-              platform::formatByteCount(sum(groups)).c_str());
+              platform::formatByteCount(totalSize(groups)).c_str());
   for (const auto& g : groups) {
     std::printf("  %s\n", displayText(g.id).c_str());
     for (const auto& f : g.files) {

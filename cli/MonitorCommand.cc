@@ -87,22 +87,16 @@ std::string rateReport(const Snapshot& before, const Snapshot& now) {
 }
 
 void freeMemory(bool json) {
-  auto before = monitor::GetMemoryInfo();
-  if (!before) throw CommandError{kFailure, "cannot read memory counters"};
   StatusLine status;
   status.show("Freeing memory...");
-  monitor::FreeUpMemory();
+  nlohmann::json out = host::freeMemory();
   status.clear();
-  auto after = monitor::GetMemoryInfo();
-  if (!after) throw CommandError{kFailure, "cannot read memory counters"};
   if (json) {
-    std::puts(
-        nlohmann::json{{"free_before", (*before)->freeSize}, {"free_after", (*after)->freeSize}}
-            .dump()
-            .c_str());
+    std::puts(out.dump().c_str());
   } else {
-    std::printf("Free memory %s before, %s after\n", bytes((*before)->freeSize).c_str(),
-                bytes((*after)->freeSize).c_str());
+    std::printf("Free memory %s before, %s after\n",
+                bytes(out["free_before"].get<std::uint64_t>()).c_str(),
+                bytes(out["free_after"].get<std::uint64_t>()).c_str());
   }
 }
 

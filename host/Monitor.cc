@@ -73,6 +73,15 @@ std::optional<NetworkRates> networkRates(const Snapshot& before, const Snapshot&
                       rate(before.network->bytesOut, now.network->bytesOut)};
 }
 
+nlohmann::json freeMemory() {
+  auto before = monitor::GetMemoryInfo();
+  if (!before) throw CommandError{kFailure, "cannot read memory counters"};
+  monitor::FreeUpMemory();
+  auto after = monitor::GetMemoryInfo();
+  if (!after) throw CommandError{kFailure, "cannot read memory counters"};
+  return {{"free_before", (*before)->freeSize}, {"free_after", (*after)->freeSize}};
+}
+
 std::optional<nlohmann::json> startupDiskJson() {
   auto info = monitor::DiskInfoReader::shared().readInfo();
   if (!info) return std::nullopt;

@@ -41,6 +41,10 @@ struct NetworkRates {
 };
 std::optional<NetworkRates> networkRates(const Snapshot& before, const Snapshot& now);
 
+// Makes the system reclaim memory: {"free_before", "free_after"}. A `CommandError` when the
+// counters can't be read.
+nlohmann::json freeMemory();
+
 // {"total", "free", "ssd"} of the start-up disk; nothing when it can't be read.
 std::optional<nlohmann::json> startupDiskJson();
 

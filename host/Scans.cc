@@ -234,20 +234,6 @@ void JunkScan::stop() {
 
 namespace {
 
-std::int64_t sum(const std::vector<Core::File>& files) {
-  std::int64_t total = 0;
-  for (const auto& f : files) total += f.size;
-  return total;
-}
-
-std::int64_t sum(const std::vector<JunkScan::Group>& groups) {
-  std::int64_t total = 0;
-  for (const auto& g : groups) {
-    for (const auto& f : g.files) total += f.size;
-  }
-  return total;
-}
-
 nlohmann::json filesJson(const std::vector<Core::File>& files) {
   nlohmann::json out = nlohmann::json::array();
   for (const auto& f : files) out.push_back({{"path", jsonText(f.url)}, {"size", f.size}});
@@ -278,9 +264,23 @@ std::optional<std::string> trashInfoOf(const std::string& item) {
 
 }  // namespace
 
+std::int64_t totalSize(const std::vector<Core::File>& files) {
+  std::int64_t total = 0;
+  for (const auto& f : files) total += f.size;
+  return total;
+}
+
+std::int64_t totalSize(const std::vector<JunkScan::Group>& groups) {
+  std::int64_t total = 0;
+  for (const auto& g : groups) {
+    for (const auto& f : g.files) total += f.size;
+  }
+  return total;
+}
+
 std::int64_t JunkScan::total() const {
-  return sum(caches) + sum(logs) + sum(trash) + sum(diskImages) + sum(apps) + sum(browsers) +
-         sum(orphans);
+  return totalSize(caches) + totalSize(logs) + totalSize(trash) + totalSize(diskImages) +
+         totalSize(apps) + totalSize(browsers) + totalSize(orphans);
 }
 
 void JunkScan::writeJson(const std::function<void(std::string_view)>& write) const {

@@ -98,6 +98,10 @@ class JunkScan final : public ScanJob {
   std::shared_ptr<Delegate> delegate_;
 };
 
+// The bytes of the files, or of every group's files.
+std::int64_t totalSize(const std::vector<Core::File>& files);
+std::int64_t totalSize(const std::vector<JunkScan::Group>& groups);
+
 // The installed applications (with `files`, each one's files found and measured), or with
 // `leftovers` what removed applications left. A scan of applications can't be stopped part way:
 // a stop settles it with nothing.

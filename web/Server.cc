@@ -23,6 +23,7 @@
 #include <unordered_map>
 
 #include "host/Dupes.h"
+#include "host/Helper.h"
 #include "host/Host.h"
 #include "host/Monitor.h"
 #include "host/Scans.h"
@@ -739,6 +740,22 @@ void App::routes(httplib::Server& server) {
                auto disk = onMain([] { return host::startupDiskJson(); });
                if (!disk) throw HttpError(500, "cannot read the start-up disk");
                answer(response, 200, *disk);
+             }));
+  server.Post("/api/monitor/free-memory",
+              wrap([](const httplib::Request& request, httplib::Response& response) {
+                parseBody(request);
+                answer(response, 200, onMain([] { return host::freeMemory(); }));
+              }));
+  server.Get("/api/helper", wrap([](const httplib::Request&, httplib::Response& response) {
+               auto promise = std::make_shared<std::promise<json>>();
+               auto future = promise->get_future();
+               onMain([&] {
+                 host::helperStatus([promise](json out) { promise->set_value(std::move(out)); });
+               });
+               if (future.wait_for(30s) != std::future_status::ready) {
+                 throw HttpError(500, "the helper's status could not be read");
+               }
+               answer(response, 200, future.get());
              }));
   server.Get("/api/home", wrap([this](const httplib::Request&, httplib::Response& response) {
                home(response);

@@ -58,6 +58,19 @@ export async function show(main) {
   const networkChart = h('div', { className: 'chart', id: 'network-chart' });
   const memoryText = h('p', { className: 'muted' });
   const sensors = h('div', { id: 'sensors' });
+  const freed = h('p', { className: 'muted', id: 'freed', role: 'status' });
+  const helper = h('div', { id: 'helper' }, h('p', { className: 'muted' }, 'Asking the helper…'));
+  const freeButton = h('button', { id: 'free-memory', onclick: async () => {
+    freeButton.disabled = true;
+    freed.textContent = 'Freeing memory…';
+    try {
+      const out = await api('POST', '/api/monitor/free-memory', {});
+      freed.textContent = `Free memory ${formatBytes(out.free_before)} before, ${formatBytes(out.free_after)} after.`;
+    } catch (error) {
+      freed.textContent = `Memory could not be freed: ${error.message}`;
+    }
+    freeButton.disabled = false;
+  } }, 'Free memory');
   const processors = h('p', { className: 'muted' });
   main.append(
     h('h1', {}, 'Overview'),
@@ -75,9 +88,18 @@ export async function show(main) {
           h('button', { onclick: () => { location.hash = '#/leftovers?start=1'; } }, 'Leftovers of removed applications'),
           h('button', { onclick: () => { location.hash = '#/startup'; } }, 'What starts by itself'))),
       card('Processors', processors, cpuChart),
-      card('Memory', memoryText, memoryChart),
+      card('Memory', memoryText, memoryChart, h('div', { className: 'row' }, freeButton), freed),
       card('Network', networkChart),
-      card('Sensors', sensors)));
+      card('Sensors', sensors),
+      card('Privileged helper', helper)));
+  api('GET', '/api/helper').then((status) => {
+    helper.replaceChildren(...[
+      h('p', {}, status.installed ? `Installed${status.installed_version ? `, version ${status.installed_version}` : ''}.` : 'Not installed: what your rights refuse stays, and system units can\'t be switched.'),
+      h('p', { className: 'muted' }, status.answers ? 'It answers.' : 'It doesn\'t answer.'),
+      status.installed ? null : h('p', { className: 'muted' }, 'Install it with: ravelin helper install')].filter(Boolean));
+  }).catch((error) => {
+    if (error.status !== 401) helper.replaceChildren(h('p', { className: 'muted' }, `Its status could not be read: ${error.message}`));
+  });
 
   try {
     const [disk, snapshot] = await Promise.all([api('GET', '/api/disk'), api('GET', '/api/monitor')]);

@@ -71,6 +71,9 @@ class BrowserTest(unittest.TestCase):
         self.assertEqual(len(self.driver.find_elements(By.CSS_SELECTOR, "#cpu-chart canvas")), 1)
         legend = self.driver.find_element(By.CSS_SELECTOR, "#disk-bar + .legend").text
         self.assertIn("free of", legend)
+        # The helper's status as `ravelin helper status` reads it: none answers here.
+        self.wait(lambda d: "answer" in d.find_element(By.ID, "helper").text)
+        self.assertIn("doesn't answer", self.driver.find_element(By.ID, "helper").text)
         self.shoot("web-overview.png")
         self.assertEqual(self.console_errors(), [])
 
