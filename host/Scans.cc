@@ -485,4 +485,26 @@ std::vector<std::string> AppFilesScan::reportedPaths() const {
   return out;
 }
 
+DeletionRequest AppFilesScan::deletion(const std::set<std::string>& chosen) const {
+  if (leftovers_) return ScanJob::deletion(chosen);
+  std::vector<std::string> paths;
+  std::vector<std::pair<std::string, std::string>> live;
+  for (const auto& [id, files] : report_.installed) {
+    for (const auto& file : files.files) {
+      if (!chosen.count(file.url)) continue;
+      const std::string kind = kindText(file.kind);
+      if (kind == "cache" || kind == "log") {
+        paths.push_back(file.url);
+      } else {
+        live.emplace_back(file.url,
+                          "the " + kind + " of " + displayText(id) +
+                              ", which is installed: it stays while the application does");
+      }
+    }
+  }
+  DeletionRequest request = plainDeletion(paths);
+  request.leftAlone.insert(request.leftAlone.end(), live.begin(), live.end());
+  return request;
+}
+
 }  // namespace host

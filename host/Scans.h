@@ -116,6 +116,9 @@ class AppFilesScan final : public ScanJob {
   // leftovers: {"leftovers": [{"id", "files": [{"path", "size", "kind"}], "size"}]}.
   void writeJson(const std::function<void(std::string_view)>& write) const override;
   std::vector<std::string> reportedPaths() const override;
+  // Of an installed application only its caches and logs go: its settings and data are live
+  // while it is installed, and are left alone with the reason.
+  DeletionRequest deletion(const std::set<std::string>& chosen) const override;
 
   // `ravelin apps --json` of the applications named in `only` (all when empty); `seen` gets
   // each identifier found.

@@ -5,9 +5,11 @@ import { groupsPage } from './groups.js';
 const page = groupsPage({
   id: 'apps',
   title: 'Applications',
-  intro: 'Every installed application, with the files it keeps (caches, logs, settings, support files) found and measured. Its settings go only when you choose them.',
+  intro: 'Every installed application, with the files it keeps (caches, logs, settings, support files) found and measured. Its caches and logs can go; its settings and data stay while it is installed.',
   kind: 'apps',
   options: { files: true },
+  // Its caches and logs; its settings and data stay while it is installed.
+  deletable: (file) => file.kind === 'cache' || file.kind === 'log',
   empty: 'No installed applications were found.',
   groupsOf: (result) => result.apps
     .map((app) => ({

@@ -2,7 +2,7 @@
 // a removed one left. Each page gives the scan to run and how its result reads as groups.
 import { confirmAndDelete, formatBytes, h, outcomeBox, progressView, runScan, showBanner } from './api.js';
 
-export function groupsPage({ title, intro, kind, options, groupsOf, empty, id }) {
+export function groupsPage({ title, intro, kind, options, groupsOf, empty, id, deletable = () => true }) {
   const state = { scan: null, groups: null, selected: new Set(), outcome: null, running: false, open: new Set() };
   let view = null;
 
@@ -13,15 +13,16 @@ export function groupsPage({ title, intro, kind, options, groupsOf, empty, id })
   }
 
   function groupView(group) {
-    const picked = group.files.filter((f) => state.selected.has(f.path)).length;
-    const box = h('input', { type: 'checkbox', checked: group.files.length > 0 && picked === group.files.length,
-      disabled: group.files.length === 0, 'aria-label': `Delete all of ${group.title}`,
+    const free = group.files.filter(deletable);
+    const picked = free.filter((f) => state.selected.has(f.path)).length;
+    const box = h('input', { type: 'checkbox', checked: free.length > 0 && picked === free.length,
+      disabled: free.length === 0, 'aria-label': `Delete all of ${group.title}`,
       onclick: (e) => e.stopPropagation(),
       onchange: (e) => {
-        for (const f of group.files) { if (e.target.checked) state.selected.add(f.path); else state.selected.delete(f.path); }
+        for (const f of free) { if (e.target.checked) state.selected.add(f.path); else state.selected.delete(f.path); }
         render();
       } });
-    box.indeterminate = picked > 0 && picked < group.files.length;
+    box.indeterminate = picked > 0 && picked < free.length;
     const size = group.files.reduce((sum, f) => sum + f.size, 0);
     return h('details', { className: 'category', 'data-group': group.key, open: state.open.has(group.key),
       ontoggle: (e) => { if (e.target.open) state.open.add(group.key); else state.open.delete(group.key); } },
@@ -32,6 +33,7 @@ export function groupsPage({ title, intro, kind, options, groupsOf, empty, id })
       h('span', { className: 'muted' }, `${group.files.length} ${group.files.length === 1 ? 'file' : 'files'}, ${formatBytes(size)}`)),
     h('div', { className: 'items' }, group.files.length === 0 ? h('p', { className: 'muted' }, 'No files found.') : group.files.map((f) => h('div', { className: 'item' },
       h('input', { type: 'checkbox', checked: state.selected.has(f.path), 'aria-label': `Delete ${f.path}`,
+        disabled: !deletable(f), title: deletable(f) ? undefined : 'Settings and data stay while the application is installed',
         onchange: (e) => { if (e.target.checked) state.selected.add(f.path); else state.selected.delete(f.path); render(); } }),
       h('span', { className: 'badge' }, f.kind),
       h('span', { className: 'path' }, f.path),

@@ -69,6 +69,7 @@ def make_fixture():
           b"[Desktop Entry]\nType=Application\nName=Text Editor\nExec=gnome-text-editor %U\n")
     write(os.path.join(root, "usr/bin/gnome-text-editor"), b"#!/bin/sh\n", mode=0o755)
     write(os.path.join(home, ".cache/gnome-text-editor/state"), b"x" * 5000)
+    write(os.path.join(home, ".config/gnome-text-editor/settings.ini"), b"[editor]\nwrap=true\n")
     # Startup: a login item of the user's.
     write(os.path.join(home, ".config/autostart/sync.desktop"),
           b"[Desktop Entry]\nType=Application\nName=Sync\nExec=/usr/bin/true\n")

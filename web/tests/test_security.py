@@ -144,6 +144,43 @@ class SecurityTest(unittest.TestCase):
                                    {"paths": [os.path.join(self.home, "Documents/old/report.txt")]})
         self.assertEqual(response.status, 400)
 
+    def scan(self, kind, **options):
+        _, data = self.request("POST", "/api/scans", {"kind": kind, **options})
+        scan = json.loads(data)["id"]
+        self.request("GET", f"/api/scans/{scan}/events")
+        return scan, json.loads(self.request("GET", f"/api/scans/{scan}")[1])["result"]
+
+    def delete(self, scan, body):
+        response, data = self.request("POST", f"/api/scans/{scan}/deletions", body)
+        self.assertEqual(response.status, 201, data)
+        deletion = json.loads(data)["id"]
+        self.request("GET", f"/api/deletions/{deletion}/events")
+        return json.loads(self.request("GET", f"/api/deletions/{deletion}")[1])
+
+    def test_an_installed_applications_settings_stay(self):
+        scan, result = self.scan("apps", files=True)
+        files = {f["path"]: f["kind"] for a in result["apps"] for f in a["files"]}
+        settings = os.path.join(self.home, ".config/gnome-text-editor")
+        self.assertIn(settings, files)
+        outcome = self.delete(scan, {"paths": [settings]})
+        self.assertEqual(outcome["deleted"], [])
+        self.assertIn("installed", outcome["failed"][0]["reason"])
+        self.assertTrue(os.path.exists(os.path.join(settings, "settings.ini")))
+
+    def test_kinds_refuse_what_they_cannot_delete(self):
+        junk, _ = self.scan("junk")
+        startup, result = self.scan("startup")
+        large, _ = self.scan("large", min_size=1 << 20)
+        path = result["items"][0]["path"]
+        for name, scan, body in [("a startup item", startup, {"paths": [path]}),
+                                 ("an unknown category", junk, {"categories": ["everything"]}),
+                                 ("a category of another kind", large, {"categories": ["trash"]}),
+                                 ("a path of another scan", large, {"paths": [path]})]:
+            with self.subTest(name):
+                response, data = self.request("POST", f"/api/scans/{scan}/deletions", body)
+                self.assertEqual(response.status, 400, data)
+        self.assertTrue(os.path.exists(path))
+
     def test_pictures_are_served_only_for_reported_files(self):
         scan, body = self.finished_scan()
         beach = os.path.join(self.home, "Pictures/beach.png")
