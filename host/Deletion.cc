@@ -392,7 +392,11 @@ struct DeletionJob::State : std::enable_shared_from_this<DeletionJob::State> {
     deleter->guard = guard;
     std::weak_ptr<State> weak = weak_from_this();
     progress->completed = [weak] {
-      if (auto self = weak.lock()) self->ranOnce();
+      // Carried on in a task of its own: the deleter reports its end from inside its own calls
+      // (at once, from `start`, when it has nothing to do), and is let go of or replaced here.
+      platform::DispatchQueue::main().async([weak] {
+        if (auto self = weak.lock()) self->ranOnce();
+      });
     };
     deleter->start();
   }

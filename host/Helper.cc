@@ -31,21 +31,29 @@ void helperStatus(std::function<void(nlohmann::json)> done) {
       if (!done) return;
       out["answers"] = answers;
       connection->close();
+      connection->errorHandler = nullptr;
       auto block = std::move(done);
       done = nullptr;
       block(out);
     }
   };
   auto ask = std::make_shared<Ask>(Ask{helper::HelperConnection::create(), out, std::move(done)});
-  ask->connection->errorHandler = [ask] {
-    platform::DispatchQueue::main().async([ask] { ask->settle(false); });
+  // The connection keeps its handlers: they hold the question weakly, the time limit strongly.
+  std::weak_ptr<Ask> weak = ask;
+  ask->connection->errorHandler = [weak] {
+    platform::DispatchQueue::main().async([weak] {
+      if (auto ask = weak.lock()) ask->settle(false);
+    });
   };
   if (!ask->connection->connect(false) || !ask->connection->helper) {
     ask->settle(false);
     return;
   }
-  ask->connection->helper->test(
-      [ask] { platform::DispatchQueue::main().async([ask] { ask->settle(true); }); });
+  ask->connection->helper->test([weak] {
+    platform::DispatchQueue::main().async([weak] {
+      if (auto ask = weak.lock()) ask->settle(true);
+    });
+  });
   platform::DispatchQueue::main().asyncAfter(std::chrono::seconds(4),
                                              [ask] { ask->settle(false); });
 }

@@ -5,6 +5,7 @@ import shutil
 import signal
 import struct
 import subprocess
+import sys
 import tempfile
 import time
 import zlib
@@ -93,12 +94,14 @@ class Server:
         self.root, self.home = root, home
         # Below a root, HOME names the home as the root holds it.
         env = dict(os.environ, HOME="/" + os.path.relpath(home, root))
+        # What the server says goes to a file, shown when it ends badly (a sanitizer's report).
+        self.log = tempfile.TemporaryFile(mode="w+")
         self.process = subprocess.Popen([BINARY, "--root", root, "serve"], stdout=subprocess.PIPE,
-                                        stderr=subprocess.PIPE, env=env, text=True)
+                                        stderr=self.log, env=env, text=True)
         self.address = self.process.stdout.readline().strip()
         if not self.address.startswith("http://127.0.0.1:"):
             self.process.kill()
-            raise RuntimeError("ravelin serve printed no address: " + self.process.stderr.read())
+            raise RuntimeError("ravelin serve printed no address: " + self.said())
         self.origin, _, self.token = self.address.partition("/?token=")
         self.port = int(self.origin.rsplit(":", 1)[1])
 
@@ -114,10 +117,17 @@ class Server:
         if self.process.poll() is None:
             self.process.send_signal(signal.SIGTERM)
         try:
-            return self.process.wait(timeout=60)
+            status = self.process.wait(timeout=60)
+            if status != 0:
+                sys.stderr.write(f"ravelin serve ended with {status}:\n{self.said()}\n")
+            return status
         finally:
             self.process.stdout.close()
-            self.process.stderr.close()
+            self.log.close()
+
+    def said(self):
+        self.log.seek(0)
+        return self.log.read()[-20000:]
 
 
 def remove_fixture(root):
