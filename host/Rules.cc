@@ -111,8 +111,10 @@ nlohmann::json RulesReport::json() const {
     auto nodesOf = [](const std::vector<Served>& list) {
       nlohmann::json out = nlohmann::json::array();
       for (const auto& s : list) {
-        out.push_back(
-            {{"node", s.id}, {"path", jsonText(s.path)}, {"priority", s.priority}, {"kind", s.kind}});
+        out.push_back({{"node", s.id},
+                       {"path", jsonText(s.path)},
+                       {"priority", s.priority},
+                       {"kind", s.kind}});
       }
       return out;
     };

@@ -26,11 +26,13 @@
 #include "host/Helper.h"
 #include "host/Host.h"
 #include "host/Monitor.h"
+#include "host/Rules.h"
 #include "host/Scans.h"
 #include "host/Startup.h"
 #include "platform/Dispatch.h"
 #include "platform/Files.h"
 #include "platform/Locations.h"
+#include "resources/Resources.h"
 #include "web/Assets.h"
 #include "web/Security.h"
 
@@ -757,6 +759,32 @@ void App::routes(httplib::Server& server) {
                }
                answer(response, 200, future.get());
              }));
+  // The rule document built in, or one sent to be checked; with "for", what serves an identifier.
+  server.Get("/api/rules", wrap([](const httplib::Request& request, httplib::Response& response) {
+               const std::string id = request.get_param_value("for");
+               auto report = onMain([&] {
+                 return host::readRules(std::string(resources::ruleDocument()), "rule.yaml", id);
+               });
+               answer(response, 200, report.json());
+             }));
+  server.Post(
+      "/api/rules/check", wrap([](const httplib::Request& request, httplib::Response& response) {
+        json body = parseBody(request);
+        if (!body.contains("document") || !body.at("document").is_string()) {
+          throw HttpError(400, "\"document\" holds no rule document");
+        }
+        if (body.contains("for") && !body.at("for").is_string()) {
+          throw HttpError(400, "\"for\" is not an identifier");
+        }
+        const std::string document = body.at("document").get<std::string>();
+        const std::string id = body.value("for", "");
+        try {
+          auto report = onMain([&] { return host::readRules(document, "the document", id); });
+          answer(response, 200, report.json());
+        } catch (const host::CommandError& error) {
+          throw HttpError(400, error.message);
+        }
+      }));
   server.Get("/api/home", wrap([this](const httplib::Request&, httplib::Response& response) {
                home(response);
              }));

@@ -1,5 +1,5 @@
 // The pages and the address bar: "#/overview", "#/space", "#/dupes", "#/junk", "#/apps",
-// "#/leftovers", "#/startup". Each page module gives `show(main)`
+// "#/leftovers", "#/startup", "#/rules". Each page module gives `show(main)`
 // and may give `leave()` to close its streams.
 import * as overview from './overview.js';
 import * as dupes from './dupes.js';
@@ -8,9 +8,10 @@ import * as junk from './junk.js';
 import * as apps from './apps.js';
 import * as leftovers from './leftovers.js';
 import * as startup from './startup.js';
+import * as rules from './rules.js';
 import { showBanner } from './api.js';
 
-const pages = { overview, space, dupes, junk, apps, leftovers, startup };
+const pages = { overview, space, dupes, junk, apps, leftovers, startup, rules };
 let current = null;
 
 function route() {

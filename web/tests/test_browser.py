@@ -212,6 +212,17 @@ class BrowserTest(unittest.TestCase):
         self.shoot("web-apps.png")
         self.assertEqual(self.console_errors(), [])
 
+    def test_the_rules_page_shows_where_an_identifier_is_served(self):
+        self.driver.get(f"{self.server.origin}/#/rules")
+        self.wait(seen.presence_of_element_located((By.ID, "rules-result")))
+        self.driver.find_element(By.ID, "rules-for").send_keys("org.videolan.vlc")
+        self.driver.find_element(By.ID, "show-rules").click()
+        result = self.wait(lambda d: "What serves org.videolan.vlc" in d.find_element(By.ID, "rules-result").text
+                           and d.find_element(By.ID, "rules-result"))
+        self.assertIn(os.path.join(self.home, ".cache"), result.text)
+        self.shoot("web-rules.png")
+        self.assertEqual(self.console_errors(), [])
+
     def files(self):
         return {os.path.join(d, f) for d, _, names in os.walk(self.home) for f in names}
 

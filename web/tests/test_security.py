@@ -4,10 +4,11 @@ import http.client
 import json
 import os
 import socket
+import subprocess
 import time
 import unittest
 
-from server import Server, make_fixture, remove_fixture
+from server import BINARY, Server, make_fixture, remove_fixture
 
 
 class SecurityTest(unittest.TestCase):
@@ -180,6 +181,29 @@ class SecurityTest(unittest.TestCase):
                 response, data = self.request("POST", f"/api/scans/{scan}/deletions", body)
                 self.assertEqual(response.status, 400, data)
         self.assertTrue(os.path.exists(path))
+
+    def test_rules_answer_as_the_command_line_and_a_broken_document_is_a_bad_request(self):
+        response, data = self.request("GET", "/api/rules?for=org.videolan.vlc")
+        cli = subprocess.run([BINARY, "--root", self.root, "rules", "--for", "org.videolan.vlc", "--json"],
+                             capture_output=True, text=True, check=True,
+                             env=dict(os.environ, HOME="/" + os.path.relpath(self.home, self.root)))
+        # Node numbers count every compile of the process; all else is the command line's.
+        def unnumbered(report):
+            for key in ("nodes", "junk"):
+                for node in report["for"][key]:
+                    node.pop("node")
+            return report
+
+        self.assertEqual(response.status, 200)
+        self.assertEqual(unnumbered(json.loads(data)), unnumbered(json.loads(cli.stdout)))
+        for name, document, status in [("not YAML", "rules: [unclosed", 400),
+                                       ("not a rule document", "- 1\n- 2\n", 400),
+                                       ("no document", None, 400)]:
+            with self.subTest(name):
+                body = {"for": "vlc"} if document is None else {"document": document}
+                response, data = self.request("POST", "/api/rules/check", body)
+                self.assertEqual(response.status, status, data)
+                self.assertIn("error", json.loads(data))
 
     def test_pictures_are_served_only_for_reported_files(self):
         scan, body = self.finished_scan()
