@@ -90,13 +90,13 @@ def write(path, data, age=0, mode=0o644):
 class Server:
     """`ravelin --root ROOT serve`, started and read up to its address."""
 
-    def __init__(self, root, home):
+    def __init__(self, root, home, arguments=(), env=None):
         self.root, self.home = root, home
         # Below a root, HOME names the home as the root holds it.
-        env = dict(os.environ, HOME="/" + os.path.relpath(home, root))
+        env = dict(env or os.environ, HOME="/" + os.path.relpath(home, root))
         # What the server says goes to a file, shown when it ends badly (a sanitizer's report).
         self.log = tempfile.TemporaryFile(mode="w+")
-        self.process = subprocess.Popen([BINARY, "--root", root, "serve"], stdout=subprocess.PIPE,
+        self.process = subprocess.Popen([BINARY, "--root", root, "serve", *arguments], stdout=subprocess.PIPE,
                                         stderr=self.log, env=env, text=True)
         self.address = self.process.stdout.readline().strip()
         if not self.address.startswith("http://127.0.0.1:"):

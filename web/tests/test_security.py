@@ -255,6 +255,25 @@ class SecurityTest(unittest.TestCase):
 
 
 class ShutdownTest(unittest.TestCase):
+    def test_open_hands_the_address_to_the_desktop(self):
+        root, home = make_fixture()
+        self.addCleanup(remove_fixture, root)
+        tools = os.path.join(root, "tools")
+        os.makedirs(tools)
+        opened = os.path.join(root, "opened")
+        with open(os.path.join(tools, "xdg-open"), "w") as script:
+            script.write(f'#!/bin/sh\nprintf "%s" "$1" > "{opened}.part" && mv "{opened}.part" "{opened}"\n')
+        os.chmod(os.path.join(tools, "xdg-open"), 0o755)
+        env = dict(os.environ, PATH=tools + ":" + os.environ["PATH"], DISPLAY=":0")
+        server = Server(root, home, ["--open"], env)
+        self.addCleanup(server.stop)
+        # The address reaches the desktop's opener whole, token included; waited for by its file.
+        deadline = time.monotonic() + 60
+        while not os.path.exists(opened) and time.monotonic() < deadline:
+            time.sleep(0.05)
+        with open(opened) as given:
+            self.assertEqual(given.read(), server.address)
+
     def test_sigterm_during_a_scan_stops_it_and_ends_cleanly(self):
         root, home = make_fixture()
         self.addCleanup(remove_fixture, root)
