@@ -69,38 +69,61 @@ void addDeleteCommand(CLI::App& app) {
       "asked for is gone, 1 otherwise, 2 for bad arguments (and when asked to delete without a\n"
       "terminal and without --yes).");
   command->callback([=] {
-    std::vector<std::string> given = *paths;
-    if (!from->empty()) {
-      for (const auto& line : entriesOf(readList(*from), '\n')) {
-        auto bytes = unescapeText(line);
-        if (bytes && bytes->find('\0') != std::string::npos) {
-          throw CommandError{
-              kUsage, fmt::format("--from: a path holding a NUL byte: {}", displayText(line))};
-        }
-        if (!bytes) {
-          throw CommandError{kUsage, fmt::format("--from: not a path as ravelin writes them: {}",
-                                                 displayText(line))};
-        }
-        given.push_back(std::move(*bytes));
-      }
-    }
-    if (!from0->empty()) {
-      for (auto& entry : entriesOf(readList(*from0), '\0')) given.push_back(std::move(entry));
-    }
-    if (given.empty())
-      throw CommandError{kUsage, "nothing to delete: give PATH, --from or --from0"};
-
+    // The list read, and what made it, go before the deletion starts.
     DeletionRequest request;
-    std::set<std::string> seen;
-    for (const auto& path : given) {
-      if (path.empty()) throw CommandError{kUsage, "an empty path"};
-      std::string absolute = absolutePath(path);
-      if (auto refused = hostRefusal(absolute, *system)) {
-        throw CommandError{kUsage, fmt::format("{}: refused: {}", displayText(absolute), *refused)};
+    {
+      std::vector<std::string> given = *paths;
+      if (!from->empty()) {
+        for (const auto& line : entriesOf(readList(*from), '\n')) {
+          auto bytes = unescapeText(line);
+          if (bytes && bytes->find('\0') != std::string::npos) {
+            throw CommandError{
+                kUsage, fmt::format("--from: a path holding a NUL byte: {}", displayText(line))};
+          }
+          if (!bytes) {
+            throw CommandError{kUsage, fmt::format("--from: not a path as ravelin writes them: {}",
+                                                   displayText(line))};
+          }
+          given.push_back(std::move(*bytes));
+        }
       }
-      if (seen.insert(absolute).second) request.paths.push_back(absolute);
+      if (!from0->empty()) {
+        for (auto& entry : entriesOf(readList(*from0), '\0')) given.push_back(std::move(entry));
+      }
+      if (given.empty())
+        throw CommandError{kUsage, "nothing to delete: give PATH, --from or --from0"};
+
+      request.paths.reserve(given.size());
+      for (auto& path : given) {
+        if (path.empty()) throw CommandError{kUsage, "an empty path"};
+        std::string absolute = absolutePath(path);
+        if (auto refused = hostRefusal(absolute, *system)) {
+          throw CommandError{kUsage,
+                             fmt::format("{}: refused: {}", displayText(absolute), *refused)};
+        }
+        request.paths.push_back(std::move(absolute));
+        std::string().swap(path);
+      }
     }
-    confirmAndDelete(request, *yes, *dryRun, *json);
+    // Each path once, in the order first given: the order sorted by index, without copies.
+    std::vector<std::uint32_t> order(request.paths.size());
+    for (std::uint32_t i = 0; i < order.size(); ++i) order[i] = i;
+    std::stable_sort(order.begin(), order.end(), [&](std::uint32_t a, std::uint32_t b) {
+      return request.paths[a] < request.paths[b];
+    });
+    std::vector<bool> again(order.size(), false);
+    for (std::size_t i = 1; i < order.size(); ++i) {
+      if (request.paths[order[i]] == request.paths[order[i - 1]]) again[order[i]] = true;
+    }
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < request.paths.size(); ++i) {
+      if (again[i]) continue;
+      if (kept != i) request.paths[kept] = std::move(request.paths[i]);
+      ++kept;
+    }
+    request.paths.resize(kept);
+    std::vector<std::uint32_t>().swap(order);
+    confirmAndDelete(std::move(request), *yes, *dryRun, *json);
   });
 }
 

@@ -75,8 +75,9 @@ void runWithProgress(DeletionJob& job) {
 
 }  // namespace
 
-void confirmAndDelete(const DeletionRequest& request, bool yes, bool dryRun, bool json) {
-  DeletionJob job(request);
+void confirmAndDelete(DeletionRequest given, bool yes, bool dryRun, bool json) {
+  DeletionJob job(std::move(given));
+  const DeletionRequest& request = job.request();
   const auto& sizes = job.sizes();
 
   // The plan, on standard error when the report itself is JSON, written in large pieces
@@ -133,7 +134,9 @@ void confirmAndDelete(const DeletionRequest& request, bool yes, bool dryRun, boo
   runWithProgress(job);
   const auto& outcome = job.outcome();
   if (json) {
-    std::puts(outcomeJson(outcome).dump().c_str());
+    writeOutcomeJson(outcome, [](std::string_view piece) {
+      std::fwrite(piece.data(), 1, piece.size(), stdout);
+    });
   } else {
     for (const auto& [path, reason] : outcome.failed) {
       std::printf("not deleted %s (%s)\n", displayText(path).c_str(), reason.c_str());

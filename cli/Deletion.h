@@ -13,6 +13,6 @@ using namespace host;
 // stops after the plan. Returns normally when everything asked for is gone; otherwise ends with
 // a `CommandError` (exit 1) after the report. Without a terminal and without `yes`, nothing is
 // deleted and the answer is a usage error (exit 2).
-void confirmAndDelete(const DeletionRequest& request, bool yes, bool dryRun, bool json);
+void confirmAndDelete(DeletionRequest request, bool yes, bool dryRun, bool json);
 
 }  // namespace cli

@@ -457,10 +457,13 @@ TEST(RavelinTest, DeleteTakesListsOfAnyBytes) {
   EXPECT_FALSE(std::filesystem::exists(odd));
   EXPECT_FALSE(std::filesystem::exists(newline));
   EXPECT_TRUE(std::filesystem::exists(kept));
-  tmp.write("list0", kept + std::string(1, '\0'));
-  Outcome fromNul = run({"delete", "--yes", "--from0", tmp / "list0"});
+  // A path given twice is deleted and reported once.
+  tmp.write("list0", kept + std::string(1, '\0') + kept + std::string(1, '\0'));
+  Outcome fromNul = run({"delete", "--yes", "--json", "--from0", tmp / "list0"});
   ASSERT_EQ(fromNul.status, 0) << fromNul.err;
   EXPECT_FALSE(std::filesystem::exists(kept));
+  EXPECT_EQ(nlohmann::json::parse(fromNul.out)["deleted"],
+            nlohmann::json::array({utf8Safe(kept)}));
   // A bad escape, and a NUL: "DIR/sub/..<NUL>/x" would reach DIR itself where the system reads it.
   tmp.write("sub/victim", "stays");
   for (const std::string& line :

@@ -564,6 +564,32 @@ double DeletionJob::progress() const { return state_->progress->progress; }
 const std::string& DeletionJob::current() const { return state_->progress->current; }
 const DeletionJob::Outcome& DeletionJob::outcome() const { return state_->outcome; }
 
+void writeOutcomeJson(const DeletionJob::Outcome& outcome,
+                      const std::function<void(std::string_view)>& write) {
+  std::string out = "{\"bytes\":" + std::to_string(outcome.bytes) + ",\"deleted\":[";
+  auto flush = [&] {
+    if (out.size() > (1 << 16)) {
+      write(out);
+      out.clear();
+    }
+  };
+  for (std::size_t i = 0; i < outcome.deleted.size(); ++i) {
+    if (i > 0) out += ",";
+    out += jsonText(outcome.deleted[i]).dump();
+    flush();
+  }
+  out += "],\"failed\":[";
+  for (std::size_t i = 0; i < outcome.failed.size(); ++i) {
+    if (i > 0) out += ",";
+    out += nlohmann::json{{"path", jsonText(outcome.failed[i].first)},
+                          {"reason", outcome.failed[i].second}}
+               .dump();
+    flush();
+  }
+  out += std::string("],\"stopped\":") + (outcome.stopped ? "true" : "false") + "}\n";
+  write(out);
+}
+
 nlohmann::json outcomeJson(const DeletionJob::Outcome& outcome) {
   nlohmann::json out{{"deleted", nlohmann::json::array()},
                      {"failed", nlohmann::json::array()},

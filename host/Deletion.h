@@ -107,5 +107,9 @@ class DeletionJob {
 
 // {"deleted": [...], "failed": [{"path", "reason"}], "bytes": N, "stopped": BOOL}
 nlohmann::json outcomeJson(const DeletionJob::Outcome& outcome);
+// The same document handed to `write` in pieces of about 64 KB, with a newline: a list of a
+// million paths isn't held twice.
+void writeOutcomeJson(const DeletionJob::Outcome& outcome,
+                      const std::function<void(std::string_view)>& write);
 
 }  // namespace host
