@@ -149,6 +149,7 @@ std::optional<DesktopAppBundle> DesktopAppBundle::make(const std::string& url,
     gchar* name = g_key_file_get_string(file, "Desktop Entry", "Name", nullptr);
     gchar* exec = g_key_file_get_string(file, "Desktop Entry", "Exec", nullptr);
     gchar* windowClass = g_key_file_get_string(file, "Desktop Entry", "StartupWMClass", nullptr);
+    gchar* icon = g_key_file_get_string(file, "Desktop Entry", "Icon", nullptr);
     if (type != nullptr && std::string(type) == "Application" && name != nullptr && *name) {
       DesktopAppBundle bundle;
       bundle.url = url;
@@ -168,8 +169,10 @@ std::optional<DesktopAppBundle> DesktopAppBundle::make(const std::string& url,
                     CaseInsensitiveString(windowClass)) == bundle.bundleNames.end()) {
         bundle.bundleNames.emplace_back(std::string(windowClass));
       }
+      if (icon != nullptr) bundle.icon = icon;
       result = std::move(bundle);
     }
+    g_free(icon);
     g_free(windowClass);
     g_free(type);
     g_free(name);

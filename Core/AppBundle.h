@@ -24,6 +24,7 @@ class AppBundle {
   CaseInsensitiveString bundleID;
   std::vector<CaseInsensitiveString> bundleIDs;
   std::vector<CaseInsensitiveString> bundleNames;
+  std::string icon;  // a desktop entry's Icon: a theme's icon name, or a path
 };
 
 struct BundleIdentity {

@@ -21,7 +21,8 @@ void addAppsCommand(CLI::App& app) {
   auto wanted = std::make_shared<std::vector<std::string>>();
   command->add_flag(
       "--json", *json,
-      "Print {\"apps\": [{\"id\", \"names\", \"url\", \"organization\", \"nested\"}]}; with "
+      "Print {\"apps\": [{\"id\", \"names\", \"url\", \"organization\", \"nested\", \"icon\"}]}; "
+      "with "
       "--files each also has \"files\": [{\"path\", \"size\", \"kind\", \"owner\"}], \"size\" "
       "(of the files) and \"appSize\" (of the application itself)");
   command->add_flag("--files", *files,

@@ -462,8 +462,7 @@ TEST(RavelinTest, DeleteTakesListsOfAnyBytes) {
   Outcome fromNul = run({"delete", "--yes", "--json", "--from0", tmp / "list0"});
   ASSERT_EQ(fromNul.status, 0) << fromNul.err;
   EXPECT_FALSE(std::filesystem::exists(kept));
-  EXPECT_EQ(nlohmann::json::parse(fromNul.out)["deleted"],
-            nlohmann::json::array({utf8Safe(kept)}));
+  EXPECT_EQ(nlohmann::json::parse(fromNul.out)["deleted"], nlohmann::json::array({utf8Safe(kept)}));
   // A bad escape, and a NUL: "DIR/sub/..<NUL>/x" would reach DIR itself where the system reads it.
   tmp.write("sub/victim", "stays");
   for (const std::string& line :

@@ -11,6 +11,8 @@
 #include "Core/RuleManager.h"
 #include "host/Host.h"
 #include "platform/Dispatch.h"
+#include "platform/Files.h"
+#include "platform/Locations.h"
 
 namespace host {
 
@@ -35,6 +37,7 @@ std::vector<AppEntry> installedApps(const AppFilesReport& report,
         if (own.url == bundle->url) entry.appSize = own.size;
       }
     }
+    entry.icon = iconFile(bundle->icon);
     bundle->loadNestedBundles();
     for (const auto& n : bundle->bundleNames) entry.names.push_back(n.origin());
     for (const auto& n : bundle->bundleIDs) entry.nested.push_back(n.origin());
@@ -46,6 +49,38 @@ std::vector<AppEntry> installedApps(const AppFilesReport& report,
     out.push_back(std::move(entry));
   }
   return out;
+}
+
+std::string iconFile(const std::string& icon) {
+  if (icon.empty() || icon.find('\0') != std::string::npos) return "";
+  auto usable = [](const std::string& path) {
+    return (path.ends_with(".png") || path.ends_with(".svg")) &&
+           platform::fileStatus(path, platform::Follow::no).ok() &&
+           platform::fileStatus(path, platform::Follow::no)->type == platform::FileType::regular;
+  };
+  const auto& locations = platform::currentLocations();
+  if (icon.front() == '/') {
+    std::string path = locations.root.empty() || locations.root == "/"
+                           ? icon
+                           : platform::underRootPath(locations.root, icon);
+    return usable(path) ? path : "";
+  }
+  if (icon.find('/') != std::string::npos) return "";
+  static const char* kSizes[] = {"48x48", "64x64", "128x128", "256x256", "32x32", "scalable"};
+  for (const auto& applications : locations.applications) {
+    const std::string share = platform::deletingLastPathComponent(applications);
+    for (const char* size : kSizes) {
+      for (const char* suffix : {".png", ".svg"}) {
+        std::string path = share + "/icons/hicolor/" + size + "/apps/" + icon + suffix;
+        if (usable(path)) return path;
+      }
+    }
+    for (const char* suffix : {".png", ".svg"}) {
+      std::string path = share + "/pixmaps/" + icon + suffix;
+      if (usable(path)) return path;
+    }
+  }
+  return "";
 }
 
 std::string kindText(const Core::AppFile::Kind& kind) { return Core::AppFile::textOfKind(kind); }

@@ -34,12 +34,18 @@ struct AppEntry {
   std::optional<std::string> organization;  // the rules', else the label after the public suffix
   const AppFiles* files = nullptr;          // when its files were looked for and found
   std::int64_t appSize = 0;                 // of the application itself
+  std::string icon;                         // its icon's file (PNG or SVG), when one is found
 };
 
 // Every installed application, or those named in `only`, in the order the system lists them.
 // Ends with a `CommandError` when the rules or the public suffix list can't be loaded.
 std::vector<AppEntry> installedApps(const AppFilesReport& report,
                                     const std::set<Core::CaseInsensitiveString>& only);
+
+// The file of the icon a desktop entry names (`Icon=`): a path as it is, else NAME.png or
+// NAME.svg in the hicolor theme (the larger sizes first) or pixmaps beside each applications
+// folder, so that below a root only the root's icons are found. Empty when none is.
+std::string iconFile(const std::string& icon);
 
 // "cache", "log", ... as the rules name the kind.
 std::string kindText(const Core::AppFile::Kind& kind);

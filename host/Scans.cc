@@ -446,7 +446,9 @@ nlohmann::json AppFilesScan::appsJson(const std::set<Core::CaseInsensitiveString
                     {"url", jsonText(app.url)},
                     {"organization", app.organization ? nlohmann::json(jsonText(*app.organization))
                                                       : nlohmann::json(nullptr)},
-                    {"nested", nested}});
+                    {"nested", nested},
+                    {"icon", app.icon.empty() ? nlohmann::json(nullptr)
+                                              : nlohmann::json(jsonText(app.icon))}});
     if (files_) {
       nlohmann::json list = nlohmann::json::array();
       if (app.files) {

@@ -90,6 +90,7 @@ struct Scan {
   host::DupesScan* dupes = nullptr;  // the job, when it is a duplicate search
   // Each member the scan reported, by the text its path has in the result; what a page may name.
   std::unordered_map<std::string, std::string> reported;
+  std::unordered_map<std::string, std::string> icons;  // of an applications scan: id, its icon
   bool deleting = false;
 };
 
@@ -225,6 +226,8 @@ class App {
   void showDeletion(const std::string& id, httplib::Response& response);
   void picture(const std::string& scanId, const httplib::Request& request,
                httplib::Response& response);
+  void icon(const std::string& scanId, const httplib::Request& request,
+            httplib::Response& response);
   void home(httplib::Response& response);
   void switchStartup(const httplib::Request& request, httplib::Response& response);
   void monitorStream(httplib::Response& response);
@@ -419,6 +422,18 @@ void App::finishScan(const std::shared_ptr<Scan>& scan) {
     std::string key = host::utf8Safe(path);
     scan->reported.emplace(std::move(key), std::move(path));
   }
+  if (scan->kind == "apps") {
+    // Each application's icon as its report names it: what the icon request may serve.
+    json result = json::parse(*text, nullptr, false);
+    if (result.is_object() && result.contains("apps")) {
+      for (const auto& app : result.at("apps")) {
+        if (!app.contains("icon") || !app.at("icon").is_string()) continue;
+        if (auto path = host::unescapeText(app.at("icon").get<std::string>())) {
+          scan->icons.emplace(app.at("id").get<std::string>(), *path);
+        }
+      }
+    }
+  }
   scan->live.settle(scan->job->stopped() ? "stopped" : "finished", std::move(text));
 }
 
@@ -536,6 +551,52 @@ void App::showDeletion(const std::string& id, httplib::Response& response) {
   if (found->live.result) out.update(json::parse(*found->live.result));
   lock.unlock();
   answer(response, 200, out);
+}
+
+namespace {
+
+// The bytes of a regular file of at most `limit` bytes, opened without following a link.
+std::optional<std::string> readSmallFile(const std::string& path, std::int64_t limit) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  struct stat status;
+  std::optional<std::string> bytes;
+  if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_size <= limit) {
+    bytes.emplace(static_cast<std::size_t>(status.st_size), '\0');
+    std::size_t got = 0;
+    while (got < bytes->size()) {
+      ssize_t n = ::read(fd, bytes->data() + got, bytes->size() - got);
+      if (n <= 0) break;
+      got += static_cast<std::size_t>(n);
+    }
+    bytes->resize(got);
+  }
+  ::close(fd);
+  return bytes;
+}
+
+}  // namespace
+
+// An application's icon, as its applications scan reported it: PNG by its first bytes, or SVG
+// (an image is never run as a page: the policy of every response holds for it too).
+void App::icon(const std::string& scanId, const httplib::Request& request,
+               httplib::Response& response) {
+  std::string id = request.get_param_value("app");
+  std::string path = onMain([&] {
+    auto found = scan(scanId);
+    auto icon = found->icons.find(id);
+    if (icon == found->icons.end()) throw HttpError(404, "no icon reported for this application");
+    return icon->second;
+  });
+  auto bytes = readSmallFile(path, 1 << 20);
+  if (!bytes) throw HttpError(404, "gone");
+  std::string_view head = std::string_view(*bytes).substr(0, 256);
+  const char* type = head.starts_with("\x89PNG\r\n\x1a\n")         ? "image/png"
+                     : head.find("<svg") != std::string_view::npos ? "image/svg+xml"
+                                                                   : nullptr;
+  if (!type) throw HttpError(415, "not a PNG or SVG icon");
+  response.set_header("Cache-Control", "private, max-age=300");
+  response.set_content(std::move(*bytes), type);
 }
 
 // A picture the scan reported, for its thumbnail: opened without following a link, a regular
@@ -812,6 +873,10 @@ void App::routes(httplib::Server& server) {
   server.Get(R"(/api/scans/(\d+)/picture)",
              wrap([this](const httplib::Request& request, httplib::Response& response) {
                picture(request.matches[1], request, response);
+             }));
+  server.Get(R"(/api/scans/(\d+)/icon)",
+             wrap([this](const httplib::Request& request, httplib::Response& response) {
+               icon(request.matches[1], request, response);
              }));
   server.Post(R"(/api/scans/(\d+)/deletions)",
               wrap([this](const httplib::Request& request, httplib::Response& response) {

@@ -14,6 +14,7 @@ const page = groupsPage({
   groupsOf: (result) => result.apps
     .map((app) => ({
       key: app.id,
+      icon: Boolean(app.icon),
       title: app.names[0] || app.id,
       subtitle: `${app.id}${app.organization ? ` by ${app.organization}` : ''}; the application itself ${formatBytes(app.appSize)}`,
       files: [...app.files].sort((a, b) => (a.kind === b.kind ? b.size - a.size : a.kind < b.kind ? -1 : 1)),

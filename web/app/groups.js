@@ -27,7 +27,9 @@ export function groupsPage({ title, intro, kind, options, groupsOf, empty, id, d
     return h('details', { className: 'category', 'data-group': group.key, open: state.open.has(group.key),
       ontoggle: (e) => { if (e.target.open) state.open.add(group.key); else state.open.delete(group.key); } },
     h('summary', {}, box,
-      h('span', { className: 'app-icon', 'aria-hidden': 'true' }, (group.title || '?').slice(0, 1).toUpperCase()),
+      group.icon
+        ? h('img', { className: 'app-icon', alt: '', width: 32, height: 32, src: `/api/scans/${state.scan}/icon?app=${encodeURIComponent(group.key)}` })
+        : h('span', { className: 'app-icon', 'aria-hidden': 'true' }, (group.title || '?').slice(0, 1).toUpperCase()),
       h('strong', {}, group.title),
       group.subtitle ? h('span', { className: 'muted' }, group.subtitle) : null,
       h('span', { className: 'muted' }, `${group.files.length} ${group.files.length === 1 ? 'file' : 'files'}, ${formatBytes(size)}`)),

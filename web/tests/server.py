@@ -67,7 +67,9 @@ def make_fixture():
     write(os.path.join(home, ".cache/vlc/art.jpg"), os.urandom(3000))
     # An installed application with a cache of its own.
     write(os.path.join(root, "usr/share/applications/org.gnome.TextEditor.desktop"),
-          b"[Desktop Entry]\nType=Application\nName=Text Editor\nExec=gnome-text-editor %U\n")
+          b"[Desktop Entry]\nType=Application\nName=Text Editor\nExec=gnome-text-editor %U\n"
+          b"Icon=org.gnome.TextEditor\n")
+    write(os.path.join(root, "usr/share/icons/hicolor/48x48/apps/org.gnome.TextEditor.png"), png(3))
     write(os.path.join(root, "usr/bin/gnome-text-editor"), b"#!/bin/sh\n", mode=0o755)
     write(os.path.join(home, ".cache/gnome-text-editor/state"), b"x" * 5000)
     write(os.path.join(home, ".config/gnome-text-editor/settings.ini"), b"[editor]\nwrap=true\n")

@@ -208,6 +208,9 @@ class BrowserTest(unittest.TestCase):
         group = self.wait(seen.presence_of_element_located((By.CSS_SELECTOR, "details[data-group='org.gnome.TextEditor']")))
         group.find_element(By.TAG_NAME, "summary").click()
         self.assertIn("Text Editor", group.text)
+        # Its icon, found in the root's hicolor theme and decoded by the browser.
+        self.wait(lambda d: d.execute_script(
+            "const i = document.querySelector('img.app-icon'); return i && i.complete && i.naturalWidth > 0"))
         self.assertIn(os.path.join(self.home, ".cache/gnome-text-editor"), group.text)
         self.shoot("web-apps.png")
         self.assertEqual(self.console_errors(), [])

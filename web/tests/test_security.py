@@ -161,6 +161,11 @@ class SecurityTest(unittest.TestCase):
     def test_an_installed_applications_settings_stay(self):
         scan, result = self.scan("apps", files=True)
         files = {f["path"]: f["kind"] for a in result["apps"] for f in a["files"]}
+        self.assertEqual(result["apps"][0]["icon"],
+                         os.path.join(self.root, "usr/share/icons/hicolor/48x48/apps/org.gnome.TextEditor.png"))
+        for app, status in [("org.gnome.TextEditor", 200), ("org.videolan.vlc", 404), ("", 404)]:
+            response, _ = self.request("GET", f"/api/scans/{scan}/icon?app={app}")
+            self.assertEqual(response.status, status, app)
         settings = os.path.join(self.home, ".config/gnome-text-editor")
         self.assertIn(settings, files)
         outcome = self.delete(scan, {"paths": [settings]})
