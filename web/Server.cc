@@ -555,21 +555,22 @@ void App::showDeletion(const std::string& id, httplib::Response& response) {
 
 namespace {
 
-// The bytes of a regular file of at most `limit` bytes, opened without following a link.
+// The bytes of a regular file of at most `limit` bytes, opened without following a link: nothing
+// when it can't be opened, no bytes when it is another kind of file or larger.
 std::optional<std::string> readSmallFile(const std::string& path, std::int64_t limit) {
   int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) return std::nullopt;
   struct stat status;
-  std::optional<std::string> bytes;
+  std::string bytes;
   if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_size <= limit) {
-    bytes.emplace(static_cast<std::size_t>(status.st_size), '\0');
+    bytes.resize(static_cast<std::size_t>(status.st_size));
     std::size_t got = 0;
-    while (got < bytes->size()) {
-      ssize_t n = ::read(fd, bytes->data() + got, bytes->size() - got);
+    while (got < bytes.size()) {
+      ssize_t n = ::read(fd, bytes.data() + got, bytes.size() - got);
       if (n <= 0) break;
       got += static_cast<std::size_t>(n);
     }
-    bytes->resize(got);
+    bytes.resize(got);
   }
   ::close(fd);
   return bytes;
@@ -589,7 +590,7 @@ void App::icon(const std::string& scanId, const httplib::Request& request,
     return icon->second;
   });
   auto bytes = readSmallFile(path, 1 << 20);
-  if (!bytes) throw HttpError(404, "gone");
+  if (!bytes || bytes->empty()) throw HttpError(404, "gone");
   std::string_view head = std::string_view(*bytes).substr(0, 256);
   const char* type = head.starts_with("\x89PNG\r\n\x1a\n")         ? "image/png"
                      : head.find("<svg") != std::string_view::npos ? "image/svg+xml"
@@ -610,21 +611,9 @@ void App::picture(const std::string& scanId, const httplib::Request& request,
     if (member == found->reported.end()) throw HttpError(404, "not reported by this scan");
     return member->second;
   });
-  int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) throw HttpError(404, "gone");
-  struct stat status;
-  std::string bytes;
-  if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_size <= kMaxPicture) {
-    bytes.resize(static_cast<std::size_t>(status.st_size));
-    std::size_t got = 0;
-    while (got < bytes.size()) {
-      ssize_t n = ::read(fd, bytes.data() + got, bytes.size() - got);
-      if (n <= 0) break;
-      got += static_cast<std::size_t>(n);
-    }
-    bytes.resize(got);
-  }
-  ::close(fd);
+  auto read = readSmallFile(path, kMaxPicture);
+  if (!read) throw HttpError(404, "gone");
+  std::string bytes = std::move(*read);
   auto type = pictureType(std::string_view(bytes).substr(0, 16));
   if (!type) throw HttpError(415, "not a picture");
   response.set_header("Cache-Control", "private, max-age=300");
