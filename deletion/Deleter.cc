@@ -304,7 +304,7 @@ void Deleter::start() {
   if (state_ == DeleterState::created) {
     state_ = DeleterState::started;
     if (files_.empty()) return fileDeletionFinished({});
-    auto wrapper = std::make_shared<FileDeleterWrapper>(weak_from_this(), files_);
+    auto wrapper = std::make_shared<FileDeleterWrapper>(weak_from_this(), std::move(files_));
     wrapper->fileDeleter->delegate = wrapper;
     wrapper->fileDeleter->guard = guard;
     wrapper->guarded = static_cast<bool>(guard);

@@ -1,5 +1,6 @@
 #include "deletion/RVFileDeleter.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
@@ -67,6 +68,8 @@ RVFileDeleter::Result RVFileDeleter::deleteAt(const std::string& path) {
   options.stopAtFirstFailure = true;
   options.guard = guard;
   options.parents = &_parents;
+  // A big folder is shared by a few threads: unlinking in separate folders runs side by side.
+  options.threads = std::min(platform::processorCount(), 4u);
   options.goOn = [this] { return _state.load() == running; };
   options.current = [this](const std::string& folder, std::string_view name) {
     if (!currentPathDue()) return;

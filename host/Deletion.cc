@@ -47,7 +47,17 @@ class DeletionProgress final : public DeleterDelegate {
     progress = value;
     if (changed) changed();
   }
-  void deleterDeleted(const std::string& path) override { deleted.insert(path); }
+  void deleterDeleted(const std::string& path) override {
+    if (auto i = find(path)) {
+      gone[*i] = true;
+    } else {
+      others.insert(path);  // a photo's
+    }
+  }
+  bool wasDeleted(const std::string& path) const {
+    auto i = find(path);
+    return i ? gone[*i] : others.count(path) > 0;
+  }
   void deleterPhotosFailed(bool notAuthorised, std::function<void(bool)> answer) override {
     photosFailed = true;
     photosNotAuthorised = notAuthorised;
@@ -63,10 +73,32 @@ class DeletionProgress final : public DeleterDelegate {
     askedHelper[path] = answered;
   }
 
+  // Reports of deleted paths are kept as marks against `paths`, found by their sorted order: a
+  // list of many paths isn't copied again.
+  void index(const std::vector<std::string>& all) {
+    paths = &all;
+    order.resize(all.size());
+    for (std::uint32_t i = 0; i < order.size(); ++i) order[i] = i;
+    std::sort(order.begin(), order.end(),
+              [&](std::uint32_t a, std::uint32_t b) { return all[a] < all[b]; });
+    gone.assign(all.size(), false);
+  }
+
+  std::optional<std::uint32_t> find(const std::string& path) const {
+    if (paths == nullptr) return std::nullopt;
+    auto at = std::lower_bound(order.begin(), order.end(), path,
+                               [&](std::uint32_t i, const auto& p) { return (*paths)[i] < p; });
+    if (at == order.end() || (*paths)[*at] != path) return std::nullopt;
+    return *at;
+  }
+
   std::function<void()> changed, completed;
   std::string current;
   double progress = 0;
-  std::set<std::string> deleted;
+  const std::vector<std::string>* paths = nullptr;
+  std::vector<std::uint32_t> order;
+  std::vector<bool> gone;        // by index in `paths`: reported deleted
+  std::set<std::string> others;  // reported deleted, not among `paths`
   bool photosFailed = false;
   bool photosNotAuthorised = false;
   std::map<std::string, platform::TreeDeletion> left;
@@ -386,8 +418,8 @@ struct DeletionJob::State : std::enable_shared_from_this<DeletionJob::State> {
   std::map<std::string, std::string> stayed;  // path: the path that stays with it
   Outcome outcome;
 
-  void run(const std::vector<std::string>& paths, const std::vector<Core::Photo>& photos) {
-    deleter = Deleter::create(paths, photos);
+  void run(std::vector<std::string> paths, std::vector<Core::Photo> photos) {
+    deleter = Deleter::create(std::move(paths), std::move(photos));
     deleter->delegate = progress;
     deleter->guard = guard;
     std::weak_ptr<State> weak = weak_from_this();
@@ -416,7 +448,7 @@ struct DeletionJob::State : std::enable_shared_from_this<DeletionJob::State> {
         }
       }
       if (!followers.empty()) {
-        run(followers, {});
+        run(std::move(followers), {});
         return;
       }
     }
@@ -439,7 +471,7 @@ void DeletionJob::State::settle() {
   for (std::size_t i = 0; i < request.paths.size(); ++i) {
     const std::string& path = request.paths[i];
     // A path that is gone is deleted, whoever reported it.
-    if (progress->deleted.count(path) > 0 || !exists(path)) {
+    if (progress->gone[i] || !exists(path)) {
       deleted.push_back(path);
       gone[i] = true;
       continue;
@@ -474,7 +506,7 @@ void DeletionJob::State::settle() {
   }
   std::int64_t freed = held.bytesFreed([&](std::uint32_t i) { return gone[i]; }) + partlyFreed;
   for (const auto& photo : request.photos) {
-    if (progress->deleted.count(photo.file.url) > 0) {
+    if (progress->wasDeleted(photo.file.url)) {
       deleted.push_back(photo.file.url);
       freed += photo.file.size;
     } else {
@@ -530,11 +562,12 @@ void DeletionJob::start(std::function<void()> finished, std::function<void()> ch
   s.started = s.running = true;
   s.finished = std::move(finished);
   s.progress->changed = std::move(changed);
+  s.progress->index(s.request.paths);
   std::vector<std::string> first;
   for (const auto& path : s.request.paths) {
     if (!s.request.after.count(path)) first.push_back(path);
   }
-  s.run(first, s.request.photos);
+  s.run(std::move(first), s.request.photos);
 }
 
 void DeletionJob::pause() {

@@ -73,6 +73,9 @@ struct TreeDeletionOptions {
   std::function<void(const std::string& folder, std::string_view name)> current;
   // When given, the folder that holds the path is taken from it, and kept in it.
   ParentFolderCache* parents = nullptr;
+  // Threads that may share the deletion of a folder, the calling one included. With more than
+  // one, `goOn` and `current` are called from each of them, one call at a time.
+  unsigned threads = 1;
 };
 
 struct TreeDeletion {

@@ -77,6 +77,9 @@ struct WalkOptions {
   bool stayOnMount = false;
   // Filled in when given.
   WalkStatistics* statistics = nullptr;
+  // Walks running at once over the process's descriptors: each keeps open only its share of the
+  // folders one walk may keep.
+  unsigned share = 1;
 };
 
 // Walks `root`. Gives false when the root itself can't be examined (the error is also reported

@@ -1,5 +1,7 @@
 #!/usr/bin/python3
-"""Times `ravelin delete --yes` and `rm -rf` on fresh copies of a 200,000-entry tree."""
+"""Times `ravelin delete --yes` against `rm -rf` on fresh copies of a 200,000-entry tree, in each
+folder given (a tmpfs and a disk), and `ravelin delete --yes --from0` against `xargs -0 rm` on
+the list of the tree's files, in the first."""
 import os
 import shutil
 import statistics
@@ -30,36 +32,65 @@ def make_template(path, entries=200_000):
     open(marker, "w").close()
 
 
-def measure(command, template, work):
+def measure(command, template, work, listed=False):
+    """Median time and peak memory of `command` on fresh copies of `template`: given the copy's
+    path, or (`listed`) the NUL-separated list of its files on standard input."""
     times, memories = [], []
     for _ in range(RUNS):
         subprocess.run(["cp", "-a", template, work], check=True)
+        arguments = command + ([] if listed else [work])
+        stdin = subprocess.DEVNULL
+        if listed:
+            stdin = open(work + ".list", "w+b")
+            subprocess.run(["find", work, "-type", "f", "-print0"], check=True, stdout=stdin)
+            stdin.seek(0)
         start = time.perf_counter()
-        out = subprocess.run(["/usr/bin/time", "-f", "%M"] + command + [work], check=True,
-                             capture_output=True, text=True, stdin=subprocess.DEVNULL)
+        out = subprocess.run(["/usr/bin/time", "-f", "%M"] + arguments, check=True,
+                             capture_output=True, text=True, stdin=stdin)
         times.append(time.perf_counter() - start)
         memories.append(int(out.stderr.strip().splitlines()[-1]))
+        if listed:
+            stdin.close()
+            os.unlink(work + ".list")
+            left = subprocess.run(["find", work, "-type", "f"], check=True, capture_output=True)
+            if left.stdout:
+                sys.exit("%s left files in %s" % (command[0], work))
         if os.path.exists(work):
-            sys.exit("%s left %s behind" % (command[0], work))
+            shutil.rmtree(work) if listed else sys.exit("%s left %s behind" % (command[0], work))
     return statistics.median(times), statistics.median(memories)
 
 
+def report(title, ours, theirs):
+    print("%-34s %8.2fs %9d KB" % (title[0], ours[0], ours[1]))
+    print("%-34s %8.2fs %9d KB" % (title[1], theirs[0], theirs[1]))
+    print("%-34s %8.2fx" % ("ratio", ours[0] / theirs[0]))
+
+
 def main():
-    base = sys.argv[1]
-    template = os.path.join(base, "ravelin-bench-delete-template")
-    work = os.path.join(base, "ravelin-bench-delete-work")
-    make_template(template)
-    entries = int(subprocess.run("find %s | wc -l" % template, shell=True, check=True,
-                                 capture_output=True, text=True).stdout)
-    # /dev/shm lies below /dev, which ravelin deletes in only when told it is meant.
-    system = ["--system"] if os.path.realpath(base).startswith("/dev/") else []
-    ours = measure([RAVELIN, "delete", "--yes", "--json"] + system, template, work)
-    theirs = measure(["rm", "-rf"], template, work)
-    print("tree: %s, %d entries (median of %d runs)" % (template, entries, RUNS))
-    print("%-26s %9s %12s" % ("command", "time", "peak memory"))
-    print("%-26s %8.2fs %9d KB" % ("ravelin delete --yes", ours[0], ours[1]))
-    print("%-26s %8.2fs %9d KB" % ("rm -rf", theirs[0], theirs[1]))
-    print("ratio                      %8.2fx" % (ours[0] / theirs[0]))
+    bases = sys.argv[1:] or ["/dev/shm"]
+    print("%-34s %9s %12s" % ("command (median of %d runs)" % RUNS, "time", "peak memory"))
+    for number, base in enumerate(bases):
+        template = os.path.join(base, "ravelin-bench-delete-template")
+        work = os.path.join(base, "ravelin-bench-delete-work")
+        make_template(template)
+        entries = int(subprocess.run("find %s | wc -l" % template, shell=True, check=True,
+                                     capture_output=True, text=True).stdout)
+        kind = subprocess.run(["stat", "-f", "-c", "%T", base], check=True, capture_output=True,
+                              text=True).stdout.strip()
+        # /dev/shm lies below /dev, which ravelin deletes in only when told it is meant.
+        system = ["--system"] if os.path.realpath(base).startswith("/dev/") else []
+        print("\ntree: %s (%s), %d entries" % (template, kind, entries))
+        report(("ravelin delete --yes", "rm -rf"),
+               measure([RAVELIN, "delete", "--yes", "--json"] + system, template, work),
+               measure(["rm", "-rf"], template, work))
+        if number == 0:
+            files = int(subprocess.run("find %s -type f | wc -l" % template, shell=True,
+                                       check=True, capture_output=True, text=True).stdout)
+            print("\nlisted: the %d files of the tree above, NUL-separated" % files)
+            report(("ravelin delete --yes --from0 -", "xargs -0 rm"),
+                   measure([RAVELIN, "delete", "--yes", "--json", "--from0", "-"] + system,
+                           template, work, listed=True),
+                   measure(["xargs", "-0", "rm"], template, work, listed=True))
 
 
 if __name__ == "__main__":

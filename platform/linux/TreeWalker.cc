@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "platform/Files.h"
+#include "platform/linux/Dirent.h"
 
 namespace platform {
 
@@ -35,14 +36,6 @@ std::size_t folderBudget() {
 bool outOfDescriptors(int code) { return code == EMFILE || code == ENFILE; }
 
 constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-
-struct LinuxDirent64 {
-  ino64_t d_ino;
-  off64_t d_off;
-  unsigned short d_reclen;
-  unsigned char d_type;
-  char d_name[];
-};
 
 struct Frame {
   int fd = -1;  // -1 once closed to make room
@@ -65,7 +58,7 @@ class Walker {
         visitor_(visitor),
         options_(options),
         buffer_(new char[kBufferSize]),
-        budget_(folderBudget()) {}
+        budget_(std::max<std::size_t>(2, folderBudget() / std::max(1u, options.share))) {}
 
   ~Walker() {
     for (auto& frame : stack_) closeFrame(frame);
