@@ -15,6 +15,7 @@
 #include "platform/Dispatch.h"
 #include "platform/Files.h"
 #include "platform/Locations.h"
+#include "platform/Phases.h"
 
 namespace cli {
 
@@ -152,6 +153,7 @@ void addDupesCommand(CLI::App& app) {
       return;
     }
     auto plan = Core::planKeepingOne(groups);
+    platform::endPhase("plan");
     if (*json) {
       writeDupesJson(groups, plan, stopped, errors, [](std::string_view piece) {
         std::fwrite(piece.data(), 1, piece.size(), stdout);
@@ -159,6 +161,7 @@ void addDupesCommand(CLI::App& app) {
     } else {
       printReport(groups, plan, stopped);
     }
+    platform::endPhase("report");
     if (stopped) throw CommandError{kFailure, "stopped"};
     if (!errors.empty()) failIncomplete(errors);
   });

@@ -1,6 +1,7 @@
 #include "dff/CoreDuplicateFileFinder.h"
 
 #include "platform/Dispatch.h"
+#include "platform/Phases.h"
 
 namespace Core {
 
@@ -42,6 +43,7 @@ void DuplicateFileFinder::start() {
       group = {};
     }
     found = {};
+    platform::endPhase("hand-over");
     platform::DispatchQueue::main().async([slot, groups = std::move(groups)]() mutable {
       if (auto delegate = slot->delegate.lock()) {
         delegate->duplicateFileFinderCompleted(std::move(groups));

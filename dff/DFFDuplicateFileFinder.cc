@@ -1,6 +1,7 @@
 #include "dff/DFFDuplicateFileFinder.h"
 
 #include "platform/HostStatistics.h"
+#include "platform/Phases.h"
 
 namespace dff {
 
@@ -46,6 +47,7 @@ DFFGroups DFFDuplicateFileFinder::find() {
   finder_->releaseFiles();
   // The tree was built and freed on this thread; the host builds what it shows on another.
   platform::releaseFreedMemory();
+  platform::endPhase("facade");
   return groups;
 }
 

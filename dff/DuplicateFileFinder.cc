@@ -28,6 +28,7 @@
 #include "dff/PhotoLibraryReader.h"
 #include "platform/Dispatch.h"
 #include "platform/Metadata.h"
+#include "platform/Phases.h"
 
 namespace dff {
 
@@ -205,6 +206,7 @@ void DuplicateFileFinder::releaseFiles() {
 
 Result DuplicateFileFinder::find() {
   stopped_.store(false);
+  platform::startPhases();
   Duplicate<long long, File*> filesBySize;
   Duplicate<long long, Symlink*> linksBySize;
   Duplicate<long long, Package*> packagesBySize;
@@ -224,6 +226,7 @@ Result DuplicateFileFinder::find() {
     }
   }
   progressCallback_(0.3);
+  platform::endPhase("walk");
   findDuplicateFiles(filesBySize, fileDuplicates);
   findDuplicateLinks(linksBySize);
   progressCallback_(0.5);
@@ -237,6 +240,7 @@ Result DuplicateFileFinder::find() {
   filter(fileDuplicates, result);
   filter(packageDuplicates, result);
   filter(directoryDuplicates, result);
+  platform::endPhase("search");
   return result;
 }
 

@@ -222,13 +222,19 @@ class FreedBytes final : public platform::WalkVisitor {
   void add(const struct stat& status) {
     add(Identity{status.st_dev, status.st_ino}, status.st_size, status.st_nlink);
   }
+  // A file with one name is counted at once; only the names of a hard-linked file are kept, to
+  // count it once and only when all its names go.
   void add(const Identity& identity, std::int64_t size, std::uint64_t links) {
-    names_.push_back({identity, size, links});
+    if (links <= 1) {
+      single_ += size;
+    } else {
+      names_.push_back({identity, size, links});
+    }
   }
   std::int64_t total() {
     std::sort(names_.begin(), names_.end(),
               [](const Name& a, const Name& b) { return a.identity < b.identity; });
-    std::int64_t bytes = 0;
+    std::int64_t bytes = single_;
     for (std::size_t i = 0; i < names_.size();) {
       std::size_t j = i;
       while (j < names_.size() && names_[j].identity == names_[i].identity) ++j;
@@ -245,6 +251,7 @@ class FreedBytes final : public platform::WalkVisitor {
     std::uint64_t links;
   };
   std::vector<Name> names_;
+  std::int64_t single_ = 0;
 };
 
 }  // namespace
@@ -337,10 +344,10 @@ KeepOnePlan planKeepingOne(const std::vector<DuplicateGroup>& groups, const Keep
     targetPaths.insert(path);
     if (holds(kind)) folderTargets.insert(path);
   };
-  auto names = [](const GroupMember& member) {
-    std::vector<std::string_view> all{member.file().url};
-    all.insert(all.end(), member.otherNames.begin(), member.otherNames.end());
-    return all;
+  // Calls `body` with each name of `member`.
+  auto forEachName = [](const GroupMember& member, auto&& body) {
+    body(std::string_view(member.file().url));
+    for (const auto& name : member.otherNames) body(std::string_view(name));
   };
 
   // Folders and packages first: a file group then keeps a copy that outlives them.
@@ -352,8 +359,17 @@ KeepOnePlan planKeepingOne(const std::vector<DuplicateGroup>& groups, const Keep
     if (!holds(group.front().kind)) order.push_back(&group);
   }
 
+  // Every member but one of each group may become a target.
+  std::size_t most = 0;
+  for (const auto& group : groups) {
+    for (const auto& member : group) most += 1 + member.otherNames.size();
+  }
+  candidates.reserve(most);
+  plan.kept.reserve(groups.size());
+
+  std::vector<const GroupMember*> free;
   for (const DuplicateGroup* group : order) {
-    std::vector<const GroupMember*> free;
+    free.clear();
     for (const auto& member : *group) {
       if (!insideTarget(member.file().url)) free.push_back(&member);
     }
@@ -362,10 +378,13 @@ KeepOnePlan planKeepingOne(const std::vector<DuplicateGroup>& groups, const Keep
       ++plan.groupsLeftAlone;
       continue;
     }
-    for (std::string_view name : names(*keep)) {
+    // Only a folder or a package asks what it holds, and every such group is decided before
+    // the first group of files: the kept files need no sorted set.
+    const bool holding = holds(group->front().kind);
+    forEachName(*keep, [&](std::string_view name) {
       keptPaths.insert(name);
-      keptSorted.insert(name);
-    }
+      if (holding) keptSorted.insert(name);
+    });
     plan.kept.push_back(keep->file().url);
     for (const auto& member : *group) {
       if (&member == keep) continue;
@@ -374,11 +393,11 @@ KeepOnePlan planKeepingOne(const std::vector<DuplicateGroup>& groups, const Keep
       if (member.device == keep->device && member.inode == keep->inode) continue;
       std::optional<std::string_view> photoID;
       if (auto* photo = std::get_if<Photo>(&member.item)) photoID = photo->id;
-      for (std::string_view name : names(member)) {
-        if (insideTarget(name) || holdsKept(name, member.kind)) continue;
+      forEachName(member, [&](std::string_view name) {
+        if (insideTarget(name) || holdsKept(name, member.kind)) return;
         candidates.push_back({{name, member.kind, keep->file().url, photoID}, &member});
         addTarget(name, member.kind);
-      }
+      });
     }
   }
 
@@ -388,6 +407,9 @@ KeepOnePlan planKeepingOne(const std::vector<DuplicateGroup>& groups, const Keep
             [](const auto& a, const auto& b) { return a.target.path < b.target.path; });
   targetPaths.clear();
   folderTargets.clear();
+  keptPaths = {};
+  keptSorted = {};
+  plan.deletions.reserve(candidates.size());
   FreedBytes freed;
   for (auto& candidate : candidates) {
     if (insideTarget(candidate.target.path)) continue;

@@ -81,10 +81,10 @@ struct KeepOnePlan {
     std::string_view keptPath;  // the member its group keeps, to compare it with before deleting
     std::optional<std::string_view> photoID;  // for a photo
   };
-  std::vector<Target> deletions;    // no target lies inside another
-  std::vector<std::string> kept;    // the member kept of each group, in group order
-  std::int64_t bytesFreed = 0;      // files whose every name is deleted, each counted once
-  std::size_t groupsLeftAlone = 0;  // groups where no copy could be kept safely
+  std::vector<Target> deletions;       // no target lies inside another
+  std::vector<std::string_view> kept;  // the member kept of each group, in group order
+  std::int64_t bytesFreed = 0;         // files whose every name is deleted, each counted once
+  std::size_t groupsLeftAlone = 0;     // groups where no copy could be kept safely
 };
 
 // Keeps one member of each group and deletes the rest. Folder and package groups are decided

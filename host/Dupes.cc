@@ -9,6 +9,7 @@
 #include "dff/CoreDuplicateFileFinder.h"
 #include "platform/Files.h"
 #include "platform/Locations.h"
+#include "platform/Phases.h"
 
 namespace host {
 
@@ -58,6 +59,7 @@ class DupesScan::Delegate final : public Core::DuplicateFileFinderDelegate {
     Core::RefineOptions options;
     options.keepHardLinks = scan_->options_.hardLinks;
     scan_->groups_ = Core::refineGroups(std::move(found), options);
+    platform::endPhase("refine");
     scan_->settle();
   }
   void forget() { scan_ = nullptr; }
@@ -207,10 +209,10 @@ DeletionRequest duplicatesDeletion(const std::vector<Core::DuplicateGroup>& grou
                                    const std::set<std::string>* chosen) {
   Core::KeepOnePlan plan = Core::planKeepingOne(groups, rule);
   DeletionRequest request;
-  request.kept = plan.kept;
+  request.kept.assign(plan.kept.begin(), plan.kept.end());
   if (chosen) {
     for (const auto& kept : plan.kept) {
-      if (chosen->count(kept)) {
+      if (chosen->count(std::string(kept))) {
         request.leftAlone.emplace_back(kept, "kept: the member its group keeps");
       }
     }

@@ -136,77 +136,58 @@ TEST(DispatchQueueTest, SpecificValueIsSeenOnlyByTasksOfItsQueue) {
   EXPECT_EQ(onOwner, nullptr);
 }
 
-TEST(DispatchWorkItemTest, CancelBeforeStartSkipsTheBlock) {
+// A cancelled item never starts; one cancelled while it runs finishes and sees the cancel; an
+// item runs at most once however often it is performed.
+TEST(DispatchWorkItemTest, CancelSkipsAnItemNotStartedAndLetsARunningOneFinish) {
   DispatchQueue queue("items");
-  DispatchSemaphore gate(0);
+  DispatchSemaphore gate(0), started(0), proceed(0);
   queue.async([&] { gate.wait(); });  // hold the queue so the item can't start yet
-
-  std::atomic<bool> ran{false};
-  auto item = std::make_shared<DispatchWorkItem>([&] { ran = true; });
-  queue.async(item);
-  item->cancel();
+  std::atomic<bool> ran{false}, finished{false}, sawCancel{false};
+  auto skipped = std::make_shared<DispatchWorkItem>([&] { ran = true; });
+  queue.async(skipped);
+  skipped->cancel();
   gate.signal();
-
-  ASSERT_TRUE(item->wait(5s));
+  ASSERT_TRUE(skipped->wait(5s));
   EXPECT_FALSE(ran);
-  EXPECT_TRUE(item->isCancelled());
-}
 
-TEST(DispatchWorkItemTest, CancelAfterStartLetsTheBlockFinish) {
-  DispatchQueue queue("items");
-  DispatchSemaphore started(0), proceed(0);
-  std::atomic<bool> finished{false};
-  std::atomic<bool> sawCancel{false};
-  std::shared_ptr<DispatchWorkItem> item;
-  item = std::make_shared<DispatchWorkItem>([&] {
+  std::shared_ptr<DispatchWorkItem> running;
+  running = std::make_shared<DispatchWorkItem>([&] {
     started.signal();
     proceed.wait();
-    sawCancel = item->isCancelled();
+    sawCancel = running->isCancelled();
     finished = true;
   });
-  queue.async(item);
+  queue.async(running);
   ASSERT_TRUE(started.wait(5s));
-  item->cancel();
+  running->cancel();
   proceed.signal();
+  ASSERT_TRUE(running->wait(5s));
+  EXPECT_TRUE(finished && sawCancel);
 
-  ASSERT_TRUE(item->wait(5s));
-  EXPECT_TRUE(finished);
-  EXPECT_TRUE(sawCancel);
-}
-
-TEST(DispatchWorkItemTest, PerformsAtMostOnce) {
   int runs = 0;
-  DispatchWorkItem item([&] { ++runs; });
-  item.perform();
-  item.perform();
+  DispatchWorkItem once([&] { ++runs; });
+  once.perform();
+  once.perform();
   EXPECT_EQ(runs, 1);
 }
 
-TEST(DispatchGroupTest, NotifyRunsAfterTheLastLeave) {
+TEST(DispatchGroupTest, NotifyRunsAfterTheLastLeaveAndAtOnceWhenEmpty) {
   DispatchGroup group;
-  std::atomic<bool> notified{false};
+  std::atomic<bool> notified{false}, emptyNotified{false};
   group.enter();
   group.enter();
   group.notify(DispatchQueue::main(), [&] { notified = true; });
-
   group.leave();
   runMain();
   EXPECT_FALSE(notified);
-
-  group.leave();
-  EXPECT_TRUE(drainMainUntil([&] { return notified.load(); }, 5s));
-}
-
-TEST(DispatchGroupTest, NotifyOnAnEmptyGroupRunsAtOnceAndWaitTimesOut) {
-  DispatchGroup group;
-  std::atomic<bool> notified{false};
-  group.notify(DispatchQueue::main(), [&] { notified = true; });
-  EXPECT_TRUE(drainMainUntil([&] { return notified.load(); }, 5s));
-
-  group.enter();
   EXPECT_FALSE(group.wait(20ms));
   group.leave();
+  EXPECT_TRUE(drainMainUntil([&] { return notified.load(); }, 5s));
   EXPECT_TRUE(group.wait(0ms));
+
+  DispatchGroup empty;
+  empty.notify(DispatchQueue::main(), [&] { emptyNotified = true; });
+  EXPECT_TRUE(drainMainUntil([&] { return emptyNotified.load(); }, 5s));
 }
 
 TEST(DispatchAfterTest, NeverRunsEarlyAndKeepsDeadlineOrder) {
@@ -306,16 +287,6 @@ TEST(DispatchQueueTest, AForkedChildRunsItsOwnTasksAndTimers) {
   ASSERT_EQ(::waitpid(child, &status, 0), child);
   ASSERT_TRUE(WIFEXITED(status)) << "the child was killed by signal " << WTERMSIG(status);
   EXPECT_EQ(WEXITSTATUS(status), 0);
-}
-
-TEST(DispatchQueueTest, KeepsLabelAndQualityOfService) {
-  DispatchQueue queue("start()", QoS::userInitiated);
-  EXPECT_EQ(queue.label(), "start()");
-  EXPECT_EQ(queue.qos(), QoS::userInitiated);
-  EXPECT_TRUE(queue.isSerial());
-  EXPECT_FALSE(DispatchQueue::global().isSerial());
-  EXPECT_EQ(DispatchQueue::global(QoS::utility), DispatchQueue::global(QoS::utility));
-  EXPECT_EQ(toString(QoS::userInitiated), "user-initiated");
 }
 
 }  // namespace

@@ -8,7 +8,11 @@ Usage: make_corpus.py KIND DIR, with KIND one of:
            first block, in the middle, or in the last byte;
   mixed    a home-like tree: source trees of tiny files, photos, archives, deep node_modules,
            empty files, symbolic links and hard links;
-  million  1,000,000 entries, empty or tiny, for memory;
+  million  1,000,000 entries, empty or tiny, for memory: nearly all of them inside five groups
+           of identical folders, so that few members are reported;
+  copied   1,000 folders of 500 small files and a copy of each, with a file of its own added
+           to every folder (so that no two folders are alike): 1,004,002 entries, every file
+           reported, as a photo folder and its backup are;
   issue    the small corpus plus four files of 64 MiB (two of them copies).
 A corpus already complete in DIR is left as it is.
 """
@@ -107,6 +111,18 @@ def million(root, rng):
                 f.write(b"%d" % (i % 5000))
 
 
+def copied(root, rng):
+    for side in ("original", "copy"):
+        for folder in range(1000):
+            path = os.path.join(root, side, "d%03d" % folder)
+            os.makedirs(path, exist_ok=True)
+            for i in range(500):
+                with open(os.path.join(path, "p%03d.jpg" % i), "wb") as f:
+                    f.write(b"%d.%d" % (folder, i))
+            with open(os.path.join(path, "own"), "wb") as f:
+                f.write(b"%s %d" % (side.encode(), folder))
+
+
 def issue(root, rng):
     small(os.path.join(root, "small"), rng)
     big = content(rng, 64 << 20)
@@ -124,7 +140,8 @@ def main():
     if os.path.exists(marker):
         return
     rng = random.Random(sum(map(ord, kind)))
-    {"small": small, "large": large, "mixed": mixed, "million": million, "issue": issue}[kind](root, rng)
+    {"small": small, "large": large, "mixed": mixed, "million": million, "copied": copied,
+     "issue": issue}[kind](root, rng)
     open(marker, "w").close()
 
 
