@@ -35,125 +35,13 @@ namespace {
 
 using testsupport::TempDir;
 
-struct Outcome {
-  int status = -1;  // exit status, or 128 + signal
-  std::string out;  // standard output (and standard error, on a terminal)
-  std::string err;
-};
-
-struct RunOptions {
-  std::optional<unsigned short> terminalWidth;  // run on a pseudo-terminal this wide
-  std::optional<rlim_t> descriptors;            // RLIMIT_NOFILE of the program
-  // Run as this user (and group) instead of the test's own.
-  std::optional<uid_t> user;
-  // Called with the program's process id while it runs; may signal it.
-  std::function<void(pid_t)> whileRunning;
-  // "NAME=value" entries set in the program's environment; "NAME" alone unsets NAME.
-  std::vector<std::string> environment;
-  // A folder the program sees on a read-only mount of its own (needs root).
-  std::optional<std::string> readOnly;
-  // Folders bind-mounted (source, target) in a mount namespace of the program's (needs root).
-  std::vector<std::pair<std::string, std::string>> binds;
-};
-
-std::string readAll(int fd) {
-  std::string text;
-  char buffer[65536];
-  for (;;) {
-    ssize_t n = ::read(fd, buffer, sizeof(buffer));
-    if (n > 0) {
-      text.append(buffer, static_cast<std::size_t>(n));
-    } else if (n < 0 && errno == EINTR) {
-      continue;
-    } else {
-      return text;  // the end, or EIO once a terminal's last writer is gone
-    }
-  }
-}
+using Outcome = testsupport::RunOutcome;
+using testsupport::RunOptions;
 
 Outcome run(const std::vector<std::string>& args, const RunOptions& options = {}) {
   std::vector<std::string> argv{RAVELIN_BINARY};
   argv.insert(argv.end(), args.begin(), args.end());
-  std::vector<char*> cargs;
-  for (auto& a : argv) cargs.push_back(a.data());
-  cargs.push_back(nullptr);
-
-  int outPipe[2], errPipe[2];
-  if (::pipe2(outPipe, O_CLOEXEC) != 0 || ::pipe2(errPipe, O_CLOEXEC) != 0) return {};
-  int terminal = -1;
-  pid_t child;
-  if (options.terminalWidth) {
-    struct winsize size {};
-    size.ws_row = 24;
-    size.ws_col = *options.terminalWidth;
-    child = ::forkpty(&terminal, nullptr, nullptr, &size);
-  } else {
-    child = ::fork();
-  }
-  if (child == 0) {
-    if (!options.terminalWidth) {
-      ::dup2(outPipe[1], STDOUT_FILENO);
-      ::dup2(errPipe[1], STDERR_FILENO);
-    }
-    for (const auto& entry : options.environment) {
-      if (entry.find('=') == std::string::npos) {
-        ::unsetenv(entry.c_str());
-      } else {
-        ::putenv(const_cast<char*>(entry.c_str()));
-      }
-    }
-    if (options.readOnly || !options.binds.empty()) {
-      if (::unshare(CLONE_NEWNS) != 0 ||
-          ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-        ::_exit(125);
-      }
-      for (const auto& [source, target] : options.binds) {
-        if (::mount(source.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0) ::_exit(125);
-      }
-    }
-    if (options.readOnly) {
-      const char* path = options.readOnly->c_str();
-      if (::mount(path, path, nullptr, MS_BIND, nullptr) != 0 ||
-          ::mount(nullptr, path, nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) != 0) {
-        ::_exit(125);
-      }
-    }
-    if (options.user) {
-      if (::setgroups(0, nullptr) != 0 || ::setgid(*options.user) != 0 ||
-          ::setuid(*options.user) != 0) {
-        ::_exit(126);
-      }
-    }
-    if (options.descriptors) {
-      struct rlimit limit {};
-      // Both limits: the program takes what the hard limit allows.
-      limit.rlim_cur = limit.rlim_max = *options.descriptors;
-      ::setrlimit(RLIMIT_NOFILE, &limit);
-    }
-    ::execv(cargs[0], cargs.data());
-    ::_exit(127);
-  }
-  ::close(outPipe[1]);
-  ::close(errPipe[1]);
-  Outcome outcome;
-  std::thread reader([&] {
-    if (terminal >= 0) {
-      outcome.out = readAll(terminal);
-    } else {
-      std::thread errors([&] { outcome.err = readAll(errPipe[0]); });
-      outcome.out = readAll(outPipe[0]);
-      errors.join();
-    }
-  });
-  if (options.whileRunning) options.whileRunning(child);
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  reader.join();
-  if (terminal >= 0) ::close(terminal);
-  ::close(outPipe[0]);
-  ::close(errPipe[0]);
-  outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  return outcome;
+  return testsupport::runProgram(argv, options);
 }
 
 // A tree of `depth` levels, each holding one file of 10 bytes and a copy of it one level down.

@@ -228,27 +228,17 @@ TEST(RefineGroupsTest, AFolderBindMountedInsideItselfListsNoFileTwice) {
   tmp.write("t4/x", content);
   tmp.write("t4/sub/y", content);
   tmp.mkdir("t4/mnt");
-  pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    if (::unshare(CLONE_NEWNS) != 0 ||
-        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        ::mount((tmp / "t4").c_str(), (tmp / "t4/mnt").c_str(), nullptr, MS_BIND, nullptr) != 0) {
-      ::_exit(77);
-    }
+  auto answer = testsupport::inMountNamespace({{tmp / "t4", tmp / "t4/mnt"}}, [&] {
     auto groups = search({tmp / "t4", tmp / "t4/mnt"});
     bool ok = groups.size() == 1 && groups[0].size() == 2;
     for (const auto& group : groups) {
       std::set<std::pair<std::uint64_t, std::uint64_t>> seen;
       for (const auto& member : group) ok &= seen.insert({member.device, member.inode}).second;
     }
-    ::_exit(ok ? 0 : 1);
-  }
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status));
-  if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "no private mount namespace here (needs root)";
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+    return ok ? 0 : 1;
+  });
+  if (!answer) GTEST_SKIP() << "no private mount namespace here (needs root)";
+  EXPECT_EQ(*answer, 0);
 }
 
 }  // namespace

@@ -424,14 +424,7 @@ TEST(HelperCredentialsTest, OnlyRootAndTheServedUserAreLetIn) {
 // other's. Run in a mount namespace of its own, with a memory file system on /run.
 TEST(HelperCredentialsTest, EachServedUserReachesTheirOwnHelper) {
   if (::geteuid() != 0) GTEST_SKIP() << "needs root to run clients as other users";
-  pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    if (::unshare(CLONE_NEWNS) != 0 ||
-        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        ::mount("tmpfs", "/run", "tmpfs", 0, "mode=0755") != 0) {
-      ::_exit(77);
-    }
+  auto answer = testsupport::inMountNamespace({{"tmpfs", "/run", "tmpfs", "mode=0755"}}, [&] {
     const uid_t ada = 65534, bob = 65533;
     testsupport::ChildProcess first({RAVELIN_HELPER_BINARY, "--allow-uid", std::to_string(ada)},
                                     helperSocketPath(ada));
@@ -452,13 +445,10 @@ TEST(HelperCredentialsTest, EachServedUserReachesTheirOwnHelper) {
     // _exit runs no destructor: the helpers are ended here, or they would outlive the test.
     first.kill();
     second.kill();
-    ::_exit(own ? (other ? 2 : (firstStays ? 0 : 3)) : 1);
-  }
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status));
-  if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "no private mount namespace here";
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+    return own ? (other ? 2 : (firstStays ? 0 : 3)) : 1;
+  });
+  if (!answer) GTEST_SKIP() << "no private mount namespace here";
+  EXPECT_EQ(*answer, 0);
 }
 
 // The shipped unit under a real service manager: systemd booted in a container over this

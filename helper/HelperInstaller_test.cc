@@ -186,60 +186,54 @@ TEST(InstallScriptTest, InstallsTheShippedToolAndUnitForReal) {
   std::string recorder = tmp.write("recorder", "#!/bin/sh\necho \"$@\" >> '" + log + "'\n");
   ::chmod(recorder.c_str(), 0755);
 
-  pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    if (::unshare(CLONE_NEWNS) != 0 ||
-        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        ::mount("tmpfs", "/usr/local", "tmpfs", 0, nullptr) != 0 ||
-        ::mount("tmpfs", "/etc/systemd/system", "tmpfs", 0, nullptr) != 0 ||
-        ::mount(recorder.c_str(), "/bin/systemctl", nullptr, MS_BIND, nullptr) != 0) {
-      ::_exit(77);
-    }
-    InstallLocations locations;
-    locations.programPrefix = prefix;
-    setInstallLocations(locations);
-    // Whatever the caller's mask, the installed files get their own modes.
-    ::umask(0);
-    if (!installHelper()) ::_exit(1);
-    const std::string folder = "/usr/local/libexec/ravelin";
-    const std::string tool = folder + "/" + std::string(kServiceName);
-    const std::string unit = installedUnitPath(kServiceName);
-    auto modeIs = [](const std::string& path, mode_t mode) {
-      struct stat status;
-      return ::lstat(path.c_str(), &status) == 0 && status.st_uid == 0 &&
-             (status.st_mode & 07777) == mode;
-    };
-    if (!modeIs(folder, 0755) || !modeIs(tool, 0755) || !modeIs(unit, 0644)) ::_exit(2);
-    // Enabling made this link; the recorder in systemctl's place didn't.
-    std::filesystem::create_directories("/etc/systemd/system/multi-user.target.wants");
-    std::filesystem::create_symlink(unit, enabledInstancePath(::getuid()));
-    if (helperNeedsInstall()) ::_exit(4);  // the same version is now in place
-    // Again, over what is there: the current helper is disabled and removed first.
-    if (!installHelper()) ::_exit(5);
-    std::string socket = tmp / "installed.sock";
-    pid_t server = ::fork();
-    if (server == 0) {
-      ::execl(tool.c_str(), tool.c_str(), "--socket", socket.c_str(), "--allow-uid", "0", nullptr);
-      ::_exit(127);
-    }
-    std::string answer = pingOnce(socket);
-    ::kill(server, SIGKILL);
-    ::waitpid(server, nullptr, 0);
-    if (answer != "{\"arguments\":[],\"reply\":1}\n") ::_exit(6);
-    // A unit that others may change says nothing root should run: nothing is installed.
-    std::filesystem::remove(tool);
-    std::filesystem::remove(unit);
-    ::chmod((prefix + "/libexec/ravelin/" + std::string(kServiceName) + "@.service").c_str(), 0664);
-    if (installHelper()) ::_exit(7);
-    if (!std::filesystem::is_empty(folder) || std::filesystem::exists(unit)) ::_exit(8);
-    ::_exit(0);
-  }
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status));
-  if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "no private mount namespace here";
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  auto installed = testsupport::inMountNamespace(
+      {{"tmpfs", "/usr/local", "tmpfs"},
+       {"tmpfs", "/etc/systemd/system", "tmpfs"},
+       {recorder, "/bin/systemctl"}},
+      [&] {
+        InstallLocations locations;
+        locations.programPrefix = prefix;
+        setInstallLocations(locations);
+        // Whatever the caller's mask, the installed files get their own modes.
+        ::umask(0);
+        if (!installHelper()) return 1;
+        const std::string folder = "/usr/local/libexec/ravelin";
+        const std::string tool = folder + "/" + std::string(kServiceName);
+        const std::string unit = installedUnitPath(kServiceName);
+        auto modeIs = [](const std::string& path, mode_t mode) {
+          struct stat status;
+          return ::lstat(path.c_str(), &status) == 0 && status.st_uid == 0 &&
+                 (status.st_mode & 07777) == mode;
+        };
+        if (!modeIs(folder, 0755) || !modeIs(tool, 0755) || !modeIs(unit, 0644)) return 2;
+        // Enabling made this link; the recorder in systemctl's place didn't.
+        std::filesystem::create_directories("/etc/systemd/system/multi-user.target.wants");
+        std::filesystem::create_symlink(unit, enabledInstancePath(::getuid()));
+        if (helperNeedsInstall()) return 4;  // the same version is now in place
+        // Again, over what is there: the current helper is disabled and removed first.
+        if (!installHelper()) return 5;
+        std::string socket = tmp / "installed.sock";
+        pid_t server = ::fork();
+        if (server == 0) {
+          ::execl(tool.c_str(), tool.c_str(), "--socket", socket.c_str(), "--allow-uid", "0",
+                  nullptr);
+          ::_exit(127);
+        }
+        std::string answer = pingOnce(socket);
+        ::kill(server, SIGKILL);
+        ::waitpid(server, nullptr, 0);
+        if (answer != "{\"arguments\":[],\"reply\":1}\n") return 6;
+        // A unit that others may change says nothing root should run: nothing is installed.
+        std::filesystem::remove(tool);
+        std::filesystem::remove(unit);
+        ::chmod((prefix + "/libexec/ravelin/" + std::string(kServiceName) + "@.service").c_str(),
+                0664);
+        if (installHelper()) return 7;
+        if (!std::filesystem::is_empty(folder) || std::filesystem::exists(unit)) return 8;
+        return 0;
+      });
+  if (!installed) GTEST_SKIP() << "no private mount namespace here";
+  EXPECT_EQ(*installed, 0);
   std::ifstream recorded(log);
   std::string calls((std::istreambuf_iterator<char>(recorded)), std::istreambuf_iterator<char>());
   const std::string uid = std::to_string(::getuid());

@@ -233,41 +233,28 @@ TEST_P(TreeDeletionTest, MountsAreNeverEntered) {
   tmp.write("tree/plain", "goes");
   tmp.mkdir("tree/mnt");
   tmp.mkdir("point");
-  pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    if (::unshare(CLONE_NEWNS) != 0 ||
-        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        ::mount((tmp / "elsewhere").c_str(), (tmp / "tree/mnt").c_str(), nullptr, MS_BIND,
-                nullptr) != 0 ||
-        ::mount((tmp / "elsewhere").c_str(), (tmp / "point").c_str(), nullptr, MS_BIND, nullptr) !=
-            0) {
-      ::_exit(77);
-    }
-    TreeDeletion inside = run(tmp / "tree");
-    TreeDeletion named = run(tmp / "point");
-    bool ok = inside.error == EXDEV && inside.failedPath == tmp / "tree/mnt" &&
-              !exists(tmp / "tree/plain") && named.error == EBUSY &&
-              exists(tmp / "point/precious") && exists(tmp / "tree/mnt/precious");
-    // Where the kernel tells no mount ids, devices still tell another file system apart.
-    detail::setMountIdentifiersUnavailable(true);
-    ::mkdir((tmp / "again").c_str(), 0755);
-    ::mkdir((tmp / "again/mnt").c_str(), 0755);
-    ::mount("tmpfs", (tmp / "again/mnt").c_str(), "tmpfs", 0, nullptr);
-    ::close(::open((tmp / "again/mnt/precious").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
-    TreeDeletion blind = run(tmp / "again");
-    TreeDeletion blindNamed = run(tmp / "again/mnt");
-    ok = ok && blind.error == EXDEV && blindNamed.error == EBUSY &&
-         exists(tmp / "again/mnt/precious");
-    ::umount((tmp / "again/mnt").c_str());
-    ::_exit(ok ? 0 : 1);
-  }
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  if (WIFEXITED(status) && WEXITSTATUS(status) == 77) {
-    GTEST_SKIP() << "no private mount namespace here (needs root)";
-  }
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  auto answer = testsupport::inMountNamespace(
+      {{tmp / "elsewhere", tmp / "tree/mnt"}, {tmp / "elsewhere", tmp / "point"}}, [&] {
+        TreeDeletion inside = run(tmp / "tree");
+        TreeDeletion named = run(tmp / "point");
+        bool ok = inside.error == EXDEV && inside.failedPath == tmp / "tree/mnt" &&
+                  !exists(tmp / "tree/plain") && named.error == EBUSY &&
+                  exists(tmp / "point/precious") && exists(tmp / "tree/mnt/precious");
+        // Where the kernel tells no mount ids, devices still tell another file system apart.
+        detail::setMountIdentifiersUnavailable(true);
+        ::mkdir((tmp / "again").c_str(), 0755);
+        ::mkdir((tmp / "again/mnt").c_str(), 0755);
+        ::mount("tmpfs", (tmp / "again/mnt").c_str(), "tmpfs", 0, nullptr);
+        ::close(::open((tmp / "again/mnt/precious").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
+        TreeDeletion blind = run(tmp / "again");
+        TreeDeletion blindNamed = run(tmp / "again/mnt");
+        ok = ok && blind.error == EXDEV && blindNamed.error == EBUSY &&
+             exists(tmp / "again/mnt/precious");
+        ::umount((tmp / "again/mnt").c_str());
+        return ok ? 0 : 1;
+      });
+  if (!answer) GTEST_SKIP() << "no private mount namespace here (needs root)";
+  EXPECT_EQ(*answer, 0);
   EXPECT_TRUE(exists(tmp / "elsewhere/precious"));
 }
 
@@ -288,16 +275,10 @@ TEST_P(TreeDeletionTest, ListingsWithoutTypesAreDeletedWhole) {
   const std::string make = "/sbin/mkfs.ext2 -q -F -O ^filetype '" + image + "' >/dev/null 2>&1";
   ASSERT_EQ(std::system(make.c_str()), 0);
   const std::string mountPoint = tmp.mkdir("mnt");
-  pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    if (::unshare(CLONE_NEWNS) != 0 ||
-        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-      ::_exit(77);
-    }
+  auto answer = testsupport::inMountNamespace({}, [&] {
     const std::string attach =
         "/bin/mount -o loop -t ext2 '" + image + "' '" + mountPoint + "' >/dev/null 2>&1";
-    if (std::system(attach.c_str()) != 0) ::_exit(77);
+    if (std::system(attach.c_str()) != 0) return 77;
     const std::string tree = mountPoint + "/tree";
     std::filesystem::create_directories(tree + "/a/b");
     for (const char* name : {"/f", "/a/g", "/a/b/h"}) {
@@ -309,12 +290,10 @@ TEST_P(TreeDeletionTest, ListingsWithoutTypesAreDeletedWhole) {
     TreeDeletion outcome = run(tree);
     bool ok = outcome.error == 0 && outcome.removed == 8 && !exists(tree);
     ::umount2(mountPoint.c_str(), MNT_DETACH);
-    ::_exit(ok ? 0 : 1);
-  }
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  if (WIFEXITED(status) && WEXITSTATUS(status) == 77) GTEST_SKIP() << "no loop mount here";
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    return ok ? 0 : 1;
+  });
+  if (!answer) GTEST_SKIP() << "no loop mount here";
+  EXPECT_EQ(*answer, 0);
   EXPECT_TRUE(exists("/etc/passwd"));
 }
 

@@ -2,8 +2,13 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <linux/capability.h>
+#include <pty.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -164,6 +169,135 @@ ChildProcess::ChildProcess(std::vector<std::string> argv, const std::string& wai
 }
 
 ChildProcess::~ChildProcess() { kill(); }
+
+namespace {
+
+std::string readAll(int fd) {
+  std::string text;
+  char buffer[65536];
+  for (;;) {
+    ssize_t n = ::read(fd, buffer, sizeof(buffer));
+    if (n > 0) {
+      text.append(buffer, static_cast<std::size_t>(n));
+    } else if (n < 0 && errno == EINTR) {
+      continue;
+    } else {
+      return text;  // the end, or EIO once a terminal's last writer is gone
+    }
+  }
+}
+
+}  // namespace
+
+RunOutcome runProgram(std::vector<std::string> argv, const RunOptions& options) {
+  std::vector<char*> cargs;
+  for (auto& a : argv) cargs.push_back(a.data());
+  cargs.push_back(nullptr);
+
+  int outPipe[2], errPipe[2];
+  if (::pipe2(outPipe, O_CLOEXEC) != 0 || ::pipe2(errPipe, O_CLOEXEC) != 0) return {};
+  int terminal = -1;
+  pid_t child;
+  if (options.terminalWidth) {
+    struct winsize size {};
+    size.ws_row = 24;
+    size.ws_col = *options.terminalWidth;
+    child = ::forkpty(&terminal, nullptr, nullptr, &size);
+  } else {
+    child = ::fork();
+  }
+  if (child == 0) {
+    if (!options.terminalWidth) {
+      ::dup2(outPipe[1], STDOUT_FILENO);
+      ::dup2(errPipe[1], STDERR_FILENO);
+    }
+    for (const auto& entry : options.environment) {
+      if (entry.find('=') == std::string::npos) {
+        ::unsetenv(entry.c_str());
+      } else {
+        ::putenv(const_cast<char*>(entry.c_str()));
+      }
+    }
+    if (options.readOnly || !options.binds.empty()) {
+      if (::unshare(CLONE_NEWNS) != 0 ||
+          ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+        ::_exit(125);
+      }
+      for (const auto& [source, target] : options.binds) {
+        if (::mount(source.c_str(), target.c_str(), nullptr, MS_BIND, nullptr) != 0) ::_exit(125);
+      }
+    }
+    if (options.readOnly) {
+      const char* path = options.readOnly->c_str();
+      if (::mount(path, path, nullptr, MS_BIND, nullptr) != 0 ||
+          ::mount(nullptr, path, nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) != 0) {
+        ::_exit(125);
+      }
+    }
+    if (options.user) {
+      if (::setgroups(0, nullptr) != 0 || ::setgid(*options.user) != 0 ||
+          ::setuid(*options.user) != 0) {
+        ::_exit(126);
+      }
+    }
+    if (options.descriptors) {
+      struct rlimit limit {};
+      // Both limits: the program takes what the hard limit allows.
+      limit.rlim_cur = limit.rlim_max = *options.descriptors;
+      ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
+    ::execv(cargs[0], cargs.data());
+    ::_exit(127);
+  }
+  ::close(outPipe[1]);
+  ::close(errPipe[1]);
+  RunOutcome outcome;
+  std::thread reader([&] {
+    if (terminal >= 0) {
+      outcome.out = readAll(terminal);
+    } else {
+      std::thread errors([&] { outcome.err = readAll(errPipe[0]); });
+      outcome.out = readAll(outPipe[0]);
+      errors.join();
+    }
+  });
+  if (options.whileRunning) options.whileRunning(child);
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  reader.join();
+  if (terminal >= 0) ::close(terminal);
+  ::close(outPipe[0]);
+  ::close(errPipe[0]);
+  outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return outcome;
+}
+
+std::optional<int> inMountNamespace(const std::vector<Mount>& mounts,
+                                    const std::function<int()>& body) {
+  constexpr int kNoNamespace = 77;
+  pid_t child = ::fork();
+  if (child < 0) return std::nullopt;
+  if (child == 0) {
+    if (::unshare(CLONE_NEWNS) != 0 ||
+        ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+      ::_exit(kNoNamespace);
+    }
+    for (const auto& made : mounts) {
+      const bool bind = made.type.empty();
+      if (::mount(made.source.c_str(), made.target.c_str(), bind ? nullptr : made.type.c_str(),
+                  bind ? MS_BIND : 0, made.data.empty() ? nullptr : made.data.c_str()) != 0) {
+        ::_exit(kNoNamespace);
+      }
+    }
+    ::_exit(body());
+  }
+  int status = 0;
+  if (::waitpid(child, &status, 0) != child || !WIFEXITED(status) ||
+      WEXITSTATUS(status) == kNoNamespace) {
+    return WIFSIGNALED(status) ? std::optional<int>(128 + WTERMSIG(status)) : std::nullopt;
+  }
+  return WEXITSTATUS(status);
+}
 
 void ChildProcess::kill() {
   if (pid_ <= 0) return;

@@ -2,6 +2,9 @@
 
 // Helpers shared by the test binaries: temporary trees, main-queue draining and recorders.
 
+#include <sys/resource.h>
+#include <sys/types.h>
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -48,6 +51,46 @@ class TempDir {
  private:
   std::string path_;
 };
+
+// What a program run by `runProgram` came to.
+struct RunOutcome {
+  int status = -1;  // exit status, or 128 + signal
+  std::string out;  // standard output (and standard error, on a terminal)
+  std::string err;
+};
+
+// How `runProgram` runs a program.
+struct RunOptions {
+  std::optional<unsigned short> terminalWidth;  // run on a pseudo-terminal this wide
+  std::optional<rlim_t> descriptors;            // RLIMIT_NOFILE of the program
+  // Run as this user (and group) instead of the test's own.
+  std::optional<uid_t> user;
+  // Called with the program's process id while it runs; may signal it.
+  std::function<void(pid_t)> whileRunning;
+  // "NAME=value" entries set in the program's environment; "NAME" alone unsets NAME.
+  std::vector<std::string> environment;
+  // A folder the program sees on a read-only mount of its own (needs root).
+  std::optional<std::string> readOnly;
+  // Folders bind-mounted (source, target) in a mount namespace of the program's (needs root).
+  std::vector<std::pair<std::string, std::string>> binds;
+};
+
+// Runs the program `argv[0]` with `argv` and waits for its end, reading its output meanwhile.
+RunOutcome runProgram(std::vector<std::string> argv, const RunOptions& options = {});
+
+// A mount made for `inMountNamespace`: a bind mount of `source` when `type` is empty, else a
+// file system of `type` (with `data` as its options).
+struct Mount {
+  std::string source, target;
+  std::string type = {}, data = {};
+};
+
+// Runs `body` in a child process with a mount namespace of its own, once `mounts` are made in
+// it, so that the machine's own mounts stay untouched; gives `body`'s answer (0 for success, as
+// an exit status). Nothing when no such namespace or mount can be had here (not root): the test
+// then skips.
+std::optional<int> inMountNamespace(const std::vector<Mount>& mounts,
+                                    const std::function<int()>& body);
 
 // Runs `body` on a thread of its own that can't read past file permissions, even as root: the
 // thread's effective capabilities lose CAP_DAC_OVERRIDE and CAP_DAC_READ_SEARCH. Permission
