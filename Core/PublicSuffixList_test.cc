@@ -20,30 +20,30 @@ PublicSuffixList sample() {
   return std::move(*list);
 }
 
+// The label after the longest listed suffix is the organization; an identifier within a suffix,
+// under none, or spelt in another case gives none; wildcards take one label, their exceptions
+// none.
 TEST(PublicSuffixListTest, TheLabelAfterTheSuffixIsTheOrganization) {
   auto list = sample();
-  EXPECT_EQ(list.organization("com.example.tool"), "example");
-  EXPECT_EQ(list.organization("uk.co.example.tool"), "example");
-  EXPECT_EQ(list.organization("com..example..tool"), "example");  // empty pieces are dropped
-  EXPECT_EQ(list.organization("com.blogspot.mine.app"), "mine");
-}
-
-TEST(PublicSuffixListTest, IdentifiersWithinASuffixOrUnlistedGiveNothing) {
-  auto list = sample();
-  EXPECT_FALSE(list.organization("com"));
-  EXPECT_FALSE(list.organization("example"));
-  EXPECT_FALSE(list.organization("uk.co"));
-  EXPECT_FALSE(list.organization("org.example.tool"));
-  EXPECT_FALSE(list.organization("COM.example.tool"));  // case counts
-  // "z" exists only on the way to a longer rule: no falling back to a shorter one.
-  EXPECT_FALSE(list.organization("z.other.app"));
-}
-
-TEST(PublicSuffixListTest, WildcardsAndTheirExceptions) {
-  auto list = sample();
-  EXPECT_EQ(list.organization("t.foo.bar"), "bar");
-  EXPECT_EQ(list.organization("t.keep.bar"), "keep");
-  EXPECT_FALSE(list.organization("t.foo"));
+  const std::pair<const char*, std::optional<std::string>> rows[] = {
+      {"com.example.tool", "example"},
+      {"uk.co.example.tool", "example"},
+      {"com..example..tool", "example"},  // empty pieces are dropped
+      {"com.blogspot.mine.app", "mine"},
+      {"t.foo.bar", "bar"},
+      {"t.keep.bar", "keep"},
+      {"com", std::nullopt},
+      {"example", std::nullopt},
+      {"uk.co", std::nullopt},
+      {"org.example.tool", std::nullopt},
+      {"COM.example.tool", std::nullopt},
+      {"t.foo", std::nullopt},
+      // "z" exists only on the way to a longer rule: no falling back to a shorter one.
+      {"z.other.app", std::nullopt},
+  };
+  for (const auto& [identifier, organization] : rows) {
+    EXPECT_EQ(list.organization(identifier), organization) << identifier;
+  }
 }
 
 TEST(PublicSuffixListTest, ARuleWithoutLabelsIsADefect) {
