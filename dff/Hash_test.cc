@@ -52,9 +52,7 @@ TEST(FileHashTest, FinishesAtStageBoundaries) {
     // Taking digests between stages doesn't disturb the running one.
     EXPECT_EQ(value, md5Of(content)) << c.size;
   }
-}
-
-TEST(FileHashTest, EmptyFileIsNeverOpened) {
+  // An empty file is never opened.
   File missing("/nonexistent/empty", 0, nullptr);
   HashValue value;
   EXPECT_EQ(stagesToFinish(missing, value), 1);

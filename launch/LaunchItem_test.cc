@@ -233,12 +233,13 @@ TEST_F(LaunchItemTest, AListedApplicationIsSwitchedThroughTheList) {
   EXPECT_FALSE(notes.setAutoStartEnabled(false));
   EXPECT_TRUE(notes.setAutoStartEnabled(true));
   EXPECT_TRUE(notes.isAutoStartEnabled());
-}
 
-TEST_F(LaunchItemTest, ASystemEntryTheUserSwitchedOffCanBeSwitchedOnAgain) {
+  // A system entry the user switched off can be switched on again; the system's file stays.
+  std::filesystem::remove_all(tmp_ / "home/.config/autostart");
+  std::filesystem::remove(app);
   tmp_.write("etc/xdg/autostart/applet.desktop",
              "[Desktop Entry]\nType=Application\nName=Applet\nExec=applet\n");
-  auto items = find();
+  items = find();
   ASSERT_EQ(items.size(), 1u);
   EXPECT_TRUE(items[0].setAutoStartEnabled(false));
   EXPECT_TRUE(std::filesystem::exists(tmp_ / "etc/xdg/autostart/applet.desktop"));
