@@ -21,7 +21,7 @@ namespace cli {
 
 namespace {
 
-void printReport(const std::vector<Core::DuplicateGroup>& groups, const Core::KeepOnePlan& plan,
+void printReport(const std::vector<Core::DuplicateGroup>& groups, std::int64_t reclaimable,
                  bool stopped) {
   std::size_t items = 0;
   for (const auto& group : groups) {
@@ -43,7 +43,7 @@ void printReport(const std::vector<Core::DuplicateGroup>& groups, const Core::Ke
     items += group.size();
   }
   std::printf("%zu groups, %zu items, %s could be freed by keeping one of each%s\n", groups.size(),
-              items, platform::formatByteCount(plan.bytesFreed).c_str(),
+              items, platform::formatByteCount(reclaimable).c_str(),
               stopped ? " (search stopped: only what was settled before the stop)" : "");
 }
 
@@ -152,14 +152,14 @@ void addDupesCommand(CLI::App& app) {
       if (!errors.empty()) failIncomplete(errors);
       return;
     }
-    auto plan = Core::planKeepingOne(groups);
+    const std::int64_t reclaimable = Core::bytesFreedKeepingOne(groups);
     platform::endPhase("plan");
     if (*json) {
-      writeDupesJson(groups, plan, stopped, errors, [](std::string_view piece) {
+      writeDupesJson(groups, reclaimable, stopped, errors, [](std::string_view piece) {
         std::fwrite(piece.data(), 1, piece.size(), stdout);
       });
     } else {
-      printReport(groups, plan, stopped);
+      printReport(groups, reclaimable, stopped);
     }
     platform::endPhase("report");
     if (stopped) throw CommandError{kFailure, "stopped"};

@@ -303,7 +303,11 @@ const GroupMember* chooseKept(const std::vector<const GroupMember*>& candidates,
 
 }  // namespace
 
-KeepOnePlan planKeepingOne(const std::vector<DuplicateGroup>& groups, const KeepRule& rule) {
+namespace {
+
+// The plan, with its targets and kept members listed when `listed`; otherwise only what it
+// frees and the groups it leaves alone.
+KeepOnePlan plan(const std::vector<DuplicateGroup>& groups, const KeepRule& rule, bool listed) {
   KeepOnePlan plan;
   // Only a folder or a package holds other paths: the questions about what lies inside what
   // look up sorted sets of those alone, and whole paths are looked up by hashing. Every path
@@ -318,6 +322,24 @@ KeepOnePlan planKeepingOne(const std::vector<DuplicateGroup>& groups, const Keep
     const GroupMember* member;  // whose name it is
   };
   std::vector<Candidate> candidates;
+  FreedBytes freed;
+  // What deleting a target frees.
+  auto account = [&](std::string_view target, const GroupMember& member) {
+    if (member.kind == MemberKind::file) {
+      // A file was examined when its group was refined: each of its names counts once.
+      freed.add(Identity{member.device, member.inode}, member.file().size, member.linkCount);
+      return;
+    }
+    const std::string path(target);
+    struct stat status;
+    if (::lstat(path.c_str(), &status) == 0) {
+      if (S_ISDIR(status.st_mode)) {
+        platform::walkTree(path, freed);
+      } else if (S_ISREG(status.st_mode)) {
+        freed.add(status);
+      }
+    }
+  };
 
   // A path lies inside a target when it is one or one of its leading parts is a folder target;
   // a folder holds a kept path when it is one or the first kept path after it starts with it.
@@ -359,13 +381,18 @@ KeepOnePlan planKeepingOne(const std::vector<DuplicateGroup>& groups, const Keep
     if (!holds(group.front().kind)) order.push_back(&group);
   }
 
-  // Every member but one of each group may become a target.
-  std::size_t most = 0;
-  for (const auto& group : groups) {
-    for (const auto& member : group) most += 1 + member.otherNames.size();
+  // Without folders or packages no target lies inside another: when the targets aren't
+  // listed, each is counted as it is found, and none is kept.
+  const bool direct = !listed && (order.empty() || !holds(order.front()->front().kind));
+  if (!direct) {
+    // Every member but one of each group may become a target.
+    std::size_t most = 0;
+    for (const auto& group : groups) {
+      for (const auto& member : group) most += 1 + member.otherNames.size();
+    }
+    candidates.reserve(most);
   }
-  candidates.reserve(most);
-  plan.kept.reserve(groups.size());
+  if (listed) plan.kept.reserve(groups.size());
 
   std::vector<const GroupMember*> free;
   for (const DuplicateGroup* group : order) {
@@ -385,7 +412,7 @@ KeepOnePlan planKeepingOne(const std::vector<DuplicateGroup>& groups, const Keep
       keptPaths.insert(name);
       if (holding) keptSorted.insert(name);
     });
-    plan.kept.push_back(keep->file().url);
+    if (listed) plan.kept.push_back(keep->file().url);
     for (const auto& member : *group) {
       if (&member == keep) continue;
       // The same file as the kept one under another name: deleting it frees nothing and would
@@ -395,7 +422,11 @@ KeepOnePlan planKeepingOne(const std::vector<DuplicateGroup>& groups, const Keep
       if (auto* photo = std::get_if<Photo>(&member.item)) photoID = photo->id;
       forEachName(member, [&](std::string_view name) {
         if (insideTarget(name) || holdsKept(name, member.kind)) return;
-        candidates.push_back({{name, member.kind, keep->file().url, photoID}, &member});
+        if (direct) {
+          account(name, member);
+        } else {
+          candidates.push_back({{name, member.kind, keep->file().url, photoID}, &member});
+        }
         addTarget(name, member.kind);
       });
     }
@@ -409,30 +440,25 @@ KeepOnePlan planKeepingOne(const std::vector<DuplicateGroup>& groups, const Keep
   folderTargets.clear();
   keptPaths = {};
   keptSorted = {};
-  plan.deletions.reserve(candidates.size());
-  FreedBytes freed;
+  if (listed) plan.deletions.reserve(candidates.size());
   for (auto& candidate : candidates) {
     if (insideTarget(candidate.target.path)) continue;
     addTarget(candidate.target.path, candidate.target.kind);
-    const GroupMember& member = *candidate.member;
-    if (member.kind == MemberKind::file) {
-      // A file was examined when its group was refined: each of its names counts once.
-      freed.add(Identity{member.device, member.inode}, member.file().size, member.linkCount);
-    } else {
-      const std::string path(candidate.target.path);
-      struct stat status;
-      if (::lstat(path.c_str(), &status) == 0) {
-        if (S_ISDIR(status.st_mode)) {
-          platform::walkTree(path, freed);
-        } else if (S_ISREG(status.st_mode)) {
-          freed.add(status);
-        }
-      }
-    }
-    plan.deletions.push_back(candidate.target);
+    account(candidate.target.path, *candidate.member);
+    if (listed) plan.deletions.push_back(candidate.target);
   }
   plan.bytesFreed = freed.total();
   return plan;
+}
+
+}  // namespace
+
+KeepOnePlan planKeepingOne(const std::vector<DuplicateGroup>& groups, const KeepRule& rule) {
+  return plan(groups, rule, true);
+}
+
+std::int64_t bytesFreedKeepingOne(const std::vector<DuplicateGroup>& groups, const KeepRule& rule) {
+  return plan(groups, rule, false).bytesFreed;
 }
 
 }  // namespace Core

@@ -104,6 +104,10 @@ struct KeepRule {
 
 // A member that is the same file as the kept one (one device and inode) is never deleted.
 KeepOnePlan planKeepingOne(const std::vector<DuplicateGroup>& groups, const KeepRule& rule = {});
+// What `planKeepingOne` frees, without listing its targets: for a report, which shows only
+// the total.
+std::int64_t bytesFreedKeepingOne(const std::vector<DuplicateGroup>& groups,
+                                  const KeepRule& rule = {});
 // The plan would outlive groups made for the call.
 KeepOnePlan planKeepingOne(std::vector<DuplicateGroup>&& groups,
                            const KeepRule& rule = {}) = delete;

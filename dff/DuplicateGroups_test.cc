@@ -111,12 +111,13 @@ TEST(RefineGroupsTest, HardLinksAreOneMemberUnlessAskedFor) {
   // Deleting the copy frees its bytes; deleting the linked file would free them only with all
   // three names, and the plan keeps one member whole.
   EXPECT_EQ(planKeepingOne(groups).bytesFreed, 1200);
+  EXPECT_EQ(bytesFreedKeepingOne(groups), 1200);  // counted as they are found
 
   auto listed = search({tmp / "d", tmp / "e"}, RefineOptions{.keepHardLinks = true});
   ASSERT_EQ(listed.size(), 1u);
   EXPECT_EQ(listed[0].size(), 4u);
   // Listed apart, the names still count as one file when freed space is added up.
-  EXPECT_EQ(planKeepingOne(listed).bytesFreed, 1200);
+  EXPECT_EQ(bytesFreedKeepingOne(listed), 1200);
 }
 
 TEST(RefineGroupsTest, APhotoWhoseFileIsAlsoWalkedIsOneMemberShownAsThePhoto) {
@@ -190,6 +191,7 @@ TEST(PlanKeepingOneTest, FolderGroupsComeFirstAndNoByteIsCountedTwice) {
   auto plan = planKeepingOne(groups);
   // One of the folders goes with all it holds, one copy of "abc" and the third copy of f1.
   EXPECT_EQ(plan.bytesFreed, 15000 + 3 + 10000);
+  EXPECT_EQ(bytesFreedKeepingOne(groups), plan.bytesFreed);
   std::set<std::string> deleted;
   for (const auto& target : plan.deletions) deleted.insert(std::string(target.path));
   EXPECT_EQ(deleted.size(), 3u);

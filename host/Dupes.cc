@@ -129,7 +129,7 @@ void DupesScan::stop() {
 }
 
 void DupesScan::writeJson(const std::function<void(std::string_view)>& write) const {
-  writeDupesJson(groups_, Core::planKeepingOne(groups_), stopped_, errors_, write);
+  writeDupesJson(groups_, Core::bytesFreedKeepingOne(groups_), stopped_, errors_, write);
 }
 
 std::vector<std::string> DupesScan::reportedPaths() const {
@@ -149,7 +149,7 @@ DeletionRequest DupesScan::deletion(const std::set<std::string>& chosen,
   return duplicatesDeletion(groups_, rule, &chosen);
 }
 
-void writeDupesJson(const std::vector<Core::DuplicateGroup>& groups, const Core::KeepOnePlan& plan,
+void writeDupesJson(const std::vector<Core::DuplicateGroup>& groups, std::int64_t reclaimable,
                     bool stopped, const std::vector<ReadError>& errors,
                     const std::function<void(std::string_view)>& write) {
   std::string out = "{\"groups\":[";
@@ -181,7 +181,7 @@ void writeDupesJson(const std::vector<Core::DuplicateGroup>& groups, const Core:
     }
     out += "]";
   }
-  out += "],\"reclaimable\":" + std::to_string(plan.bytesFreed);
+  out += "],\"reclaimable\":" + std::to_string(reclaimable);
   out += std::string(",\"stopped\":") + (stopped ? "true" : "false");
   out += std::string(",\"complete\":") + (stopped || !errors.empty() ? "false" : "true");
   out += ",\"errors\":" + errorsJson(errors).dump() + "}\n";

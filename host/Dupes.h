@@ -73,7 +73,7 @@ class DupesScan final : public ScanJob {
 // "path", "size", "kind", "modified", "id", "also"}, ...], ...], "reclaimable", "stopped",
 // "complete", "errors"}. A document object of a million members would cost more memory than the
 // search itself.
-void writeDupesJson(const std::vector<Core::DuplicateGroup>& groups, const Core::KeepOnePlan& plan,
+void writeDupesJson(const std::vector<Core::DuplicateGroup>& groups, std::int64_t reclaimable,
                     bool stopped, const std::vector<ReadError>& errors,
                     const std::function<void(std::string_view)>& write);
 
