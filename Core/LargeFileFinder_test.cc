@@ -63,20 +63,18 @@ TEST(LargeFileFinderTest, ConfiguresTheQueryAndSkipsItemsWithoutAttributes) {
   EXPECT_EQ(query.stops, 1);
   EXPECT_EQ(delegate->found, (std::vector<File>{{"/home/a", 30}, {"/home/d", 5}}));
   EXPECT_EQ(delegate->urls.back(), "/home/d");
-}
 
-TEST(LargeFileFinderTest, NoResultsReportOnlyAnEmptyList) {
-  auto owned = std::make_unique<ScriptedQuery>();
-  ScriptedQuery& query = *owned;
-  LargeFileFinder finder(std::move(owned));
-  auto delegate = std::make_shared<RecordingDelegate>();
-  finder.delegate = delegate;
-  finder.start(1 << 20);
-  query.update();
-  query.finish();
-  EXPECT_TRUE(delegate->urls.empty());
-  EXPECT_EQ(delegate->finishes, 1);
-  EXPECT_TRUE(delegate->found.empty());
+  // No results report only an empty list.
+  auto none = std::make_unique<ScriptedQuery>();
+  ScriptedQuery& empty = *none;
+  LargeFileFinder nothing(std::move(none));
+  auto quiet = std::make_shared<RecordingDelegate>();
+  nothing.delegate = quiet;
+  nothing.start(1 << 20);
+  empty.update();
+  empty.finish();
+  EXPECT_TRUE(quiet->urls.empty() && quiet->found.empty());
+  EXPECT_EQ(quiet->finishes, 1);
 }
 
 class LargeFileFinderTreeTest : public ::testing::Test {
@@ -103,13 +101,11 @@ TEST_F(LargeFileFinderTreeTest, FindsFilesOfAtLeastTheSizeLargestFirst) {
                                                  {tmp_ / "home/deep/also", 1000},
                                                  {tmp_ / "home/exact", 1000}}));
   EXPECT_EQ(delegate_->urls.back(), tmp_ / "home/exact");
-}
-
-TEST_F(LargeFileFinderTreeTest, NothingLargeEnoughGivesAnEmptyList) {
+  // Nothing large enough gives an empty list.
+  delegate_->urls.clear();
   finder_.start(1 << 30);
-  ASSERT_TRUE(testsupport::drainMainUntil([&] { return delegate_->finishes == 1; }));
-  EXPECT_TRUE(delegate_->found.empty());
-  EXPECT_TRUE(delegate_->urls.empty());
+  ASSERT_TRUE(testsupport::drainMainUntil([&] { return delegate_->finishes == 2; }));
+  EXPECT_TRUE(delegate_->found.empty() && delegate_->urls.empty());
 }
 
 TEST_F(LargeFileFinderTreeTest, StopBeforeTheFinishReportsNothing) {
