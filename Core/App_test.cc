@@ -16,15 +16,5 @@ TEST(AppFileTest, KindsComeFromExactText) {
   }
 }
 
-TEST(AppFileTest, FileRecordsRenderTheirSize) {
-  File file{"/tmp/a", 1'500'000};
-  AppFile appFile{"/tmp/b", 0, AppFile::Log{}, AppName{"gone.app"}};
-  EXPECT_EQ(file.sizeString(), "1.5 MB");
-  EXPECT_EQ(sizeString(file), "1.5 MB");
-  EXPECT_EQ(appFile.sizeString(), "Zero KB");
-  EXPECT_EQ(Duplicate(Photo{"ID/L0/001", file}), Duplicate(Photo{"ID/L0/001", file}));
-  EXPECT_NE(Duplicate(file), Duplicate(Photo{"ID/L0/001", file}));
-}
-
 }  // namespace
 }  // namespace Core
