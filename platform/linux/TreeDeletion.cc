@@ -16,8 +16,8 @@
 #include <vector>
 
 #include "platform/Files.h"
-#include "platform/linux/Dirent.h"
 #include "platform/TreeWalker.h"
+#include "platform/linux/Dirent.h"
 
 namespace platform {
 
