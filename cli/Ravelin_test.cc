@@ -16,6 +16,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -42,6 +43,46 @@ Outcome run(const std::vector<std::string>& args, const RunOptions& options = {}
   std::vector<std::string> argv{RAVELIN_BINARY};
   argv.insert(argv.end(), args.begin(), args.end());
   return testsupport::runProgram(argv, options);
+}
+
+// `folders` folders of `files` files each below `root`, each file holding `content`.
+void writeWideTree(const std::string& root, int folders, int files, const char* content = "") {
+  for (int folder = 0; folder < folders; ++folder) {
+    std::string path = root + "/" + std::to_string(folder);
+    std::filesystem::create_directories(path);
+    for (int file = 0; file < files; ++file) {
+      int fd = ::open((path + "/" + std::to_string(file)).c_str(), O_CREAT | O_WRONLY, 0644);
+      (void)!::write(fd, content, std::strlen(content));
+      ::close(fd);
+    }
+  }
+}
+
+// Whether the program still runs: not yet reaped, it may have ended already (a zombie).
+bool running(pid_t child) {
+  std::ifstream stat("/proc/" + std::to_string(child) + "/stat");
+  std::string line;
+  std::getline(stat, line);
+  const auto name = line.rfind(')');
+  return name != std::string::npos && name + 2 < line.size() && line[name + 2] != 'Z';
+}
+
+// Interrupts the program once `now` says so, held still meanwhile so that a busy machine can't
+// let it run to its end between the sight and the signal; gives up after a minute, or when the
+// program has ended.
+std::function<void(pid_t)> interruptWhen(std::function<bool(pid_t)> now) {
+  return [now = std::move(now)](pid_t child) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (std::chrono::steady_clock::now() < deadline && running(child)) {
+      if (now(child)) {
+        ::kill(child, SIGSTOP);
+        ::kill(child, SIGINT);
+        ::kill(child, SIGCONT);
+        return;
+      }
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+  };
 }
 
 // A tree of `depth` levels, each holding one file of 10 bytes and a copy of it one level down.
@@ -120,38 +161,20 @@ TEST(RavelinTest, UnreadableFoldersMakeAResultIncomplete) {
 TEST(RavelinTest, CtrlCStopsALargeSearchThatFindsNothing) {
   // Enough empty files that the walk is still going when it is interrupted; made in memory.
   TempDir tmp("/dev/shm");
-  for (int folder = 0; folder < 200; ++folder) {
-    std::string path = tmp.mkdir("tree/" + std::to_string(folder));
-    for (int file = 0; file < 1000; ++file) {
-      int fd = ::open((path + "/" + std::to_string(file)).c_str(), O_CREAT | O_WRONLY, 0644);
-      ::close(fd);
-    }
-  }
+  writeWideTree(tmp / "tree", 200, 1000);
   RunOptions options;
-  options.whileRunning = [&](pid_t child) {
-    // Once the walk has begun (the program holds a folder of the tree open), interrupt it.
-    std::string fds = "/proc/" + std::to_string(child) + "/fd";
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (std::chrono::steady_clock::now() < deadline) {
-      // A descriptor may close between being listed and being read: that says nothing about
-      // the program, so only a failure to list the folder means it has ended.
-      std::error_code error;
-      for (const auto& entry : std::filesystem::directory_iterator(fds, error)) {
-        std::error_code linkError;
-        auto target = std::filesystem::read_symlink(entry.path(), linkError);
-        if (!linkError && target.string().rfind(tmp / "tree/", 0) == 0) {
-          // Hold the program still while the interrupt is queued, so a busy machine can't let
-          // the walk run to its end between seeing the folder and sending the signal.
-          ::kill(child, SIGSTOP);
-          ::kill(child, SIGINT);
-          ::kill(child, SIGCONT);
-          return;
-        }
-      }
-      if (error) return;  // the program has ended
-      std::this_thread::sleep_for(std::chrono::microseconds(200));
+  // Once the walk has begun: the program holds a folder of the tree open. A descriptor may close
+  // between being listed and being read, which says nothing about the program.
+  options.whileRunning = interruptWhen([&](pid_t child) {
+    std::error_code error;
+    for (const auto& entry :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(child) + "/fd", error)) {
+      std::error_code linkError;
+      auto target = std::filesystem::read_symlink(entry.path(), linkError);
+      if (!linkError && target.string().rfind(tmp / "tree/", 0) == 0) return true;
     }
-  };
+    return false;
+  });
   Outcome outcome = run({"large", "--json", "--min-size", "1", tmp / "tree"}, options);
   ASSERT_EQ(outcome.status, 1) << outcome.err;
   auto result = nlohmann::json::parse(outcome.out);
@@ -163,14 +186,7 @@ TEST(RavelinTest, CtrlCStopsALargeSearchThatFindsNothing) {
 TEST(RavelinTest, CtrlCHalfWayThroughAFolderIsReportedAsTheDiskStands) {
   TempDir tmp("/dev/shm");
   constexpr int kFolders = 100, kFiles = 1000;
-  for (int folder = 0; folder < kFolders; ++folder) {
-    std::string path = tmp.mkdir("tree/" + std::to_string(folder));
-    for (int file = 0; file < kFiles; ++file) {
-      int fd = ::open((path + "/" + std::to_string(file)).c_str(), O_CREAT | O_WRONLY, 0644);
-      ::write(fd, "x", 1);
-      ::close(fd);
-    }
-  }
+  writeWideTree(tmp / "tree", kFolders, kFiles, "x");
   // The tree's link count falls by one with each of its folders deleted; the plan deletes none.
   auto folderLinks = [&] {
     struct stat status {};
@@ -179,20 +195,7 @@ TEST(RavelinTest, CtrlCHalfWayThroughAFolderIsReportedAsTheDiskStands) {
   };
   const long long before = folderLinks();
   RunOptions options;
-  options.whileRunning = [&](pid_t child) {
-    // Once a folder has gone, interrupt it, held still meanwhile.
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (std::chrono::steady_clock::now() < deadline) {
-      if (folderLinks() < before) {
-        ::kill(child, SIGSTOP);
-        ::kill(child, SIGINT);
-        ::kill(child, SIGCONT);
-        return;
-      }
-      if (::kill(child, 0) != 0) return;
-      std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-  };
+  options.whileRunning = interruptWhen([&](pid_t) { return folderLinks() < before; });
   Outcome outcome = run({"delete", "--yes", "--json", "--system", tmp / "tree"}, options);
   auto result = nlohmann::json::parse(outcome.out);
   long long files = 0, entries = 0;
