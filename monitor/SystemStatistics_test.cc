@@ -73,31 +73,23 @@ TEST_F(SystemStatisticsTest, NetworkSkipsLoopbackByFlagAndTotalsGrow) {
   tmp_.write("sys/class/net/wlan0/flags", "0x1003\n");
   // "veth-lo" is named like loopback but isn't flagged so: it counts.
   tmp_.write("sys/class/net/veth-lo/flags", "0x1003\n");
-  netDev(
-      "    lo: 5000 10 0 0 0 0 0 0 5000 10 0 0 0 0 0 0\n"
-      "  eth0: 1000 5 0 0 0 0 0 0 200 3 0 0 0 0 0 0\n"
-      " wlan0: 30 1 0 0 0 0 0 0 40 1 0 0 0 0 0 0\n"
-      "veth-lo: 1 1 0 0 0 0 0 0 2 1 0 0 0 0 0 0\n");
-  auto first = GetNetworkStat();
-  ASSERT_TRUE(first);
-  EXPECT_EQ((*first)->bytesIn, 1031u);
-  EXPECT_EQ((*first)->bytesOut, 242u);
-
+  using Totals = std::pair<std::uint64_t, std::uint64_t>;
+  // Bytes in and out of loopback and eth0; wlan0 and veth-lo stay as they are.
+  auto counters = [&](int loopback, int in, int out) {
+    const std::string lo = std::to_string(loopback);
+    netDev("    lo: " + lo + " 10 0 0 0 0 0 0 " + lo + " 10 0 0 0 0 0 0\n" +
+           "  eth0: " + std::to_string(in) + " 5 0 0 0 0 0 0 " + std::to_string(out) +
+           " 3 0 0 0 0 0 0\n"
+           " wlan0: 30 1 0 0 0 0 0 0 40 1 0 0 0 0 0 0\n"
+           "veth-lo: 1 1 0 0 0 0 0 0 2 1 0 0 0 0 0 0\n");
+    auto stat = GetNetworkStat();
+    EXPECT_TRUE(stat);
+    return stat ? Totals{(*stat)->bytesIn, (*stat)->bytesOut} : Totals{};
+  };
+  EXPECT_EQ(counters(5000, 1000, 200), (Totals{1031, 242}));
   // Only loopback moved: the totals stay. Then eth0 grows.
-  netDev(
-      "    lo: 9000 20 0 0 0 0 0 0 9000 20 0 0 0 0 0 0\n"
-      "  eth0: 1000 5 0 0 0 0 0 0 200 3 0 0 0 0 0 0\n"
-      " wlan0: 30 1 0 0 0 0 0 0 40 1 0 0 0 0 0 0\n"
-      "veth-lo: 1 1 0 0 0 0 0 0 2 1 0 0 0 0 0 0\n");
-  EXPECT_EQ((*GetNetworkStat())->bytesIn, 1031u);
-  netDev(
-      "    lo: 9000 20 0 0 0 0 0 0 9000 20 0 0 0 0 0 0\n"
-      "  eth0: 4000 9 0 0 0 0 0 0 900 7 0 0 0 0 0 0\n"
-      " wlan0: 30 1 0 0 0 0 0 0 40 1 0 0 0 0 0 0\n"
-      "veth-lo: 1 1 0 0 0 0 0 0 2 1 0 0 0 0 0 0\n");
-  auto later = GetNetworkStat();
-  EXPECT_EQ((*later)->bytesIn, 4031u);
-  EXPECT_EQ((*later)->bytesOut, 942u);
+  EXPECT_EQ(counters(9000, 1000, 200), (Totals{1031, 242}));
+  EXPECT_EQ(counters(9000, 4000, 900), (Totals{4031, 942}));
 }
 
 TEST(ClaimAndReleaseTest, EveryBlockIsFreedAlsoWhenAllocationFailsHalfWay) {
