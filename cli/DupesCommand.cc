@@ -21,21 +21,21 @@ namespace cli {
 
 namespace {
 
-void printReport(const std::vector<Core::DuplicateGroup>& groups, std::int64_t reclaimable,
-                 bool stopped) {
+void printReport(const Core::DuplicateGroups& groups, std::int64_t reclaimable, bool stopped) {
   std::size_t items = 0;
-  for (const auto& group : groups) {
+  for (const auto group : groups) {
     std::printf("%zu × %s\n", group.size(),
-                platform::formatByteCount(group.front().file().size).c_str());
+                platform::formatByteCount(groups.fileSize(group.front())).c_str());
     for (const auto& member : group) {
-      std::string line = "  " + displayText(member.file().url);
-      if (auto* photo = std::get_if<Core::Photo>(&member.item)) {
-        line += "  [photo " + displayText(photo->id) + "]";
+      std::string line = "  " + displayText(groups.path(member));
+      if (auto id = groups.photoID(member)) {
+        line += "  [photo " + displayText(*id) + "]";
       } else if (member.kind != Core::MemberKind::file) {
         line += std::string("  [") + kindName(member.kind) + "]";
       }
       std::printf("%s\n", line.c_str());
-      for (const auto& name : member.otherNames) {
+      if (groups.otherNameCount(member) == 0) continue;
+      for (const auto& name : groups.otherNames(member)) {
         std::printf("    = %s\n", displayText(name).c_str());
       }
     }
@@ -142,7 +142,7 @@ void addDupesCommand(CLI::App& app) {
         std::chrono::hours(24 * 365));
     status.clear();
     const bool stopped = scan.stopped();
-    std::vector<Core::DuplicateGroup> groups = std::move(scan.groups());
+    Core::DuplicateGroups groups = std::move(scan.groups());
     const std::vector<ReadError>& errors = scan.errors();
     if (*remove) {
       if (stopped) throw CommandError{kFailure, "stopped: nothing deleted"};

@@ -5,6 +5,12 @@
 
 namespace Core {
 
+Duplicate duplicateAt(const dff::FoundGroups& groups, std::size_t member) {
+  File file{groups.path(member), groups.fileSize(member)};
+  if (auto id = groups.photoID(member)) return Photo{std::string(*id), std::move(file)};
+  return file;
+}
+
 DuplicateFileFinder::DuplicateFileFinder(Token) : slot_(std::make_shared<DelegateSlot>()) {}
 
 std::shared_ptr<DuplicateFileFinder> DuplicateFileFinder::create() {
@@ -24,29 +30,12 @@ void DuplicateFileFinder::start() {
   platform::DispatchQueue queue("start()", platform::QoS::userInitiated);
   // The run owns the finder: the engine's callbacks reach it until `find` has returned.
   queue.async([self = shared_from_this(), slot = slot_] {
-    dff::DFFGroups found = self->find();
-    // The entries are this run's alone: their strings move over instead of being copied, and
-    // each group is let go once converted, so that the groups are held once, not twice.
-    std::vector<std::vector<Duplicate>> groups;
-    groups.reserve(found.size());
-    for (auto& group : found) {
-      auto& converted = groups.emplace_back();
-      converted.reserve(group.size());
-      for (auto& entry : group) {
-        if (auto* photo = dynamic_cast<dff::DFFPhoto*>(entry.get())) {
-          converted.push_back(
-              Photo{std::move(photo->id), File{std::move(photo->url), photo->size}});
-        } else {
-          converted.push_back(File{std::move(entry->url), entry->size});
-        }
-      }
-      group = {};
-    }
-    found = {};
+    // Held by a shared owner only because a queued block must be copyable.
+    auto groups = std::make_shared<dff::FoundGroups>(self->find());
     platform::endPhase("hand-over");
-    platform::DispatchQueue::main().async([slot, groups = std::move(groups)]() mutable {
+    platform::DispatchQueue::main().async([slot, groups] {
       if (auto delegate = slot->delegate.lock()) {
-        delegate->duplicateFileFinderCompleted(std::move(groups));
+        delegate->duplicateFileFinderCompleted(std::move(*groups));
       }
     });
   });

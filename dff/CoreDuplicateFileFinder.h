@@ -19,8 +19,11 @@ class DuplicateFileFinderDelegate {
   virtual void duplicateFileFinderCurrent(const std::string& url) = 0;
   virtual void duplicateFileFinderProgress(double progress) = 0;
   // The groups are the delegate's to keep or take apart.
-  virtual void duplicateFileFinderCompleted(std::vector<std::vector<Duplicate>> groups) = 0;
+  virtual void duplicateFileFinderCompleted(dff::FoundGroups groups) = 0;
 };
+
+// Member `member` of `groups` as a value: a photo when it is a picture of a library.
+Duplicate duplicateAt(const dff::FoundGroups& groups, std::size_t member);
 
 // Runs searches on a serial queue of their own and reports on the main queue. The delegate is
 // held weakly and looked up on the main queue at each report; one that is gone makes the report

@@ -1,5 +1,7 @@
 #include "dff/DFFDuplicateFileFinder.h"
 
+#include <unordered_map>
+
 #include "platform/HostStatistics.h"
 #include "platform/Phases.h"
 
@@ -42,8 +44,8 @@ void DFFDuplicateFileFinder::setMinFileSize(std::int64_t size) {
   finder_->minFileSize = size;
 }
 
-DFFGroups DFFDuplicateFileFinder::find() {
-  DFFGroups groups = convertResult(finder_->find());
+FoundGroups DFFDuplicateFileFinder::find() {
+  FoundGroups groups = convertResult(finder_->find());
   finder_->releaseFiles();
   // The tree was built and freed on this thread; the host builds what it shows on another.
   platform::releaseFreedMemory();
@@ -53,20 +55,26 @@ DFFGroups DFFDuplicateFileFinder::find() {
 
 void DFFDuplicateFileFinder::stop() { finder_->stop(); }
 
-DFFGroups DFFDuplicateFileFinder::convertResult(const Result& result) {
-  DFFGroups groups;
-  groups.reserve(result.size());
+FoundGroups DFFDuplicateFileFinder::convertResult(const Result& result) {
+  FoundGroups groups;
+  std::size_t members = 0;
+  for (const Group& group : result) members += group.size();
+  groups.reserve(result.size(), members);
+  // Each folder's path is built once, however many members it holds.
+  std::unordered_map<const Container*, std::uint32_t> folders;
   for (const Group& group : result) {
-    auto& converted = groups.emplace_back();
-    converted.reserve(group.size());
     for (File* entry : group) {
       if (auto* photo = dynamic_cast<Photo*>(entry)) {
-        converted.push_back(
-            std::make_shared<DFFPhoto>(photo->id, photo->path().string(), photo->size));
+        groups.addPath(photo->path().string(), photo->size, photo->id);
+      } else if (entry->keepsWholePath()) {
+        groups.addPath(entry->name(), entry->size);
       } else {
-        converted.push_back(std::make_shared<DFFFile>(entry->path().string(), entry->size));
+        auto [at, added] = folders.try_emplace(entry->parent, 0);
+        if (added) at->second = groups.addFolder(entry->parent->path().string());
+        groups.add(at->second, entry->name(), entry->size);
       }
     }
+    groups.endGroup();
   }
   return groups;
 }

@@ -1,7 +1,8 @@
 #pragma once
 
-// The engine in plain values: paths, strings and numbers in; arrays of `DFFFile` and `DFFPhoto`
-// out. The engine's tree never outlives `find`, which converts and releases it before returning.
+// The engine in plain values: paths, strings and numbers in; the groups found out, as flat
+// arrays of names and sizes. The engine's tree never outlives `find`, which converts and releases
+// it before returning.
 
 #include <cstdint>
 #include <memory>
@@ -9,25 +10,9 @@
 #include <vector>
 
 #include "dff/DuplicateFileFinder.h"
+#include "dff/FoundGroups.h"
 
 namespace dff {
-
-class DFFFile {
- public:
-  DFFFile(std::string url, std::int64_t size) : url(std::move(url)), size(size) {}
-  virtual ~DFFFile() = default;
-  std::string url;  // absolute path
-  std::int64_t size;
-};
-
-class DFFPhoto final : public DFFFile {
- public:
-  DFFPhoto(std::string id, std::string url, std::int64_t size)
-      : DFFFile(std::move(url), size), id(std::move(id)) {}
-  std::string id;
-};
-
-using DFFGroups = std::vector<std::vector<std::shared_ptr<DFFFile>>>;
 
 // Holds one engine. The setters write through to the engine at once. `find` runs on the calling
 // thread; `stop` may come from any thread.
@@ -53,9 +38,9 @@ class DFFDuplicateFileFinder {
   unsigned jobs() const { return jobs_; }
   void setJobs(unsigned jobs);
 
-  // Runs a search and gives its groups: folders and packages come back as `DFFFile` with their
-  // total size.
-  DFFGroups find();
+  // Runs a search and gives its groups: folders and packages come back as members with their
+  // total size, pictures with their identifier.
+  FoundGroups find();
   void stop();
 
  protected:
@@ -63,7 +48,7 @@ class DFFDuplicateFileFinder {
   virtual void progress(double value) {}
   virtual void current(const std::string& url) {}
 
-  static DFFGroups convertResult(const Result& result);
+  static FoundGroups convertResult(const Result& result);
 
  private:
   std::vector<std::string> rootFolderURLs_;

@@ -10,6 +10,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <map>
 #include <memory>
 #include <optional>
@@ -106,105 +107,145 @@ ResolvedRoots resolveRoots(const std::vector<std::string>& roots) {
   return result;
 }
 
-const File& GroupMember::file() const {
-  if (auto* photo = std::get_if<Photo>(&item)) return photo->file;
-  return std::get<File>(item);
+std::vector<std::string> DuplicateGroups::otherNames(const GroupMember& member) const {
+  std::vector<std::string> names;
+  if (member.others == 0) return names;
+  for (std::uint32_t other : others_[member.others - 1]) names.push_back(found_.path(other));
+  return names;
 }
 
-std::vector<DuplicateGroup> refineGroups(std::vector<std::vector<Duplicate>> groups,
-                                         const RefineOptions& options) {
+DuplicateGroups refineGroups(const std::vector<std::vector<Duplicate>>& groups,
+                             const RefineOptions& options) {
+  dff::FoundGroups found;
+  for (const auto& group : groups) {
+    for (const auto& item : group) {
+      if (auto* photo = std::get_if<Photo>(&item)) {
+        found.addPath(photo->file.url, photo->file.size, photo->id);
+      } else {
+        found.addPath(std::get<File>(item).url, std::get<File>(item).size);
+      }
+    }
+    found.endGroup();
+  }
+  return refineGroups(std::move(found), options);
+}
+
+DuplicateGroups refineGroups(dff::FoundGroups found, const RefineOptions& options) {
   // Members are examined ahead of their turn, a window of them at a time, on as many threads as
   // there are processors: a search may give a million of them, and the rest of the work is quick
   // by comparison. The window bounds what is held: a stat for each member at once would double
   // the memory of a search of a million files.
-  std::vector<const std::string*> paths;
-  for (const auto& group : groups) {
-    for (const auto& item : group) {
-      paths.push_back(std::holds_alternative<Photo>(item) ? &std::get<Photo>(item).file.url
-                                                          : &std::get<File>(item).url);
-    }
-  }
   struct Examined {
     struct stat status;
     bool present;
   };
   constexpr std::size_t kWindow = 1 << 14;
+  const std::size_t count = found.memberCount();
   std::vector<Examined> examined;
+  std::vector<std::string> paths;
   std::size_t windowStart = 0;
   auto examinedAt = [&](std::size_t index) -> const Examined& {
     if (index >= windowStart + examined.size()) {
       windowStart = index;
-      examined.resize(std::min(kWindow, paths.size() - index));
+      const std::size_t length = std::min(kWindow, count - index);
+      examined.resize(length);
+      paths.resize(length);
+      for (std::size_t i = 0; i < length; ++i) {
+        paths[i].clear();
+        found.appendPath(windowStart + i, paths[i]);
+      }
       auto examine = [&](std::size_t from, std::size_t to) {
         for (std::size_t i = from; i < to; ++i) {
-          examined[i].present = ::lstat(paths[windowStart + i]->c_str(), &examined[i].status) == 0;
+          examined[i].present = ::lstat(paths[i].c_str(), &examined[i].status) == 0;
         }
       };
       const std::size_t threads =
-          std::min<std::size_t>(platform::processorCount(), 1 + examined.size() / 4096);
-      const std::size_t share = (examined.size() + threads - 1) / threads;
+          std::min<std::size_t>(platform::processorCount(), 1 + length / 4096);
+      const std::size_t share = (length + threads - 1) / threads;
       std::vector<std::thread> helpers;
       for (std::size_t t = 1; t < threads; ++t) {
-        helpers.emplace_back(examine, std::min(examined.size(), t * share),
-                             std::min(examined.size(), (t + 1) * share));
+        helpers.emplace_back(examine, std::min(length, t * share),
+                             std::min(length, (t + 1) * share));
       }
-      examine(0, std::min(examined.size(), share));
+      examine(0, std::min(length, share));
       for (auto& helper : helpers) helper.join();
     }
     return examined[index - windowStart];
   };
 
-  std::vector<DuplicateGroup> refined;
-  std::size_t next = 0;
-  for (auto& group : groups) {
-    DuplicateGroup members;
-    std::map<Identity, std::size_t> seen;
-    for (auto& item : group) {
-      // Examined before its path moves out: the window may begin with it.
-      const Examined& looked = examinedAt(next++);
-      GroupMember member;
-      member.item = std::move(item);
-      const std::string& path = member.file().url;
+  DuplicateGroups refined;
+  refined.members_.reserve(count);
+  std::map<Identity, std::size_t> seen;
+  std::string firstPath;
+  for (std::size_t g = 0; g < found.size(); ++g) {
+    const std::size_t start = refined.members_.size();
+    seen.clear();
+    for (std::size_t index : found.members(g)) {
+      const Examined& looked = examinedAt(index);
       // A member that can no longer be examined can't be shown as a copy of anything.
       if (!looked.present) continue;
+      const std::string& path = paths[index - windowStart];
       const struct stat& status = looked.status;
-      if (std::holds_alternative<Photo>(member.item)) {
+      GroupMember member;
+      member.found = static_cast<std::uint32_t>(index);
+      if (found.isPhoto(index)) {
         member.kind = MemberKind::photo;
       } else if (S_ISDIR(status.st_mode)) {
         member.kind = platform::isPackage(path) ? MemberKind::package : MemberKind::folder;
       }
       member.device = status.st_dev;
       member.inode = status.st_ino;
-      member.linkCount = status.st_nlink;
+      member.linkCount = static_cast<std::uint32_t>(
+          std::min<std::uint64_t>(status.st_nlink, std::numeric_limits<std::uint32_t>::max()));
       member.modified = status.st_mtim.tv_sec;
 
       Identity identity{member.device, member.inode};
-      auto found = seen.find(identity);
-      if (found != seen.end()) {
-        GroupMember& first = members[found->second];
-        bool samePath = first.file().url == path;
-        bool photoAndFile = (first.kind == MemberKind::photo) != (member.kind == MemberKind::photo);
+      auto known = seen.find(identity);
+      if (known != seen.end()) {
+        GroupMember& first = refined.members_[start + known->second];
+        firstPath.clear();
+        found.appendPath(first.found, firstPath);
+        const bool samePath = firstPath == path;
+        const bool photoAndFile =
+            (first.kind == MemberKind::photo) != (member.kind == MemberKind::photo);
         if (!options.keepHardLinks || samePath || photoAndFile) {
           // One file met twice: shown once, as the photo if it is one.
+          auto addName = [&](GroupMember& to, std::uint32_t name) {
+            if (to.others == 0) {
+              refined.others_.emplace_back();
+              to.others = static_cast<std::uint32_t>(refined.others_.size());
+            }
+            refined.others_[to.others - 1].push_back(name);
+          };
           if (member.kind == MemberKind::photo && first.kind != MemberKind::photo) {
-            std::string firstPath = first.file().url;
-            member.otherNames = std::move(first.otherNames);
-            first = std::move(member);
-            if (firstPath != first.file().url) first.otherNames.push_back(std::move(firstPath));
-          } else if (!samePath && std::find(first.otherNames.begin(), first.otherNames.end(),
-                                            path) == first.otherNames.end()) {
-            first.otherNames.push_back(path);
+            const std::uint32_t was = first.found;
+            member.others = first.others;
+            first = member;
+            if (!samePath) addName(first, was);
+          } else if (!samePath) {
+            bool named = false;
+            if (first.others != 0) {
+              for (std::uint32_t other : refined.others_[first.others - 1]) {
+                named = named || found.path(other) == path;
+              }
+            }
+            if (!named) addName(first, member.found);
           }
           continue;
         }
       } else {
-        seen.emplace(identity, members.size());
+        seen.emplace(identity, refined.members_.size() - start);
       }
-      members.push_back(std::move(member));
+      refined.members_.push_back(member);
     }
-    if (members.size() >= 2) refined.push_back(std::move(members));
-    group = {};  // its members moved out; the paths ahead of the window are in later groups
+    if (refined.members_.size() - start >= 2) {
+      refined.ends_.push_back(refined.members_.size());
+    } else {
+      refined.members_.resize(start);
+    }
   }
+  refined.members_.shrink_to_fit();
+  refined.found_ = std::move(found);
   return refined;
 }
 
@@ -265,7 +306,7 @@ std::int64_t modifiedAt(const std::string& path) {
 }
 
 // True when `path` is `folder` or lies below it.
-bool below(const std::string& path, const std::string& folder) {
+bool below(std::string_view path, const std::string& folder) {
   if (folder == "/") return true;
   return path.size() >= folder.size() && path.compare(0, folder.size(), folder) == 0 &&
          (path.size() == folder.size() || path[folder.size()] == '/');
@@ -273,73 +314,186 @@ bool below(const std::string& path, const std::string& folder) {
 
 // The member to keep among `candidates` (in group order), by `rule`.
 const GroupMember* chooseKept(const std::vector<const GroupMember*>& candidates,
-                              const KeepRule& rule) {
+                              const DuplicateGroups& groups, const KeepRule& rule) {
   std::vector<const GroupMember*> pool = candidates;
   if (rule.keepUnder) {
     std::vector<const GroupMember*> under;
     for (const auto* member : pool) {
-      if (below(member->file().url, *rule.keepUnder)) under.push_back(member);
+      if (below(groups.path(*member), *rule.keepUnder)) under.push_back(member);
     }
     if (!under.empty()) pool = under;
   }
   const GroupMember* best = pool.front();
+  if (rule.choice == KeepRule::Choice::first) return best;
   for (const auto* member : pool) {
     switch (rule.choice) {
       case KeepRule::Choice::first:
         break;
       case KeepRule::Choice::newest:
-        if (modifiedAt(member->file().url) > modifiedAt(best->file().url)) best = member;
+        if (modifiedAt(groups.path(*member)) > modifiedAt(groups.path(*best))) best = member;
         break;
       case KeepRule::Choice::oldest:
-        if (modifiedAt(member->file().url) < modifiedAt(best->file().url)) best = member;
+        if (modifiedAt(groups.path(*member)) < modifiedAt(groups.path(*best))) best = member;
         break;
       case KeepRule::Choice::shortestPath:
-        if (member->file().url.size() < best->file().url.size()) best = member;
+        if (groups.pathLength(*member) < groups.pathLength(*best)) best = member;
         break;
     }
   }
   return best;
 }
 
-}  // namespace
+// Calls `body` with each name of `member`, its own first.
+template <class Body>
+void forEachName(const DuplicateGroups& groups, const GroupMember& member, Body&& body) {
+  std::string name;
+  groups.appendPath(member, name);
+  body(std::string_view(name));
+  if (groups.otherNameCount(member) == 0) return;
+  for (const auto& other : groups.otherNames(member)) body(std::string_view(other));
+}
 
-namespace {
+// True when some path is a name of more than one member, or twice a name of one.
+bool namesRepeat(const DuplicateGroups& groups) {
+  std::vector<std::size_t> hashes;
+  hashes.reserve(groups.memberCount());
+  for (const auto group : groups) {
+    for (const auto& member : group) {
+      forEachName(groups, member, [&](std::string_view name) {
+        hashes.push_back(std::hash<std::string_view>()(name));
+      });
+    }
+  }
+  std::sort(hashes.begin(), hashes.end());
+  // Equal hashes are taken as equal names: at worst the plan takes its longer way.
+  return std::adjacent_find(hashes.begin(), hashes.end()) != hashes.end();
+}
+
+// Every name of every member, whole, in one block that the plan keeps: the questions of what
+// lies inside what are asked of paths.
+class Names {
+ public:
+  explicit Names(const DuplicateGroups& groups) : groups_(groups) {
+    std::size_t bytes = 0;
+    std::size_t names = 0;
+    for (const auto group : groups) {
+      for (const auto& member : group) {
+        forEachName(groups, member, [&](std::string_view name) {
+          bytes += name.size();
+          ++names;
+        });
+      }
+    }
+    auto block = std::shared_ptr<char[]>(new char[bytes + 1]);
+    views_.reserve(names);
+    first_.reserve(groups.memberCount() + 1);
+    char* at = block.get();
+    for (const auto group : groups) {
+      for (const auto& member : group) {
+        first_.push_back(static_cast<std::uint32_t>(views_.size()));
+        forEachName(groups, member, [&](std::string_view name) {
+          std::memcpy(at, name.data(), name.size());
+          views_.emplace_back(at, name.size());
+          at += name.size();
+        });
+      }
+    }
+    first_.push_back(static_cast<std::uint32_t>(views_.size()));
+    block_ = std::move(block);
+  }
+  std::string_view of(const GroupMember& member) const { return views_[first_[index(member)]]; }
+  std::span<const std::string_view> all(const GroupMember& member) const {
+    const std::size_t i = index(member);
+    return {views_.data() + first_[i], first_[i + 1] - first_[i]};
+  }
+  std::shared_ptr<const char[]> block() const { return block_; }
+
+ private:
+  std::size_t index(const GroupMember& member) const {
+    return static_cast<std::size_t>(&member - &groups_[0][0]);
+  }
+  const DuplicateGroups& groups_;
+  std::shared_ptr<const char[]> block_;
+  std::vector<std::string_view> views_;
+  std::vector<std::uint32_t> first_;  // of each member in `views_`, and one past the last
+};
+
+bool holds(MemberKind kind) { return kind == MemberKind::folder || kind == MemberKind::package; }
+
+// What deleting the name `target` of `member` frees.
+void account(FreedBytes& freed, const DuplicateGroups& groups, std::string_view target,
+             const GroupMember& member) {
+  if (member.kind == MemberKind::file) {
+    // A file was examined when its group was refined: each of its names counts once.
+    freed.add(Identity{member.device, member.inode}, groups.fileSize(member), member.linkCount);
+    return;
+  }
+  const std::string path(target);
+  struct stat status;
+  if (::lstat(path.c_str(), &status) == 0) {
+    if (S_ISDIR(status.st_mode)) {
+      platform::walkTree(path, freed);
+    } else if (S_ISREG(status.st_mode)) {
+      freed.add(status);
+    }
+  }
+}
+
+// What a plan of groups without folders or packages, whose every name is its own, frees: no
+// target can lie inside another, so each is counted as it is found and none is kept.
+std::int64_t freedDirectly(const DuplicateGroups& groups, const KeepRule& rule) {
+  FreedBytes freed;
+  std::vector<const GroupMember*> all;
+  for (const auto group : groups) {
+    all.clear();
+    for (const auto& member : group) all.push_back(&member);
+    const GroupMember* keep = chooseKept(all, groups, rule);
+    for (const auto& member : group) {
+      if (&member == keep || (member.device == keep->device && member.inode == keep->inode)) {
+        continue;
+      }
+      forEachName(groups, member,
+                  [&](std::string_view name) { account(freed, groups, name, member); });
+    }
+  }
+  return freed.total();
+}
 
 // The plan, with its targets and kept members listed when `listed`; otherwise only what it
 // frees and the groups it leaves alone.
-KeepOnePlan plan(const std::vector<DuplicateGroup>& groups, const KeepRule& rule, bool listed) {
+KeepOnePlan plan(const DuplicateGroups& groups, const KeepRule& rule, bool listed) {
   KeepOnePlan plan;
+  // Folders and packages first: a file group then keeps a copy that outlives them.
+  std::vector<std::size_t> order;
+  for (std::size_t g = 0; g < groups.size(); ++g) {
+    if (holds(groups[g].front().kind)) order.push_back(g);
+  }
+  for (std::size_t g = 0; g < groups.size(); ++g) {
+    if (!holds(groups[g].front().kind)) order.push_back(g);
+  }
+  // A member that holds others may turn up in any group (a file replaced by a folder after the
+  // search): then every kept name is one it might hold.
+  bool folders = false;
+  for (const auto group : groups) {
+    for (const auto& member : group) folders = folders || holds(member.kind);
+  }
+  if (!listed && !folders && !namesRepeat(groups)) {
+    plan.bytesFreed = freedDirectly(groups, rule);
+    return plan;
+  }
+
+  const Names names(groups);
+  plan.names = names.block();
   // Only a folder or a package holds other paths: the questions about what lies inside what
-  // look up sorted sets of those alone, and whole paths are looked up by hashing. Every path
-  // here is a view of a name in `groups`.
+  // look up sorted sets of those alone, and whole paths are looked up by hashing.
   std::unordered_set<std::string_view> keptPaths, targetPaths;
   std::set<std::string_view> keptSorted, folderTargets;
-  auto holds = [](MemberKind kind) {
-    return kind == MemberKind::folder || kind == MemberKind::package;
-  };
   struct Candidate {
     KeepOnePlan::Target target;
     const GroupMember* member;  // whose name it is
   };
   std::vector<Candidate> candidates;
   FreedBytes freed;
-  // What deleting a target frees.
-  auto account = [&](std::string_view target, const GroupMember& member) {
-    if (member.kind == MemberKind::file) {
-      // A file was examined when its group was refined: each of its names counts once.
-      freed.add(Identity{member.device, member.inode}, member.file().size, member.linkCount);
-      return;
-    }
-    const std::string path(target);
-    struct stat status;
-    if (::lstat(path.c_str(), &status) == 0) {
-      if (S_ISDIR(status.st_mode)) {
-        platform::walkTree(path, freed);
-      } else if (S_ISREG(status.st_mode)) {
-        freed.add(status);
-      }
-    }
-  };
 
   // A path lies inside a target when it is one or one of its leading parts is a folder target;
   // a folder holds a kept path when it is one or the first kept path after it starts with it.
@@ -366,69 +520,44 @@ KeepOnePlan plan(const std::vector<DuplicateGroup>& groups, const KeepRule& rule
     targetPaths.insert(path);
     if (holds(kind)) folderTargets.insert(path);
   };
-  // Calls `body` with each name of `member`.
-  auto forEachName = [](const GroupMember& member, auto&& body) {
-    body(std::string_view(member.file().url));
-    for (const auto& name : member.otherNames) body(std::string_view(name));
-  };
 
-  // Folders and packages first: a file group then keeps a copy that outlives them.
-  std::vector<const DuplicateGroup*> order;
-  for (const auto& group : groups) {
-    if (holds(group.front().kind)) order.push_back(&group);
+  std::size_t most = 0;
+  for (const auto group : groups) {
+    for (const auto& member : group) most += names.all(member).size();
   }
-  for (const auto& group : groups) {
-    if (!holds(group.front().kind)) order.push_back(&group);
-  }
-
-  // Without folders or packages no target lies inside another: when the targets aren't
-  // listed, each is counted as it is found, and none is kept.
-  const bool direct = !listed && (order.empty() || !holds(order.front()->front().kind));
-  if (!direct) {
-    // Every member but one of each group may become a target.
-    std::size_t most = 0;
-    for (const auto& group : groups) {
-      for (const auto& member : group) most += 1 + member.otherNames.size();
-    }
-    candidates.reserve(most);
-  }
+  candidates.reserve(most);
   if (listed) plan.kept.reserve(groups.size());
 
   std::vector<const GroupMember*> free;
-  for (const DuplicateGroup* group : order) {
+  for (std::size_t g : order) {
+    const auto group = groups[g];
     free.clear();
-    for (const auto& member : *group) {
-      if (!insideTarget(member.file().url)) free.push_back(&member);
+    for (const auto& member : group) {
+      if (!insideTarget(names.of(member))) free.push_back(&member);
     }
-    const GroupMember* keep = free.empty() ? nullptr : chooseKept(free, rule);
+    const GroupMember* keep = free.empty() ? nullptr : chooseKept(free, groups, rule);
     if (keep == nullptr) {
       ++plan.groupsLeftAlone;
       continue;
     }
-    // Only a folder or a package asks what it holds, and every such group is decided before
-    // the first group of files: the kept files need no sorted set.
-    const bool holding = holds(group->front().kind);
-    forEachName(*keep, [&](std::string_view name) {
+    // Only a folder or a package asks what it holds: without them the kept names need no
+    // sorted set.
+    for (std::string_view name : names.all(*keep)) {
       keptPaths.insert(name);
-      if (holding) keptSorted.insert(name);
-    });
-    if (listed) plan.kept.push_back(keep->file().url);
-    for (const auto& member : *group) {
+      if (folders) keptSorted.insert(name);
+    }
+    if (listed) plan.kept.push_back(names.of(*keep));
+    for (const auto& member : group) {
       if (&member == keep) continue;
       // The same file as the kept one under another name: deleting it frees nothing and would
       // take a name the user sees away.
       if (member.device == keep->device && member.inode == keep->inode) continue;
-      std::optional<std::string_view> photoID;
-      if (auto* photo = std::get_if<Photo>(&member.item)) photoID = photo->id;
-      forEachName(member, [&](std::string_view name) {
-        if (insideTarget(name) || holdsKept(name, member.kind)) return;
-        if (direct) {
-          account(name, member);
-        } else {
-          candidates.push_back({{name, member.kind, keep->file().url, photoID}, &member});
-        }
+      const auto photoID = groups.photoID(member);
+      for (std::string_view name : names.all(member)) {
+        if (insideTarget(name) || holdsKept(name, member.kind)) continue;
+        candidates.push_back({{name, member.kind, names.of(*keep), photoID}, &member});
         addTarget(name, member.kind);
-      });
+      }
     }
   }
 
@@ -444,7 +573,7 @@ KeepOnePlan plan(const std::vector<DuplicateGroup>& groups, const KeepRule& rule
   for (auto& candidate : candidates) {
     if (insideTarget(candidate.target.path)) continue;
     addTarget(candidate.target.path, candidate.target.kind);
-    account(candidate.target.path, *candidate.member);
+    account(freed, groups, candidate.target.path, *candidate.member);
     if (listed) plan.deletions.push_back(candidate.target);
   }
   plan.bytesFreed = freed.total();
@@ -453,11 +582,11 @@ KeepOnePlan plan(const std::vector<DuplicateGroup>& groups, const KeepRule& rule
 
 }  // namespace
 
-KeepOnePlan planKeepingOne(const std::vector<DuplicateGroup>& groups, const KeepRule& rule) {
+KeepOnePlan planKeepingOne(const DuplicateGroups& groups, const KeepRule& rule) {
   return plan(groups, rule, true);
 }
 
-std::int64_t bytesFreedKeepingOne(const std::vector<DuplicateGroup>& groups, const KeepRule& rule) {
+std::int64_t bytesFreedKeepingOne(const DuplicateGroups& groups, const KeepRule& rule) {
   return plan(groups, rule, false).bytesFreed;
 }
 

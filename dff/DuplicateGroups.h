@@ -10,12 +10,15 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "Core/File.h"
+#include "dff/FoundGroups.h"
 
 namespace Core {
 
@@ -41,23 +44,20 @@ bool isPhotoLibraryPath(const std::string& path);
 // unreadable.
 ResolvedRoots resolveRoots(const std::vector<std::string>& roots);
 
-enum class MemberKind { file, folder, package, photo };
+enum class MemberKind : std::uint8_t { file, folder, package, photo };
 
 // One member of a group: one file on disk (one device and inode), under the name the search
-// gave first, with the further names under which the search also met it.
+// gave first, with the further names under which the search also met it. Its names and size
+// are the groups' to give (`DuplicateGroups::path` and the others).
 struct GroupMember {
-  Duplicate item;
-  MemberKind kind = MemberKind::file;
-  std::vector<std::string> otherNames;  // hard links, or the same file met again
   std::uint64_t device = 0;
   std::uint64_t inode = 0;
-  std::uint64_t linkCount = 1;
   std::int64_t modified = 0;  // seconds since 1970, when it was examined
-
-  const File& file() const;
+  std::uint32_t found = 0;    // the member of the search's groups whose name it is shown under
+  std::uint32_t others = 0;   // 1 + index of its further names, or 0
+  std::uint32_t linkCount = 1;
+  MemberKind kind = MemberKind::file;
 };
-
-using DuplicateGroup = std::vector<GroupMember>;
 
 struct RefineOptions {
   // Keep the names of one hard-linked file as members of their own (each is still marked with
@@ -65,15 +65,85 @@ struct RefineOptions {
   bool keepHardLinks = false;
 };
 
+class DuplicateGroups;
+
 // The groups with every member looked up on disk: members that are one file become one member (a
 // photo wins over a plain file, else the first), members that can no longer be examined are
-// dropped, and a group left with fewer than two members is no group. The groups given are taken
-// apart as they are refined.
-std::vector<DuplicateGroup> refineGroups(std::vector<std::vector<Duplicate>> groups,
-                                         const RefineOptions& options = {});
+// dropped, and a group left with fewer than two members is no group.
+DuplicateGroups refineGroups(dff::FoundGroups found, const RefineOptions& options = {});
+
+// The refined groups: a record per member over the names the search handed over.
+class DuplicateGroups {
+ public:
+  using Group = std::span<const GroupMember>;
+
+  class Iterator {
+   public:
+    using value_type = Group;
+    using difference_type = std::ptrdiff_t;
+    Iterator() = default;
+    Iterator(const DuplicateGroups* groups, std::size_t at) : groups_(groups), at_(at) {}
+    Group operator*() const { return (*groups_)[at_]; }
+    Iterator& operator++() {
+      ++at_;
+      return *this;
+    }
+    Iterator operator++(int) {
+      Iterator was = *this;
+      ++at_;
+      return was;
+    }
+    friend bool operator==(const Iterator& a, const Iterator& b) { return a.at_ == b.at_; }
+
+   private:
+    const DuplicateGroups* groups_ = nullptr;
+    std::size_t at_ = 0;
+  };
+
+  DuplicateGroups() = default;
+
+  std::size_t size() const { return ends_.size(); }
+  bool empty() const { return ends_.empty(); }
+  std::size_t memberCount() const { return members_.size(); }
+  Group operator[](std::size_t group) const {
+    const std::size_t first = group == 0 ? 0 : ends_[group - 1];
+    return {members_.data() + first, ends_[group] - first};
+  }
+  Iterator begin() const { return {this, 0}; }
+  Iterator end() const { return {this, size()}; }
+
+  std::string path(const GroupMember& member) const { return found_.path(member.found); }
+  void appendPath(const GroupMember& member, std::string& out) const {
+    found_.appendPath(member.found, out);
+  }
+  std::size_t pathLength(const GroupMember& member) const {
+    return found_.pathLength(member.found);
+  }
+  std::int64_t fileSize(const GroupMember& member) const { return found_.fileSize(member.found); }
+  std::optional<std::string_view> photoID(const GroupMember& member) const {
+    return found_.photoID(member.found);
+  }
+  // The further names of the file: hard links, or the same file met again.
+  std::vector<std::string> otherNames(const GroupMember& member) const;
+  std::size_t otherNameCount(const GroupMember& member) const {
+    return member.others == 0 ? 0 : others_[member.others - 1].size();
+  }
+
+ private:
+  friend DuplicateGroups refineGroups(dff::FoundGroups found, const RefineOptions& options);
+  dff::FoundGroups found_;
+  std::vector<GroupMember> members_;
+  std::vector<std::size_t> ends_;
+  std::vector<std::vector<std::uint32_t>> others_;  // members of `found_`
+};
+
+// The same for groups given as values, each path whole.
+DuplicateGroups refineGroups(const std::vector<std::vector<Duplicate>>& groups,
+                             const RefineOptions& options = {});
 
 // A "keep one of each" clean-up: which paths it deletes and how many bytes that frees. Its
-// paths are views of the names in the groups planned, valid while those groups are.
+// paths are views of names the plan holds; a photo's identifier is a view into the groups
+// planned, valid while they are.
 struct KeepOnePlan {
   struct Target {
     std::string_view path;
@@ -81,10 +151,11 @@ struct KeepOnePlan {
     std::string_view keptPath;  // the member its group keeps, to compare it with before deleting
     std::optional<std::string_view> photoID;  // for a photo
   };
-  std::vector<Target> deletions;       // no target lies inside another
-  std::vector<std::string_view> kept;  // the member kept of each group, in group order
-  std::int64_t bytesFreed = 0;         // files whose every name is deleted, each counted once
-  std::size_t groupsLeftAlone = 0;     // groups where no copy could be kept safely
+  std::vector<Target> deletions;        // no target lies inside another
+  std::vector<std::string_view> kept;   // the member kept of each group, in group order
+  std::int64_t bytesFreed = 0;          // files whose every name is deleted, each counted once
+  std::size_t groupsLeftAlone = 0;      // groups where no copy could be kept safely
+  std::shared_ptr<const char[]> names;  // what the paths above look at
 };
 
 // Keeps one member of each group and deletes the rest. Folder and package groups are decided
@@ -103,14 +174,10 @@ struct KeepRule {
 };
 
 // A member that is the same file as the kept one (one device and inode) is never deleted.
-KeepOnePlan planKeepingOne(const std::vector<DuplicateGroup>& groups, const KeepRule& rule = {});
+KeepOnePlan planKeepingOne(const DuplicateGroups& groups, const KeepRule& rule = {});
 // What `planKeepingOne` frees, without listing its targets: for a report, which shows only
 // the total.
-std::int64_t bytesFreedKeepingOne(const std::vector<DuplicateGroup>& groups,
-                                  const KeepRule& rule = {});
-// The plan would outlive groups made for the call.
-KeepOnePlan planKeepingOne(std::vector<DuplicateGroup>&& groups,
-                           const KeepRule& rule = {}) = delete;
+std::int64_t bytesFreedKeepingOne(const DuplicateGroups& groups, const KeepRule& rule = {});
 
 // True when `a` and `b` hold the same bytes: two regular files of equal content, two links with
 // the same target text, or two folders with the same names, each entry the same in turn. Nothing

@@ -22,37 +22,25 @@ using testsupport::randomBytes;
 using testsupport::TempDir;
 
 // The search as a host runs it: resolved roots, the facade, then the groups refined.
-std::vector<DuplicateGroup> search(const std::vector<std::string>& roots,
-                                   const RefineOptions& options = {}) {
+DuplicateGroups search(const std::vector<std::string>& roots, const RefineOptions& options = {}) {
   auto finder = DuplicateFileFinder::create();
   finder->setRootFolderURLs(resolveRoots(roots).roots);
-  std::vector<std::vector<Duplicate>> groups;
-  for (const auto& group : finder->find()) {
-    auto& converted = groups.emplace_back();
-    for (const auto& entry : group) {
-      if (auto* photo = dynamic_cast<const dff::DFFPhoto*>(entry.get())) {
-        converted.push_back(Photo{photo->id, File{photo->url, photo->size}});
-      } else {
-        converted.push_back(File{entry->url, entry->size});
-      }
-    }
-  }
-  return refineGroups(groups, options);
+  return refineGroups(finder->find(), options);
 }
 
 // No group may hold one file (device and inode) twice.
-void expectNoFileTwice(const std::vector<DuplicateGroup>& groups) {
-  for (const auto& group : groups) {
+void expectNoFileTwice(const DuplicateGroups& groups) {
+  for (const auto group : groups) {
     std::set<std::pair<std::uint64_t, std::uint64_t>> seen;
     for (const auto& member : group) {
-      EXPECT_TRUE(seen.insert({member.device, member.inode}).second) << member.file().url;
+      EXPECT_TRUE(seen.insert({member.device, member.inode}).second) << groups.path(member);
     }
   }
 }
 
-std::vector<std::string> pathsOf(const DuplicateGroup& group) {
+std::vector<std::string> pathsOf(const DuplicateGroups& groups, std::size_t g) {
   std::vector<std::string> paths;
-  for (const auto& member : group) paths.push_back(member.file().url);
+  for (const auto& member : groups[g]) paths.push_back(groups.path(member));
   std::sort(paths.begin(), paths.end());
   return paths;
 }
@@ -88,7 +76,7 @@ TEST(RefineGroupsTest, OverlappingRootsNeverMakeAFileItsOwnTwin) {
   // Given twice, through a link and nested: one group of two distinct files.
   auto groups = search({tmp / "t4", tmp / "t4link", tmp / "t4/sub", tmp / "other"});
   ASSERT_EQ(groups.size(), 1u);
-  EXPECT_EQ(pathsOf(groups[0]), (std::vector<std::string>{tmp / "t4/sub/x2", tmp / "t4/x1"}));
+  EXPECT_EQ(pathsOf(groups, 0), (std::vector<std::string>{tmp / "t4/sub/x2", tmp / "t4/x1"}));
   expectNoFileTwice(groups);
 }
 
@@ -105,8 +93,11 @@ TEST(RefineGroupsTest, HardLinksAreOneMemberUnlessAskedFor) {
   auto groups = search({tmp / "d", tmp / "e"});
   ASSERT_EQ(groups.size(), 1u);
   ASSERT_EQ(groups[0].size(), 2u);
-  const auto& linked = groups[0][0].otherNames.empty() ? groups[0][1] : groups[0][0];
-  EXPECT_EQ(linked.otherNames.size(), 2u);
+  const auto& linked = groups.otherNameCount(groups[0][0]) == 0 ? groups[0][1] : groups[0][0];
+  std::vector<std::string> names = groups.otherNames(linked);
+  names.push_back(groups.path(linked));
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{tmp / "d/f", tmp / "d/h1", tmp / "d/h2"}));
   EXPECT_EQ(linked.linkCount, 3u);
   // Deleting the copy frees its bytes; deleting the linked file would free them only with all
   // three names, and the plan keeps one member whole.
@@ -132,9 +123,9 @@ TEST(RefineGroupsTest, APhotoWhoseFileIsAlsoWalkedIsOneMemberShownAsThePhoto) {
   ASSERT_EQ(refined.size(), 1u);
   ASSERT_EQ(refined[0].size(), 2u);
   EXPECT_EQ(refined[0][0].kind, MemberKind::photo);
-  EXPECT_EQ(std::get<Photo>(refined[0][0].item).id, "UUID-1");
-  EXPECT_TRUE(refined[0][0].otherNames.empty());  // the same path is no other name
-  EXPECT_EQ(refined[0][1].file().url, copy);
+  EXPECT_EQ(refined.photoID(refined[0][0]), "UUID-1");
+  EXPECT_EQ(refined.otherNameCount(refined[0][0]), 0u);  // the same path is no other name
+  EXPECT_EQ(refined.path(refined[0][1]), copy);
 }
 
 // Enough members that they are examined on several threads and in several windows: each member
@@ -165,9 +156,10 @@ TEST(RefineGroupsTest, ManyMembersEachKeepTheirOwnIdentity) {
     ASSERT_EQ(refined[g].size(), g % 7 == 0 ? 2u : 3u) << g;
     for (const auto& member : refined[g]) {
       struct stat status;
-      ASSERT_EQ(::lstat(member.file().url.c_str(), &status), 0);
-      EXPECT_EQ(member.inode, status.st_ino) << member.file().url;
-      EXPECT_EQ(member.kind == MemberKind::folder, S_ISDIR(status.st_mode)) << member.file().url;
+      const std::string path = refined.path(member);
+      ASSERT_EQ(::lstat(path.c_str(), &status), 0);
+      EXPECT_EQ(member.inode, status.st_ino) << path;
+      EXPECT_EQ(member.kind == MemberKind::folder, S_ISDIR(status.st_mode)) << path;
     }
   }
 }
@@ -186,7 +178,7 @@ TEST(PlanKeepingOneTest, FolderGroupsComeFirstAndNoByteIsCountedTwice) {
   expectNoFileTwice(groups);
   // {c/x, c/y}, {a/f1, b/f1, c/third} and the folders {a, b}.
   ASSERT_EQ(groups.size(), 3u);
-  EXPECT_EQ(groups.back().front().kind, MemberKind::folder);
+  EXPECT_EQ(groups[groups.size() - 1].front().kind, MemberKind::folder);
 
   auto plan = planKeepingOne(groups);
   // One of the folders goes with all it holds, one copy of "abc" and the third copy of f1.
@@ -210,15 +202,13 @@ TEST(PlanKeepingOneTest, NothingThatHoldsAKeptMemberIsDeleted) {
   TempDir tmp;
   std::string inner = tmp.write("outer/inner/f", "x");
   std::string outer = tmp / "outer";
-  GroupMember file;
-  file.item = File{inner, 1};
-  GroupMember folder;
-  folder.item = File{outer, 1};
-  folder.kind = MemberKind::folder;
-  // A file group whose kept member lies in a folder that another group would delete.
-  std::vector<DuplicateGroup> groups{{file, folder}};
+  // A group of files whose kept member lies in a folder that is a member too (a file that became
+  // a folder after the search): the folder stays.
+  auto groups = refineGroups(std::vector<std::vector<Duplicate>>{{File{inner, 1}, File{outer, 1}}});
+  ASSERT_EQ(groups[0][1].kind, MemberKind::folder);
   auto plan = planKeepingOne(groups);
   EXPECT_TRUE(plan.deletions.empty());
+  EXPECT_EQ(bytesFreedKeepingOne(groups), 0);
   EXPECT_EQ(plan.kept, std::vector<std::string_view>{inner});
 }
 
@@ -233,7 +223,7 @@ TEST(RefineGroupsTest, AFolderBindMountedInsideItselfListsNoFileTwice) {
   auto answer = testsupport::inMountNamespace({{tmp / "t4", tmp / "t4/mnt"}}, [&] {
     auto groups = search({tmp / "t4", tmp / "t4/mnt"});
     bool ok = groups.size() == 1 && groups[0].size() == 2;
-    for (const auto& group : groups) {
+    for (const auto group : groups) {
       std::set<std::pair<std::uint64_t, std::uint64_t>> seen;
       for (const auto& member : group) ok &= seen.insert({member.device, member.inode}).second;
     }
@@ -303,14 +293,9 @@ TEST(KeepRuleTest, WhichMemberStays) {
   setTime(tmp / "x", 2000);
   auto finder = DuplicateFileFinder::create();
   finder->setRootFolderURLs({tmp.path()});
-  std::vector<std::vector<Duplicate>> found;
-  for (const auto& group : finder->find()) {
-    auto& members = found.emplace_back();
-    for (const auto& entry : group) members.push_back(File{entry->url, entry->size});
-  }
-  auto groups = refineGroups(found);
+  auto groups = refineGroups(finder->find());
   ASSERT_EQ(groups.size(), 1u);
-  auto kept = [&](KeepRule rule) { return planKeepingOne(groups, rule).kept.at(0); };
+  auto kept = [&](KeepRule rule) { return std::string(planKeepingOne(groups, rule).kept.at(0)); };
   EXPECT_EQ(kept({KeepRule::Choice::newest, std::nullopt}), tmp / "mid/copy");
   EXPECT_EQ(kept({KeepRule::Choice::oldest, std::nullopt}), tmp / "long/way/down/copy");
   EXPECT_EQ(kept({KeepRule::Choice::shortestPath, std::nullopt}), tmp / "x");

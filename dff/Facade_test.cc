@@ -21,7 +21,7 @@ class RecordingDelegate final : public DuplicateFileFinderDelegate {
     events.push_back("progress " + std::to_string(progress).substr(0, 3));
     onMain &= std::this_thread::get_id() == mainThread;
   }
-  void duplicateFileFinderCompleted(std::vector<std::vector<Duplicate>> found) override {
+  void duplicateFileFinderCompleted(dff::FoundGroups found) override {
     events.push_back("completed");
     groups = std::move(found);
     onMain &= std::this_thread::get_id() == mainThread;
@@ -30,7 +30,7 @@ class RecordingDelegate final : public DuplicateFileFinderDelegate {
 
   std::thread::id mainThread = std::this_thread::get_id();
   std::vector<std::string> events;
-  std::vector<std::vector<Duplicate>> groups;
+  dff::FoundGroups groups;
   bool onMain = true;
 };
 
@@ -66,13 +66,15 @@ TEST_F(FacadeTest, ReportsProgressThenCompletionOnTheMainQueueWithTheLastRootsOn
                                                 "progress 0.9"}));
   // Empty files make a group with the default minimum of 0; the two folders another. Folders
   // come back as plain files with their total size.
-  ASSERT_EQ(delegate_->groups.size(), 2u);
-  const auto& folders = delegate_->groups[1];
-  ASSERT_EQ(folders.size(), 2u);
-  const auto& folder = std::get<File>(folders[0]);
+  const auto& groups = delegate_->groups;
+  ASSERT_EQ(groups.size(), 2u);
+  ASSERT_EQ(groups.members(1).size(), 2u);
+  const auto folder = std::get<File>(duplicateAt(groups, groups.members(1)[0]));
   EXPECT_EQ(folder.size, 7);
   EXPECT_TRUE(folder.url == tmp_ / "second/x" || folder.url == tmp_ / "second/y");
-  for (const auto& member : delegate_->groups[0]) EXPECT_EQ(std::get<File>(member).size, 0);
+  for (std::size_t member : groups.members(0)) {
+    EXPECT_EQ(std::get<File>(duplicateAt(groups, member)).size, 0);
+  }
 }
 
 TEST_F(FacadeTest, SettingsWriteThroughAndADelegateThatIsGoneGetsNothing) {

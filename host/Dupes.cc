@@ -54,7 +54,7 @@ class DupesScan::Delegate final : public Core::DuplicateFileFinderDelegate {
   }
   // The groups are refined as they arrive, and taken apart as they are: a search of a million
   // files would otherwise hold them twice.
-  void duplicateFileFinderCompleted(std::vector<std::vector<Core::Duplicate>> found) override {
+  void duplicateFileFinderCompleted(dff::FoundGroups found) override {
     if (!scan_) return;
     Core::RefineOptions options;
     options.keepHardLinks = scan_->options_.hardLinks;
@@ -134,8 +134,9 @@ void DupesScan::writeJson(const std::function<void(std::string_view)>& write) co
 
 std::vector<std::string> DupesScan::reportedPaths() const {
   std::vector<std::string> out;
-  for (const auto& group : groups_) {
-    for (const auto& member : group) out.push_back(member.file().url);
+  out.reserve(groups_.memberCount());
+  for (const auto group : groups_) {
+    for (const auto& member : group) out.push_back(groups_.path(member));
   }
   return out;
 }
@@ -149,27 +150,32 @@ DeletionRequest DupesScan::deletion(const std::set<std::string>& chosen,
   return duplicatesDeletion(groups_, rule, &chosen);
 }
 
-void writeDupesJson(const std::vector<Core::DuplicateGroup>& groups, std::int64_t reclaimable,
-                    bool stopped, const std::vector<ReadError>& errors,
+void writeDupesJson(const Core::DuplicateGroups& groups, std::int64_t reclaimable, bool stopped,
+                    const std::vector<ReadError>& errors,
                     const std::function<void(std::string_view)>& write) {
   std::string out = "{\"groups\":[";
+  std::string path;
   for (std::size_t g = 0; g < groups.size(); ++g) {
     out += g == 0 ? "[" : ",[";
-    for (std::size_t m = 0; m < groups[g].size(); ++m) {
-      const auto& member = groups[g][m];
+    const auto group = groups[g];
+    for (std::size_t m = 0; m < group.size(); ++m) {
+      const auto& member = group[m];
       out += m == 0 ? "{\"path\":" : ",{\"path\":";
-      out += jsonText(member.file().url).dump();
-      out += ",\"size\":" + std::to_string(member.file().size);
+      path.clear();
+      groups.appendPath(member, path);
+      out += jsonText(path).dump();
+      out += ",\"size\":" + std::to_string(groups.fileSize(member));
       out += std::string(",\"kind\":\"") + kindName(member.kind) + "\"";
       out += ",\"modified\":" + std::to_string(member.modified);
-      if (auto* photo = std::get_if<Core::Photo>(&member.item)) {
-        out += ",\"id\":" + jsonText(photo->id).dump();
+      if (auto id = groups.photoID(member)) {
+        out += ",\"id\":" + jsonText(*id).dump();
       }
-      if (!member.otherNames.empty()) {
+      if (groups.otherNameCount(member) > 0) {
+        const auto names = groups.otherNames(member);
         out += ",\"also\":[";
-        for (std::size_t n = 0; n < member.otherNames.size(); ++n) {
+        for (std::size_t n = 0; n < names.size(); ++n) {
           if (n > 0) out += ",";
-          out += jsonText(member.otherNames[n]).dump();
+          out += jsonText(names[n]).dump();
         }
         out += "]";
       }
@@ -204,8 +210,7 @@ std::optional<Core::KeepRule> keepRuleNamed(std::string_view name) {
   return rule;
 }
 
-DeletionRequest duplicatesDeletion(const std::vector<Core::DuplicateGroup>& groups,
-                                   const Core::KeepRule& rule,
+DeletionRequest duplicatesDeletion(const Core::DuplicateGroups& groups, const Core::KeepRule& rule,
                                    const std::set<std::string>* chosen) {
   Core::KeepOnePlan plan = Core::planKeepingOne(groups, rule);
   DeletionRequest request;

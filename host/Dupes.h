@@ -53,8 +53,8 @@ class DupesScan final : public ScanJob {
   DeletionRequest deletion(const std::set<std::string>& chosen, const Core::KeepRule& rule) const;
 
   const std::vector<Core::ResolvedRoots::Dropped>& dropped() const { return dropped_; }
-  const std::vector<Core::DuplicateGroup>& groups() const { return groups_; }
-  std::vector<Core::DuplicateGroup>& groups() { return groups_; }
+  const Core::DuplicateGroups& groups() const { return groups_; }
+  Core::DuplicateGroups& groups() { return groups_; }
   const std::vector<ReadError>& errors() const { return errors_; }
 
  private:
@@ -65,7 +65,7 @@ class DupesScan final : public ScanJob {
   std::vector<Core::ResolvedRoots::Dropped> dropped_;
   std::shared_ptr<Core::DuplicateFileFinder> finder_;
   std::shared_ptr<Delegate> delegate_;
-  std::vector<Core::DuplicateGroup> groups_;
+  Core::DuplicateGroups groups_;
   std::vector<ReadError> errors_;
 };
 
@@ -73,8 +73,8 @@ class DupesScan final : public ScanJob {
 // "path", "size", "kind", "modified", "id", "also"}, ...], ...], "reclaimable", "stopped",
 // "complete", "errors"}. A document object of a million members would cost more memory than the
 // search itself.
-void writeDupesJson(const std::vector<Core::DuplicateGroup>& groups, std::int64_t reclaimable,
-                    bool stopped, const std::vector<ReadError>& errors,
+void writeDupesJson(const Core::DuplicateGroups& groups, std::int64_t reclaimable, bool stopped,
+                    const std::vector<ReadError>& errors,
                     const std::function<void(std::string_view)>& write);
 
 // The rule named "first", "newest", "oldest" or "shortest-path"; nothing for another name.
@@ -84,8 +84,7 @@ std::optional<Core::KeepRule> keepRuleNamed(std::string_view name);
 // found byte for byte the same as the member kept: the digests decide what is shown, only bytes
 // decide what is deleted. With `chosen`, only the members named there are deleted (a member the
 // rule keeps stays, with the reason). Members the host refuses are left alone.
-DeletionRequest duplicatesDeletion(const std::vector<Core::DuplicateGroup>& groups,
-                                   const Core::KeepRule& rule,
+DeletionRequest duplicatesDeletion(const Core::DuplicateGroups& groups, const Core::KeepRule& rule,
                                    const std::set<std::string>* chosen = nullptr);
 
 }  // namespace host

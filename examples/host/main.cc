@@ -7,7 +7,6 @@
 #include <chrono>
 #include <cstdio>
 #include <memory>
-#include <variant>
 
 #include "dff/CoreDuplicateFileFinder.h"
 #include "platform/Dispatch.h"
@@ -18,13 +17,11 @@ class Printer final : public Core::DuplicateFileFinderDelegate {
  public:
   void duplicateFileFinderCurrent(const std::string&) override {}
   void duplicateFileFinderProgress(double) override {}
-  void duplicateFileFinderCompleted(std::vector<std::vector<Core::Duplicate>> groups) override {
-    for (const auto& group : groups) {
-      for (const auto& member : group) {
-        const auto& file = std::holds_alternative<Core::File>(member)
-                               ? std::get<Core::File>(member)
-                               : std::get<Core::Photo>(member).file;
-        std::printf("%s\t%lld\n", file.url.c_str(), static_cast<long long>(file.size));
+  void duplicateFileFinderCompleted(dff::FoundGroups groups) override {
+    for (std::size_t g = 0; g < groups.size(); ++g) {
+      for (std::size_t member : groups.members(g)) {
+        std::printf("%s\t%lld\n", groups.path(member).c_str(),
+                    static_cast<long long>(groups.fileSize(member)));
       }
       std::printf("\n");
     }
