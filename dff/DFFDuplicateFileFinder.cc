@@ -60,18 +60,23 @@ FoundGroups DFFDuplicateFileFinder::convertResult(const Result& result) {
   std::size_t members = 0;
   for (const Group& group : result) members += group.size();
   groups.reserve(result.size(), members);
-  // Each folder's path is built once, however many members it holds.
-  std::unordered_map<const Container*, std::uint32_t> folders;
+  // Each folder's path is built once, however many members it holds, and the block of names
+  // the folder keeps for its entries goes over with it: the tree is freed right after.
+  std::unordered_map<Container*, std::uint32_t> folders;
   for (const Group& group : result) {
     for (File* entry : group) {
+      auto* folder = dynamic_cast<Directory*>(entry->parent);
       if (auto* photo = dynamic_cast<Photo*>(entry)) {
         groups.addPath(photo->path().string(), photo->size, photo->id);
-      } else if (entry->keepsWholePath()) {
-        groups.addPath(entry->name(), entry->size);
+      } else if (entry->keepsWholePath() || folder == nullptr) {
+        groups.addPath(entry->path().string(), entry->size);
       } else {
-        auto [at, added] = folders.try_emplace(entry->parent, 0);
-        if (added) at->second = groups.addFolder(entry->parent->path().string());
-        groups.add(at->second, entry->name(), entry->size);
+        auto [at, added] = folders.try_emplace(folder, 0);
+        if (added) {
+          at->second = groups.addFolder(folder->path().string());
+          groups.keepBlock(std::move(folder->names));
+        }
+        groups.addKept(at->second, entry->name(), entry->size);
       }
     }
     groups.endGroup();

@@ -236,7 +236,16 @@ Result DuplicateFileFinder::find() {
   markDuplicateContainers(directoryDuplicates);
   progressCallback_(0.9);
 
+  // Counted first: a million groups would otherwise outgrow their array twice over while the
+  // tables are still held.
+  auto groupsIn = [](const auto& table) {
+    std::size_t groups = 0;
+    for (const auto& node : table) groups += node.values.size() >= 2 ? 1 : 0;
+    return groups;
+  };
   Result result;
+  result.reserve(groupsIn(fileDuplicates) + groupsIn(packageDuplicates) +
+                 groupsIn(directoryDuplicates));
   filter(fileDuplicates, result);
   filter(packageDuplicates, result);
   filter(directoryDuplicates, result);
@@ -280,6 +289,25 @@ std::unique_ptr<Directory> DuplicateFileFinder::scanFiles(
       folder->unique = true;
       continue;
     }
+    // The folder's arrays are made to size first, so that its entries never move, and its
+    // names share one block.
+    std::size_t files = 0, links = 0, nameBytes = 0;
+    for (const FolderListing::Entry& entry : listing.entries) {
+      files += entry.type == DT_REG ? 1 : 0;
+      links += entry.type == DT_LNK ? 1 : 0;
+      nameBytes += entry.name.size() + 1;
+    }
+    folder->files.reserve(files);
+    folder->links.reserve(links);
+    folder->children.reserve(listing.entries.size());
+    folder->names.reset(new char[nameBytes]);
+    char* nameAt = folder->names.get();
+    auto keepName = [&nameAt](const char* name, std::size_t length) {
+      std::memcpy(nameAt, name, length + 1);
+      Name kept{{nameAt, length}};
+      nameAt += length + 1;
+      return kept;
+    };
     for (const FolderListing::Entry& entry : listing.entries) {
       if (stopped_.load(std::memory_order_relaxed)) {
         folder->unique = true;
@@ -294,9 +322,9 @@ std::unique_ptr<Directory> DuplicateFileFinder::scanFiles(
             folder->unique = true;
             break;
           }
-          auto link = std::make_unique<Symlink>(Name{{name, length}}, entry.size, folder);
-          linksBySize.add(entry.size, link.get());
-          folder->children.push_back(std::move(link));
+          Symlink& link = folder->links.emplace_back(keepName(name, length), entry.size, folder);
+          linksBySize.add(entry.size, &link);
+          folder->children.push_back(&link);
           break;
         }
         case DT_REG: {
@@ -311,9 +339,9 @@ std::unique_ptr<Directory> DuplicateFileFinder::scanFiles(
             folder->unique = true;
             break;
           }
-          auto file = std::make_unique<File>(Name{{name, length}}, entry.size, folder);
-          filesBySize.add(entry.size, file.get());
-          folder->children.push_back(std::move(file));
+          File& file = folder->files.emplace_back(keepName(name, length), entry.size, folder);
+          filesBySize.add(entry.size, &file);
+          folder->children.push_back(&file);
           break;
         }
         case DT_DIR: {
@@ -329,13 +357,14 @@ std::unique_ptr<Directory> DuplicateFileFinder::scanFiles(
               folder->unique = true;
               break;
             }
-            auto package = std::make_unique<Package>(Name{{name, length}}, folder);
+            auto package = std::make_unique<Package>(keepName(name, length), folder);
             if (size != 0) {
               packagesBySize.add(size, package.get());
             } else {
               unsizedPackages.push_back(package.get());
             }
-            folder->children.push_back(std::move(package));
+            folder->children.push_back(package.get());
+            folder->containers.push_back(std::move(package));
             break;
           }
           if ((!includeHiddenFolders && name[0] == '.') ||
@@ -343,9 +372,10 @@ std::unique_ptr<Directory> DuplicateFileFinder::scanFiles(
             folder->unique = true;
             break;
           }
-          auto child = std::make_unique<Directory>(Name{{name, length}}, folder);
+          auto child = std::make_unique<Directory>(keepName(name, length), folder);
           stack.push_back(child.get());
-          folder->children.push_back(std::move(child));
+          folder->children.push_back(child.get());
+          folder->containers.push_back(std::move(child));
           break;
         }
         default:
@@ -848,11 +878,9 @@ void DuplicateFileFinder::findDuplicateDirectories(
     if (firstVisit) {
       firstVisit = false;
       Directory* current = folder;
-      for (const auto& child : current->children) {
+      for (File* child : current->children) {
         if (child->unique) current->unique = true;
-        if (fileTypeId(child.get()) == 1) {
-          stack.emplace_back(static_cast<Directory*>(child.get()), true);
-        }
+        if (fileTypeId(child) == 1) stack.emplace_back(static_cast<Directory*>(child), true);
       }
       continue;
     }
@@ -865,16 +893,15 @@ void DuplicateFileFinder::findDuplicateDirectories(
     notifyCurrentPath(current);
     // Names play no part: a folder is the multiset of (kind, size, digest) of what it holds,
     // made an order by this sort.
-    std::sort(current->children.begin(), current->children.end(),
-              [](const std::unique_ptr<File>& a, const std::unique_ptr<File>& b) {
-                std::uint32_t ta = fileTypeId(a.get()), tb = fileTypeId(b.get());
-                if (ta != tb) return ta > tb;
-                if (a->size != b->size) return a->size > b->size;
-                return a->hash > b->hash;
-              });
+    std::sort(current->children.begin(), current->children.end(), [](const File* a, const File* b) {
+      std::uint32_t ta = fileTypeId(a), tb = fileTypeId(b);
+      if (ta != tb) return ta > tb;
+      if (a->size != b->size) return a->size > b->size;
+      return a->hash > b->hash;
+    });
     hash.reset();
-    for (const auto& child : current->children) {
-      std::uint32_t type = fileTypeId(child.get());
+    for (const File* child : current->children) {
+      std::uint32_t type = fileTypeId(child);
       hash.updateMD5(&type, sizeof(type));
       hash.updateMD5(&child->size, sizeof(child->size));
       hash.updateMD5(&child->hash, sizeof(child->hash));

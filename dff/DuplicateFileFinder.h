@@ -22,7 +22,7 @@ namespace dff {
 class FileHash;
 class PackageHash;
 
-using Group = std::vector<File*>;
+using Group = Values<File*>;
 using Result = std::vector<Group>;
 
 class DuplicateFileFinder {

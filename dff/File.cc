@@ -6,19 +6,21 @@
 namespace dff {
 
 Path File::path() const {
-  if (absolute_) return Path(name_);
+  if (absolute_) return Path(std::string(name_, length_));
   // Gather the names up to the nearest entry that keeps a whole path, then join them.
   std::vector<const File*> chain;
   std::size_t length = 0;
   const File* entry = this;
   for (; !entry->absolute_; entry = entry->parent) {
     chain.push_back(entry);
-    length += entry->name_.size() + 1;
+    length += entry->length_ + 1;
   }
   std::string path;
-  path.reserve(entry->name_.size() + length);
-  path.append(entry->name_);
-  for (auto it = chain.rbegin(); it != chain.rend(); ++it) path.append(1, '/').append((*it)->name_);
+  path.reserve(entry->length_ + length);
+  path.append(entry->name_, entry->length_);
+  for (auto it = chain.rbegin(); it != chain.rend(); ++it) {
+    path.append(1, '/').append((*it)->name_, (*it)->length_);
+  }
   return Path(std::move(path));
 }
 

@@ -65,7 +65,8 @@ struct HashValue {
 
 class Container;
 
-// The name of an entry below its parent, for entries that the scan builds inside a folder.
+// The name of an entry below its parent, for entries that the scan builds inside a folder: a
+// NUL-terminated text that the folder keeps for as long as the entry lives.
 struct Name {
   std::string_view text;
 };
@@ -74,37 +75,73 @@ struct Name {
 // the digest before another reads it, and an entry that never got one still digests the same
 // way every time.
 //
-// An entry made inside a folder keeps only its name and builds its path from its parents when
-// asked: a tree of a million entries would otherwise hold a million copies of the same folder
-// paths. Roots, photos and entries made from a whole path keep that path.
+// An entry made inside a folder keeps only its name, in a block its folder holds for the names
+// of all it holds, and builds its path from its parents when asked: a tree of a million entries
+// would otherwise hold a million copies of the same folder paths. Roots, photos and entries made
+// from a whole path keep that path, in memory of their own.
 class File {
  public:
   File(const Path& path, std::int64_t size, Container* parent)
-      : size(size), parent(parent), name_(path.string()), absolute_(true) {}
-  File(Path&& path, std::int64_t size, Container* parent)
-      : size(size), parent(parent), name_(std::move(path).take()), absolute_(true) {}
+      : size(size), parent(parent), absolute_(true) {
+    own(path.string());
+  }
+  File(Path&& path, std::int64_t size, Container* parent) : File(path, size, parent) {}
   File(Name name, std::int64_t size, Container* parent)
-      : size(size), parent(parent), name_(name.text), absolute_(parent == nullptr) {}
-  virtual ~File() = default;
+      : size(size),
+        parent(parent),
+        name_(name.text.data()),
+        length_(static_cast<std::uint32_t>(name.text.size())),
+        absolute_(parent == nullptr) {}
+  File(File&& other) noexcept
+      : size(other.size),
+        parent(other.parent),
+        hash(other.hash),
+        name_(other.name_),
+        length_(other.length_),
+        unique(other.unique),
+        absolute_(other.absolute_),
+        owned_(other.owned_) {
+    other.owned_ = false;
+  }
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+  virtual ~File() {
+    if (owned_) delete[] name_;
+  }
 
   // Gives every entry run-time type information; nothing calls it.
   virtual void typeInfo() {}
 
   // The absolute path of the entry.
   Path path() const;
-  // The entry's own name below its parent, or its whole path when it keeps one.
-  const std::string& name() const { return name_; }
+  // The entry's own name below its parent, or its whole path when it keeps one; NUL-terminated.
+  std::string_view name() const { return {name_, length_}; }
+  const char* nameCStr() const { return name_; }
   // True when `name()` is the whole path rather than a name below `parent`.
   bool keepsWholePath() const { return absolute_; }
 
   std::int64_t size;
   Container* parent;
   HashValue hash;
+
+ private:
+  void own(const std::string& text) {
+    char* copy = new char[text.size() + 1];
+    std::memcpy(copy, text.c_str(), text.size() + 1);
+    name_ = copy;
+    length_ = static_cast<std::uint32_t>(text.size());
+    owned_ = true;
+  }
+
+  const char* name_ = "";
+  std::uint32_t length_ = 0;
+
+ public:
   bool unique = false;
 
  private:
-  std::string name_;
   bool absolute_;
+  bool owned_ = false;
 };
 
 class Symlink final : public File {
@@ -127,8 +164,17 @@ class Directory final : public Container {
   Directory(Name name, Container* parent) : Container(name, 0, parent) {}
 
   // What the scan met, in its order: `File`, `Symlink`, `Directory` or `Package` entries, each
-  // owned by its folder.
-  std::vector<std::unique_ptr<File>> children;
+  // owned by this folder through the members below.
+  std::vector<File*> children;
+
+  // The names of what it holds, one block for all; the groups a search hands over may take it
+  // over, their names staying where they are.
+  std::unique_ptr<char[]> names;
+  // Its files and links by value, in arrays made to size when the folder is listed, so that
+  // they never move; its folders and packages each on their own.
+  std::vector<File> files;
+  std::vector<Symlink> links;
+  std::vector<std::unique_ptr<Container>> containers;
 };
 
 class Package : public Container {

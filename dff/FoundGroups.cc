@@ -1,5 +1,6 @@
 #include "dff/FoundGroups.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace dff {
@@ -39,18 +40,13 @@ std::uint32_t FoundGroups::addFolder(std::string_view path) {
 }
 
 void FoundGroups::add(std::uint32_t folder, std::string_view name, std::int64_t size) {
-  members_.push_back({keep(name), static_cast<std::uint32_t>(name.size()), folder, size, 0});
+  members_.push_back({keep(name), static_cast<std::uint32_t>(name.size()), folder, size});
 }
 
 void FoundGroups::addPath(std::string_view path, std::int64_t size,
                           std::optional<std::string_view> photoID) {
-  std::uint32_t photo = 0;
-  if (photoID) {
-    photoIDs_.emplace_back(*photoID);
-    photo = static_cast<std::uint32_t>(photoIDs_.size());
-  }
-  members_.push_back(
-      {keep(path), static_cast<std::uint32_t>(path.size()), kWholePath, size, photo});
+  if (photoID) photos_.emplace_back(members_.size(), *photoID);
+  members_.push_back({keep(path), static_cast<std::uint32_t>(path.size()), kWholePath, size});
 }
 
 void FoundGroups::endGroup() { ends_.push_back(members_.size()); }
@@ -74,9 +70,10 @@ std::string FoundGroups::path(std::size_t member) const {
 }
 
 std::optional<std::string_view> FoundGroups::photoID(std::size_t member) const {
-  const Member& m = members_[member];
-  if (m.photo == 0) return std::nullopt;
-  return photoIDs_[m.photo - 1];
+  auto found = std::lower_bound(photos_.begin(), photos_.end(), member,
+                                [](const auto& photo, std::size_t at) { return photo.first < at; });
+  if (found == photos_.end() || found->first != member) return std::nullopt;
+  return found->second;
 }
 
 }  // namespace dff

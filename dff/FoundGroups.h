@@ -11,6 +11,7 @@
 #include <ranges>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace dff {
@@ -30,6 +31,12 @@ class FoundGroups {
   std::uint32_t addFolder(std::string_view path);
   // A member named `name` inside folder `folder`.
   void add(std::uint32_t folder, std::string_view name, std::int64_t size);
+  // Takes over a block of text, so that members may be named by views into it.
+  void keepBlock(std::unique_ptr<char[]> block) { blocks_.push_back(std::move(block)); }
+  // As `add`, for a name that lies in a block given to `keepBlock`.
+  void addKept(std::uint32_t folder, std::string_view name, std::int64_t size) {
+    members_.push_back({name.data(), static_cast<std::uint32_t>(name.size()), folder, size});
+  }
   // A member given by its whole path, a picture of a photo library when `photoID` is given.
   void addPath(std::string_view path, std::int64_t size,
                std::optional<std::string_view> photoID = std::nullopt);
@@ -47,7 +54,7 @@ class FoundGroups {
   void appendPath(std::size_t member, std::string& out) const;
   std::size_t pathLength(std::size_t member) const;
   std::int64_t fileSize(std::size_t member) const { return members_[member].size; }
-  bool isPhoto(std::size_t member) const { return members_[member].photo != 0; }
+  bool isPhoto(std::size_t member) const { return photoID(member).has_value(); }
   // The library's identifier of a picture; nothing for a file.
   std::optional<std::string_view> photoID(std::size_t member) const;
 
@@ -58,12 +65,13 @@ class FoundGroups {
     std::uint32_t nameLength;
     std::uint32_t folder;  // index in `folders_`, or `kWholePath` when the name is the path
     std::int64_t size;
-    std::uint32_t photo;  // 1 + index in `photoIDs_`, or 0
   };
   const char* keep(std::string_view text);
 
   std::vector<std::string> folders_;
-  std::vector<std::string> photoIDs_;
+  // The pictures among the members, by member index, with their identifiers: few, next to the
+  // files a search meets.
+  std::vector<std::pair<std::size_t, std::string>> photos_;
   std::vector<std::unique_ptr<char[]>> blocks_;
   std::size_t blockFree_ = 0;
   char* blockAt_ = nullptr;

@@ -164,7 +164,7 @@ std::size_t FileHash::fetch(char* buffer, bool& done) {
   int folder = handles != nullptr && !file->keepsWholePath() && file->parent != nullptr
                    ? handles->descriptor(file->parent)
                    : -1;
-  int fd = folder >= 0 ? openRegular(folder, file->name().c_str(), file->size)
+  int fd = folder >= 0 ? openRegular(folder, file->nameCStr(), file->size)
                        : openRegular(AT_FDCWD, file->path().cStr(), file->size);
   return fetchStage(fd, file->size, offset, offset == 0 ? kFirstStageBlocks : kLaterStageBlocks,
                     buffer, done);
