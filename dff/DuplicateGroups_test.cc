@@ -212,6 +212,22 @@ TEST(PlanKeepingOneTest, NothingThatHoldsAKeptMemberIsDeleted) {
   EXPECT_EQ(plan.kept, std::vector<std::string_view>{inner});
 }
 
+// A path given in two groups is deleted, and counted, once: the report's count takes the plan's
+// longer way when names repeat.
+TEST(PlanKeepingOneTest, ANameInTwoGroupsIsCountedOnce) {
+  TempDir tmp;
+  std::string content = randomBytes(800, 13);
+  std::string x = tmp.write("x", content), y = tmp.write("y", content), z = tmp.write("z", content);
+  auto groups = refineGroups(std::vector<std::vector<Duplicate>>{{File{x, 800}, File{y, 800}},
+                                                                 {File{z, 800}, File{y, 800}}});
+  ASSERT_EQ(groups.size(), 2u);
+  auto plan = planKeepingOne(groups);
+  ASSERT_EQ(plan.deletions.size(), 1u);
+  EXPECT_EQ(plan.deletions[0].path, y);
+  EXPECT_EQ(plan.bytesFreed, 800);
+  EXPECT_EQ(bytesFreedKeepingOne(groups), 800);
+}
+
 // A folder mounted inside itself shows every file under a second path. Needs root and a mount
 // namespace of its own, made in a child process so the machine's mounts stay untouched.
 TEST(RefineGroupsTest, AFolderBindMountedInsideItselfListsNoFileTwice) {
