@@ -94,23 +94,16 @@ TEST(MacAppBundleTest, LinksInsideABundleAreNotWalked) {
   EXPECT_EQ(texts(outer->bundleIDs), std::vector<std::string>{"com.example.helper"});
 }
 
-class DesktopAppsTest : public ::testing::Test {
+class DesktopAppsTest : public testsupport::RootedTest {
  protected:
-  void SetUp() override {
-    locations_ = platform::Locations::underRoot(tmp_.path());
+  DesktopAppsTest() {
     locations_.applications.push_back(tmp_ / "flatpak/exports/share/applications");
     platform::setCurrentLocations(locations_);
-  }
-  void TearDown() override {
-    platform::setCurrentLocations(platform::Locations::fromEnvironment());
   }
 
   void entry(const std::string& path, const std::string& body) {
     tmp_.write(path, "[Desktop Entry]\n" + body);
   }
-
-  TempDir tmp_;
-  platform::Locations locations_;
 };
 
 TEST_F(DesktopAppsTest, FirstFolderWinsHiddenEntriesHideAndIDsComeFromPaths) {

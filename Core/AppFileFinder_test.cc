@@ -17,8 +17,6 @@
 namespace Core {
 namespace {
 
-using testsupport::TempDir;
-
 // Everything a finder reports, as paths relative to the fixture's home.
 class Recorder final : public AppFileFinderDelegate {
  public:
@@ -60,23 +58,8 @@ class Recorder final : public AppFileFinderDelegate {
   std::string home_;
 };
 
-class AppFileFinderTest : public ::testing::Test {
+class AppFileFinderTest : public testsupport::RootedTest {
  protected:
-  AppFileFinderTest() : locations_(platform::Locations::underRoot(tmp_.path())) {
-    platform::setCurrentLocations(locations_);
-  }
-  ~AppFileFinderTest() override {
-    platform::setCurrentLocations(platform::Locations::fromEnvironment());
-  }
-
-  void desktopEntry(const std::string& id, const std::string& name, const std::string& exec,
-                    const std::string& folder = "usr/share/applications") {
-    tmp_.write(folder + "/" + id + ".desktop",
-               "[Desktop Entry]\nType=Application\nName=" + name + "\nExec=" + exec + "\n");
-  }
-  void program(const std::string& path, const std::string& content = "#!/bin/sh\n") {
-    ::chmod(tmp_.write(path, content).c_str(), 0755);
-  }
   void home(const std::string& path, const std::string& content = "x") {
     tmp_.write("home/" + path, content);
   }
@@ -167,8 +150,6 @@ class AppFileFinderTest : public ::testing::Test {
     return paths;
   }
 
-  TempDir tmp_;
-  platform::Locations locations_;
   std::shared_ptr<Recorder> recorder_;
 };
 

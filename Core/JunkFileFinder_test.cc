@@ -15,28 +15,7 @@
 namespace Core {
 namespace {
 
-using testsupport::TempDir;
-
 constexpr long kDay = 24 * 3600;
-
-// A file index that answers with the items the test gives, as soon as it is started.
-class CannedQuery final : public platform::MetadataQuery {
- public:
-  explicit CannedQuery(std::vector<platform::MetadataItem> items) : items_(std::move(items)) {}
-  void setPredicate(platform::MetadataPredicate) override {}
-  void setSearchScopes(std::vector<std::string>) override {}
-  void setNotificationBatchingInterval(std::chrono::milliseconds) override {}
-  void setSortBySizeDescending(bool) override {}
-  void setDidUpdate(std::function<void()>) override {}
-  void setDidFinishGathering(std::function<void()> handler) override { finish_ = handler; }
-  void startQuery() override { platform::DispatchQueue::main().async(finish_); }
-  void stopQuery() override {}
-  const std::vector<platform::MetadataItem>& results() const override { return items_; }
-
- private:
-  std::vector<platform::MetadataItem> items_;
-  std::function<void()> finish_;
-};
 
 // What a scan reported, by category, as paths relative to the fixture root.
 class Recorder final : public JunkFileFinderDelegate {
@@ -103,23 +82,16 @@ class Recorder final : public JunkFileFinderDelegate {
   std::map<std::string, std::size_t> reported_;
 };
 
-class JunkFileFinderTest : public ::testing::Test {
+class JunkFileFinderTest : public testsupport::RootedTest {
  protected:
-  JunkFileFinderTest() : locations_(platform::Locations::underRoot(tmp_.path())) {
-    platform::setCurrentLocations(locations_);
-  }
-  ~JunkFileFinderTest() override {
-    platform::setCurrentLocations(platform::Locations::fromEnvironment());
-  }
-
   std::shared_ptr<JunkFileFinder> makeFinder(const std::string& document,
                                              std::vector<platform::MetadataItem> images = {}) {
     std::string error;
     auto manager = RuleManager::load(document, locations_, &error);
     EXPECT_TRUE(manager) << error;
-    auto finder =
-        JunkFileFinder::create(std::make_shared<RuleManager>(std::move(*manager)),
-                               [images] { return std::make_unique<CannedQuery>(images); });
+    auto finder = JunkFileFinder::create(
+        std::make_shared<RuleManager>(std::move(*manager)),
+        [images] { return std::make_unique<testsupport::ScriptedQuery>(images, true); });
     recorder_ = std::make_shared<Recorder>(tmp_.path());
     finder->delegate = recorder_;
     return finder;
@@ -130,13 +102,8 @@ class JunkFileFinderTest : public ::testing::Test {
     ASSERT_TRUE(testsupport::drainMainUntil([&] { return recorder_->finished; }));
   }
 
-  void desktopEntry(const std::string& id) {
-    tmp_.write("usr/share/applications/" + id + ".desktop",
-               "[Desktop Entry]\nType=Application\nName=" + id + "\nExec=" + id + "\n");
-  }
+  void desktopEntry(const std::string& id) { RootedTest::desktopEntry(id, id, id); }
 
-  TempDir tmp_;
-  platform::Locations locations_;
   std::shared_ptr<Recorder> recorder_;
 };
 

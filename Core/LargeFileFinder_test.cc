@@ -21,27 +21,7 @@ class RecordingDelegate final : public LargeFileFinderDelegate {
   int finishes = 0;
 };
 
-// A query whose results and events the test controls.
-class ScriptedQuery final : public platform::MetadataQuery {
- public:
-  void setPredicate(platform::MetadataPredicate p) override { predicate = p; }
-  void setSearchScopes(std::vector<std::string> s) override { scopes = s; }
-  void setNotificationBatchingInterval(std::chrono::milliseconds i) override { interval = i; }
-  void setSortBySizeDescending(bool d) override { descending = d; }
-  void setDidUpdate(std::function<void()> h) override { update = h; }
-  void setDidFinishGathering(std::function<void()> h) override { finish = h; }
-  void startQuery() override { ++starts; }
-  void stopQuery() override { ++stops; }
-  const std::vector<platform::MetadataItem>& results() const override { return items; }
-
-  platform::MetadataPredicate predicate;
-  std::vector<std::string> scopes;
-  std::chrono::milliseconds interval{0};
-  bool descending = false;
-  std::function<void()> update, finish;
-  int starts = 0, stops = 0;
-  std::vector<platform::MetadataItem> items;
-};
+using testsupport::ScriptedQuery;
 
 TEST(LargeFileFinderTest, ConfiguresTheQueryAndSkipsItemsWithoutAttributes) {
   auto owned = std::make_unique<ScriptedQuery>();

@@ -41,10 +41,9 @@ TEST(ItemsStatusManagerTest, OnlyQuotedLabelsWithTrueOrFalseCount) {
 }
 
 // Items over a fixture tree, with the service manager's table from a recorder.
-class LaunchItemTest : public ::testing::Test {
+class LaunchItemTest : public testsupport::RootedTest {
  protected:
   LaunchItemTest() {
-    locations_ = platform::Locations::underRoot(tmp_.path());
     locations_.root = "";  // so that the user's units go through systemctl --user
     platform::setCurrentLocations(locations_);
     runner_ = std::make_shared<testsupport::RecordingProcessRunner>();
@@ -56,10 +55,7 @@ class LaunchItemTest : public ::testing::Test {
     ItemsStatusManager::shared().setProcessRunner(runner_);
     ItemsStatusManager::shared().reloadDisabledItems();
   }
-  ~LaunchItemTest() override {
-    detail::setApplicationURLs(nullptr);
-    platform::setCurrentLocations(platform::Locations::fromEnvironment());
-  }
+  ~LaunchItemTest() override { detail::setApplicationURLs(nullptr); }
 
   std::vector<LaunchItem> find() {
     struct Receiver final : LaunchItemsFinderDelegate {
@@ -91,8 +87,6 @@ class LaunchItemTest : public ::testing::Test {
     return tmp_ / path;
   }
 
-  TempDir tmp_;
-  platform::Locations locations_;
   std::shared_ptr<testsupport::RecordingProcessRunner> runner_;
 };
 

@@ -380,4 +380,25 @@ std::vector<RecordingProcessRunner::Call> RecordingProcessRunner::calls() const 
   return calls_;
 }
 
+void ScriptedQuery::startQuery() {
+  ++starts;
+  if (finishOnStart_) platform::DispatchQueue::main().async(finish);
+}
+
+RootedTest::RootedTest() : locations_(platform::Locations::underRoot(tmp_.path())) {
+  platform::setCurrentLocations(locations_);
+}
+
+RootedTest::~RootedTest() { platform::setCurrentLocations(platform::Locations::fromEnvironment()); }
+
+void RootedTest::desktopEntry(const std::string& id, const std::string& name,
+                              const std::string& exec, const std::string& folder) {
+  tmp_.write(folder + "/" + id + ".desktop",
+             "[Desktop Entry]\nType=Application\nName=" + name + "\nExec=" + exec + "\n");
+}
+
+void RootedTest::program(const std::string& path, const std::string& content) {
+  ::chmod(tmp_.write(path, content).c_str(), 0755);
+}
+
 }  // namespace testsupport

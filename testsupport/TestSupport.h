@@ -2,6 +2,7 @@
 
 // Helpers shared by the test binaries: temporary trees, main-queue draining and recorders.
 
+#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/types.h>
 
@@ -18,6 +19,8 @@
 #include <vector>
 
 #include "platform/Analytics.h"
+#include "platform/Locations.h"
+#include "platform/Metadata.h"
 #include "platform/Process.h"
 
 namespace testsupport {
@@ -199,6 +202,52 @@ class RecordingProcessRunner final : public platform::ProcessRunner {
   mutable std::mutex mutex_;
   std::map<std::string, platform::ProcessOutput> answers_;
   std::vector<Call> calls_;
+};
+
+// A file index whose settings, results and events the test controls: it records what it is
+// told, and with `finishOnStart` it reports that it has gathered its `items` as soon as it is
+// started (on the main queue).
+class ScriptedQuery final : public platform::MetadataQuery {
+ public:
+  explicit ScriptedQuery(std::vector<platform::MetadataItem> items = {}, bool finishOnStart = false)
+      : items(std::move(items)), finishOnStart_(finishOnStart) {}
+  void setPredicate(platform::MetadataPredicate p) override { predicate = p; }
+  void setSearchScopes(std::vector<std::string> s) override { scopes = s; }
+  void setNotificationBatchingInterval(std::chrono::milliseconds i) override { interval = i; }
+  void setSortBySizeDescending(bool d) override { descending = d; }
+  void setDidUpdate(std::function<void()> h) override { update = h; }
+  void setDidFinishGathering(std::function<void()> h) override { finish = h; }
+  void startQuery() override;
+  void stopQuery() override { ++stops; }
+  const std::vector<platform::MetadataItem>& results() const override { return items; }
+
+  platform::MetadataPredicate predicate;
+  std::vector<std::string> scopes;
+  std::chrono::milliseconds interval{0};
+  bool descending = false;
+  std::function<void()> update, finish;
+  int starts = 0, stops = 0;
+  std::vector<platform::MetadataItem> items;
+
+ private:
+  bool finishOnStart_;
+};
+
+// A test whose machine is a fresh folder: every location lies under it (as with `--root`) for
+// the test's lifetime.
+class RootedTest : public ::testing::Test {
+ protected:
+  RootedTest();
+  ~RootedTest() override;
+
+  // A desktop entry `id` in `folder` (below the root) that runs `exec`.
+  void desktopEntry(const std::string& id, const std::string& name, const std::string& exec,
+                    const std::string& folder = "usr/share/applications");
+  // An executable file at `path` below the root.
+  void program(const std::string& path, const std::string& content = "#!/bin/sh\n");
+
+  TempDir tmp_;
+  platform::Locations locations_;
 };
 
 }  // namespace testsupport
