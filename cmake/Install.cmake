@@ -47,7 +47,7 @@ set(RAVELIN_PUBLIC_HEADERS
   Core/ValueObservable.h
   deletion/Deleter.h
   dff/CoreDuplicateFileFinder.h dff/DFFDuplicateFileFinder.h dff/Duplicate.h
-  dff/DuplicateFileFinder.h dff/DuplicateGroups.h dff/File.h
+  dff/DuplicateFileFinder.h dff/DuplicateGroups.h dff/File.h dff/FoundGroups.h
   helper/HelperConnection.h helper/Protocols.h
   launch/ItemsStatusManager.h launch/LaunchItem.h
   monitor/DiskInfo.h monitor/SystemStatistics.h monitor/Temperature.h monitor/smc.h
