@@ -57,47 +57,10 @@ class RealHelper : public testsupport::ChildProcess {
                      socket) {}
 };
 
-int connectTo(const std::string& socket) {
-  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, socket.c_str(), sizeof(address.sun_path) - 1);
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-    ::close(fd);
-    return -1;
-  }
-  // Only a guard against a hang: every read here ends with a line or the helper's close.
-  timeval limit{30, 0};
-  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-  return fd;
-}
-
-// Sends `line` and reads until the helper answers a line or closes: the answer, "" if closed.
-std::string exchange(int fd, const std::string& line) {
-  ::send(fd, line.data(), line.size(), MSG_NOSIGNAL);
-  std::string answer;
-  char buffer[256];
-  while (answer.find('\n') == std::string::npos) {
-    ssize_t n = ::recv(fd, buffer, sizeof(buffer), 0);
-    if (n <= 0) break;
-    answer.append(buffer, static_cast<std::size_t>(n));
-  }
-  return answer;
-}
-
-const std::string kPing = "{\"selector\":\"test:\",\"arguments\":[],\"reply\":1}\n";
-
-// A ping on a new connection, tried until the helper has room for it.
-bool pingAnswered(const std::string& socket) {
-  for (int attempt = 0; attempt < 1000; ++attempt) {
-    int fd = connectTo(socket);
-    std::string answer = fd >= 0 ? exchange(fd, kPing) : "";
-    if (fd >= 0) ::close(fd);
-    if (!answer.empty()) return answer == "{\"arguments\":[],\"reply\":1}\n";
-    std::this_thread::yield();
-  }
-  return false;
-}
+using testsupport::connectUnix;
+using testsupport::exchangeLine;
+using testsupport::helperAnswersPing;
+using testsupport::kHelperPing;
 
 // A service that answers the ping late, or never.
 class SlowHelper {
@@ -242,12 +205,12 @@ TEST_F(HelperConnectionTest, HostileMessagesEndTheirConnectionAndNothingElse) {
                        "\"reply\":2}\n"),
            "{\"selector\":\"test:\",\"arguments\":[" + deep + "],\"reply\":1}\n",
            "{\"selector\":\"deleteAtPaths:\",\"arguments\":[[\"" + home + "/\xff\xfe\"]]}\n",
-           kPing.substr(0, kPing.size() - 1) + std::string(1, '\0') + "\n"}) {
-    int fd = connectTo(socket_);
+           kHelperPing.substr(0, kHelperPing.size() - 1) + std::string(1, '\0') + "\n"}) {
+    int fd = connectUnix(socket_);
     ASSERT_GE(fd, 0);
-    EXPECT_EQ(exchange(fd, line), "") << line.substr(0, 80);
+    EXPECT_EQ(exchangeLine(fd, line), "") << line.substr(0, 80);
     ::close(fd);
-    EXPECT_TRUE(pingAnswered(socket_)) << line.substr(0, 80);
+    EXPECT_TRUE(helperAnswersPing(socket_)) << line.substr(0, 80);
   }
   EXPECT_TRUE(std::filesystem::exists(tmp_ / "victim"));
   EXPECT_TRUE(std::filesystem::exists(tmp_ / "home/keep"));
@@ -277,7 +240,7 @@ TEST_F(HelperConnectionTest, ManyConnectionsLeaveTheThreadCountBounded) {
   RealHelper tool(socket_, tmp_ / "home");
   std::vector<int> idle;
   for (int i = 0; i < 500; ++i) {
-    int fd = connectTo(socket_);
+    int fd = connectUnix(socket_);
     ASSERT_GE(fd, 0) << i;
     idle.push_back(fd);
   }
@@ -292,7 +255,7 @@ TEST_F(HelperConnectionTest, ManyConnectionsLeaveTheThreadCountBounded) {
   EXPECT_GT(threads(), 0);
   EXPECT_LE(threads(), 64);
   for (int fd : idle) ::close(fd);
-  EXPECT_TRUE(pingAnswered(socket_));
+  EXPECT_TRUE(helperAnswersPing(socket_));
 }
 
 TEST_F(HelperConnectionTest, MeasuresAsGetDirectorySizeDoes) {
@@ -361,16 +324,6 @@ TEST_F(HelperConnectionTest, APingAnsweredJustInTimeCountsAndOneNeverAnsweredEnd
   EXPECT_FALSE(connection->helper);
 }
 
-class RecordingAdminRunner final : public platform::AdminRunner {
- public:
-  std::optional<std::string> runAsRoot(const std::string&,
-                                       const std::map<std::string, std::string>&) override {
-    ++runs;
-    return std::string("refused");
-  }
-  int runs = 0;
-};
-
 // Without a host's own socket the installer is asked first: a missing helper is installed only
 // when the caller requires it.
 TEST(HelperInstallTest, AMissingHelperIsInstalledOnlyWhenRequired) {
@@ -378,14 +331,15 @@ TEST(HelperInstallTest, AMissingHelperIsInstalledOnlyWhenRequired) {
   InstallLocations locations;
   locations.toolFolder = tmp / "nothing-installed";
   setInstallLocations(locations);
-  auto runner = std::make_shared<RecordingAdminRunner>();
+  auto runner = std::make_shared<testsupport::RecordingAdminRunner>();
+  runner->answer = "refused";
   platform::setAdminRunner(runner);
   auto connection = HelperConnection::create();
   EXPECT_FALSE(connection->connect(false));
-  EXPECT_EQ(runner->runs, 0);
+  EXPECT_TRUE(runner->scripts.empty());
   EXPECT_FALSE(connection->helper);
   EXPECT_FALSE(connection->connect(true));  // the install is refused
-  EXPECT_EQ(runner->runs, 1);
+  EXPECT_EQ(runner->scripts.size(), 1u);
   EXPECT_FALSE(connection->helper);
   platform::setAdminRunner(nullptr);
   setInstallLocations({});
@@ -397,9 +351,9 @@ int pingAs(uid_t uid, const std::string& socket) {
   pid_t child = ::fork();
   if (child == 0) {
     if (::setgroups(0, nullptr) != 0 || ::setgid(uid) != 0 || ::setuid(uid) != 0) ::_exit(3);
-    int fd = connectTo(socket);
+    int fd = connectUnix(socket);
     if (fd < 0) ::_exit(4);
-    ::_exit(exchange(fd, kPing) == "{\"arguments\":[],\"reply\":1}\n" ? 0 : 1);
+    ::_exit(exchangeLine(fd, kHelperPing) == testsupport::kHelperPong ? 0 : 1);
   }
   int status = 0;
   ::waitpid(child, &status, 0);

@@ -24,18 +24,7 @@ namespace {
 
 using testsupport::TempDir;
 
-class RecordingAdminRunner final : public platform::AdminRunner {
- public:
-  std::optional<std::string> runAsRoot(
-      const std::string& script, const std::map<std::string, std::string>& environment) override {
-    scripts.push_back(script);
-    environments.push_back(environment);
-    return answer;
-  }
-  std::vector<std::string> scripts;
-  std::vector<std::map<std::string, std::string>> environments;
-  std::optional<std::string> answer;
-};
+using testsupport::RecordingAdminRunner;
 
 std::string infoPlist(const std::string& version) {
   return "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><dict>"
@@ -146,27 +135,6 @@ TEST_F(InstallerTest, AnalyticsTellSuccessAndTheFailuresMessage) {
   EXPECT_EQ(events[1].properties->at("info"), "error: Request dismissed");
 }
 
-// Reads one line from a Unix socket within a few seconds.
-std::string pingOnce(const std::string& socketPath) {
-  for (int attempt = 0; attempt < 100; ++attempt) {
-    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, socketPath.c_str(), sizeof(address.sun_path) - 1);
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
-      const std::string ping = "{\"selector\":\"test:\",\"arguments\":[],\"reply\":1}\n";
-      ::send(fd, ping.data(), ping.size(), MSG_NOSIGNAL);
-      char buffer[256] = {};
-      ssize_t n = ::recv(fd, buffer, sizeof(buffer) - 1, 0);
-      ::close(fd);
-      return n > 0 ? std::string(buffer, static_cast<std::size_t>(n)) : "";
-    }
-    ::close(fd);
-    ::usleep(50000);
-  }
-  return "";
-}
-
 // The real script, run for real as root: in a mount namespace of its own, with the system's
 // folders on memory file systems and systemctl a recorder, from a program folder whose name
 // holds blanks and quotes. Then the installed tool is started and pinged.
@@ -219,10 +187,10 @@ TEST(InstallScriptTest, InstallsTheShippedToolAndUnitForReal) {
                   nullptr);
           ::_exit(127);
         }
-        std::string answer = pingOnce(socket);
+        const bool answered = testsupport::helperAnswersPing(socket);
         ::kill(server, SIGKILL);
         ::waitpid(server, nullptr, 0);
-        if (answer != "{\"arguments\":[],\"reply\":1}\n") return 6;
+        if (!answered) return 6;
         // A unit that others may change says nothing root should run: nothing is installed.
         std::filesystem::remove(tool);
         std::filesystem::remove(unit);

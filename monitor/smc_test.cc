@@ -52,7 +52,8 @@ class SMCTest : public ::testing::Test {
   int calls_ = 0;
 };
 
-TEST_F(SMCTest, SecondReadOfAKeyMakesOneCall) {
+// A key's information is asked once and cached, for the first hundred keys only.
+TEST_F(SMCTest, KeyInformationIsCachedForAHundredKeys) {
   SMCVal_t value;
   ASSERT_EQ(SMCReadKey("FNum", &value), 0);
   EXPECT_EQ(calls_, 2);  // key information, then bytes
@@ -62,10 +63,8 @@ TEST_F(SMCTest, SecondReadOfAKeyMakesOneCall) {
   EXPECT_EQ(value.bytes[0], 'm');
   ASSERT_EQ(SMCReadKey("FNum", &value), 0);
   EXPECT_EQ(calls_, 3);
-}
 
-TEST_F(SMCTest, TheHundredAndFirstKeyIsReadButNotCached) {
-  SMCVal_t value;
+  SMCResetKeyInfoCache();
   char key[5];
   for (int i = 0; i < 100; ++i) {
     std::snprintf(key, sizeof(key), "K%03d", i);

@@ -380,6 +380,47 @@ std::vector<RecordingProcessRunner::Call> RecordingProcessRunner::calls() const 
   return calls_;
 }
 
+int connectUnix(const std::string& path) {
+  int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+    ::close(fd);
+    return -1;
+  }
+  timeval limit{30, 0};
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+  return fd;
+}
+
+std::string exchangeLine(int fd, const std::string& line) {
+  ::send(fd, line.data(), line.size(), MSG_NOSIGNAL);
+  std::string answer;
+  char buffer[256];
+  while (answer.find('\n') == std::string::npos) {
+    ssize_t n = ::recv(fd, buffer, sizeof(buffer), 0);
+    if (n <= 0) break;
+    answer.append(buffer, static_cast<std::size_t>(n));
+  }
+  return answer;
+}
+
+bool helperAnswersPing(const std::string& socket) {
+  for (int attempt = 0; attempt < 1000; ++attempt) {
+    int fd = connectUnix(socket);
+    std::string answer = fd >= 0 ? exchangeLine(fd, kHelperPing) : "";
+    if (fd >= 0) ::close(fd);
+    if (!answer.empty()) return answer == kHelperPong;
+    if (fd < 0) {
+      ::usleep(10000);  // nothing listens yet
+    } else {
+      std::this_thread::yield();
+    }
+  }
+  return false;
+}
+
 void ScriptedQuery::startQuery() {
   ++starts;
   if (finishOnStart_) platform::DispatchQueue::main().async(finish);

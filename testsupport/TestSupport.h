@@ -18,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/Admin.h"
 #include "platform/Analytics.h"
 #include "platform/Locations.h"
 #include "platform/Metadata.h"
@@ -202,6 +203,33 @@ class RecordingProcessRunner final : public platform::ProcessRunner {
   mutable std::mutex mutex_;
   std::map<std::string, platform::ProcessOutput> answers_;
   std::vector<Call> calls_;
+};
+
+// A connection to the Unix socket `path`, reads on it ending after 30 seconds at most (only a
+// guard against a hang); -1 when nothing accepts it.
+int connectUnix(const std::string& path);
+// Sends `line` on `fd` and reads until a whole line has come or the peer closes: what came,
+// "" when the peer closed without a word.
+std::string exchangeLine(int fd, const std::string& line);
+// The helper's ping, and its answer.
+inline const std::string kHelperPing = "{\"selector\":\"test:\",\"arguments\":[],\"reply\":1}\n";
+inline const std::string kHelperPong = "{\"arguments\":[],\"reply\":1}\n";
+// Pings the helper on `socket` on a new connection, tried until one is accepted and answered or
+// closed (a helper starting, or busy with other clients): true when it answered the ping.
+bool helperAnswersPing(const std::string& socket);
+
+// Records each script run as root, and answers `answer` (nothing: it ran).
+class RecordingAdminRunner final : public platform::AdminRunner {
+ public:
+  std::optional<std::string> runAsRoot(
+      const std::string& script, const std::map<std::string, std::string>& environment) override {
+    scripts.push_back(script);
+    environments.push_back(environment);
+    return answer;
+  }
+  std::vector<std::string> scripts;
+  std::vector<std::map<std::string, std::string>> environments;
+  std::optional<std::string> answer;
 };
 
 // A file index whose settings, results and events the test controls: it records what it is
