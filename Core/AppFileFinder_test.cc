@@ -12,6 +12,7 @@
 #include "Core/JunkFileFinder.h"
 #include "platform/Locations.h"
 #include "resources/Resources.h"
+#include "testsupport/JunkRecorder.h"
 #include "testsupport/TestSupport.h"
 
 namespace Core {
@@ -289,41 +290,6 @@ TEST_F(AppFileFinderTest, ANestedOrHiddenEntryCountsAsInstalledButIsNotScanned) 
   EXPECT_EQ(recorder_->leftoversFinished, 1);
 }
 
-// Every path a junk scan reports.
-class JunkPaths final : public JunkFileFinderDelegate {
- public:
-  void junkFileFinderCurrentURL(const std::string&) override {}
-  void junkFileFinderProgress(double) override {}
-  void junkFileFinderFoundSystemCache(const File& file) override { add(file.url); }
-  void junkFileFinderFoundLog(const File& file) override { add(file.url); }
-  void junkFileFinderFoundTrashItem(const File& file) override { add(file.url); }
-  void junkFileFinderDidFinishSystemFiles() override {}
-  void junkFileFinderFoundDiskImages(const std::vector<File>& files) override {
-    for (const auto& file : files) add(file.url);
-  }
-  void junkFileFinderFoundAppJunk(const MacAppJunkFile& junk) override { add(junk.files); }
-  void junkFileFinderFoundOrphanJunk(const AppJunkFile& junk) override { add(junk.files); }
-  void junkFileFinderFoundBrowserJunk(const MacAppJunkFile& junk) override { add(junk.files); }
-  void junkFileFinderDidFinish() override { finished = true; }
-
-  std::set<std::string> paths() {
-    std::lock_guard lock(mutex_);
-    return paths_;
-  }
-  bool finished = false;
-
- private:
-  void add(const std::string& path) {
-    std::lock_guard lock(mutex_);  // the system categories report on the scan queue
-    paths_.insert(path);
-  }
-  void add(const std::vector<AppFile>& files) {
-    for (const auto& file : files) add(file.url);
-  }
-  std::mutex mutex_;
-  std::set<std::string> paths_;
-};
-
 // A name a matcher takes: the literal itself, or one the pattern matches.
 std::optional<std::string> sampleName(const Matcher& matcher) {
   if (const auto* literal = std::get_if<StringMatcher>(&matcher)) return literal->text.origin();
@@ -390,7 +356,7 @@ TEST_F(AppFileFinderTest, WhatTheShippedRulesKeepIsNeverReported) {
   };
   auto junk = [&] {
     auto finder = JunkFileFinder::create(std::make_shared<RuleManager>(*manager));
-    auto paths = std::make_shared<JunkPaths>();
+    auto paths = std::make_shared<testsupport::JunkRecorder>(tmp_ / "home");
     finder->delegate = paths;
     finder->start();
     EXPECT_TRUE(testsupport::drainMainUntil([&] { return paths->finished; }));

@@ -10,6 +10,7 @@
 
 #include "platform/Locations.h"
 #include "resources/Resources.h"
+#include "testsupport/JunkRecorder.h"
 #include "testsupport/TestSupport.h"
 
 namespace Core {
@@ -17,70 +18,7 @@ namespace {
 
 constexpr long kDay = 24 * 3600;
 
-// What a scan reported, by category, as paths relative to the fixture root.
-class Recorder final : public JunkFileFinderDelegate {
- public:
-  explicit Recorder(std::string root) : root_(std::move(root)) {}
-
-  void junkFileFinderCurrentURL(const std::string&) override {}
-  void junkFileFinderProgress(double) override {}
-  void junkFileFinderFoundSystemCache(const File& file) override { add("cache", file); }
-  void junkFileFinderFoundLog(const File& file) override { add("log", file); }
-  void junkFileFinderFoundTrashItem(const File& file) override { add("trash", file); }
-  void junkFileFinderDidFinishSystemFiles() override { events.push_back("system files"); }
-  void junkFileFinderFoundDiskImages(const std::vector<File>& files) override {
-    events.push_back("disk images");
-    for (const auto& file : files) add("image", file);
-  }
-  void junkFileFinderFoundAppJunk(const MacAppJunkFile& junk) override {
-    for (const auto& file : junk.files)
-      add("app " + junk.bundleID.origin(), File{file.url, file.size});
-  }
-  void junkFileFinderFoundOrphanJunk(const AppJunkFile& junk) override {
-    for (const auto& file : junk.files)
-      add("orphan " + junk.id.origin(), File{file.url, file.size});
-  }
-  void junkFileFinderFoundBrowserJunk(const MacAppJunkFile& junk) override {
-    events.push_back("browser");
-    for (const auto& file : junk.files)
-      add("browser " + junk.bundleID.origin(), File{file.url, file.size});
-  }
-  void junkFileFinderDidFinish() override {
-    events.push_back("finish");
-    finished = true;
-  }
-
-  std::map<std::string, std::set<std::string>> found() {
-    std::lock_guard lock(mutex_);
-    return found_;
-  }
-  std::int64_t size(const std::string& path) {
-    std::lock_guard lock(mutex_);
-    return sizes_[path];
-  }
-
-  std::size_t count(const std::string& category) {
-    std::lock_guard lock(mutex_);
-    return reported_[category];
-  }
-
-  std::vector<std::string> events;  // main queue only
-  bool finished = false;
-
- private:
-  void add(const std::string& category, const File& file) {
-    std::lock_guard lock(mutex_);  // the categories report on the scan queue
-    std::string path = file.url.substr(std::min(file.url.size(), root_.size() + 1));
-    found_[category].insert(path);
-    ++reported_[category];
-    sizes_[path] = file.size;
-  }
-  std::string root_;
-  std::mutex mutex_;
-  std::map<std::string, std::set<std::string>> found_;
-  std::map<std::string, std::int64_t> sizes_;
-  std::map<std::string, std::size_t> reported_;
-};
+using Recorder = testsupport::JunkRecorder;
 
 class JunkFileFinderTest : public testsupport::RootedTest {
  protected:
