@@ -840,6 +840,12 @@ TEST(RavelinTest, StartupSwitchesASystemUnitBelowARootOnlyAsRoot) {
   EXPECT_EQ(items[0]["label"], "backup.service");
   EXPECT_EQ(items[0]["type"], "daemon");
   EXPECT_EQ(items[0]["enabled"], true);
+  // And back: the link goes and the table below the root says so.
+  EXPECT_EQ(fixture.ravelin({"startup", "--disable", "backup.service"}).status, 0);
+  EXPECT_FALSE(std::filesystem::exists(
+      fixture.tmp / "etc/systemd/system/multi-user.target.wants/backup.service"));
+  listing = fixture.ravelin({"startup", "--json"});
+  EXPECT_EQ(nlohmann::json::parse(listing.out)["items"][0]["enabled"], false);
 }
 
 // The manual page and the bash completion describe every subcommand and every option that

@@ -172,32 +172,5 @@ TEST(SystemdUnitsTest, ChangesRunSystemctlWithTheDomainsArguments) {
   EXPECT_EQ(made, expected);
 }
 
-// The real systemctl over a unit tree of its own: enabling writes the link, the table says so,
-// disabling takes it back.
-TEST(SystemdUnitsTest, TheRealSystemctlSwitchesAUnitBelowARoot) {
-  if (::geteuid() != 0 || !std::filesystem::exists("/usr/bin/systemctl")) {
-    GTEST_SKIP() << "needs root and systemctl";
-  }
-  TempDir tmp;
-  auto l = Locations::underRoot(tmp.path());
-  tmp.write("etc/systemd/system/backup.service",
-            "[Unit]\nDescription=Backup\n[Service]\nExecStart=/bin/true\n"
-            "[Install]\nWantedBy=multi-user.target\n");
-  tmp.write("home/.config/systemd/user/sync.service",
-            "[Service]\nExecStart=/bin/true\n[Install]\nWantedBy=default.target\n");
-  auto runner = makeProcessRunner();
-  std::string before = launchd::printDisabled(*runner, l);
-  EXPECT_NE(before.find("\"backup.service\" => true"), std::string::npos) << before;
-  EXPECT_NE(before.find("\"sync.service\" => true"), std::string::npos) << before;
-  ASSERT_TRUE(launchd::setEnabled(*runner, l, launchd::Domain::system, "backup.service", true));
-  EXPECT_TRUE(std::filesystem::is_symlink(
-      tmp / "etc/systemd/system/multi-user.target.wants/backup.service"));
-  std::string after = launchd::printDisabled(*runner, l);
-  EXPECT_NE(after.find("\"backup.service\" => false"), std::string::npos) << after;
-  ASSERT_TRUE(launchd::setEnabled(*runner, l, launchd::Domain::system, "backup.service", false));
-  EXPECT_NE(launchd::printDisabled(*runner, l).find("\"backup.service\" => true"),
-            std::string::npos);
-}
-
 }  // namespace
 }  // namespace platform
