@@ -73,15 +73,14 @@ TEST(RVFileDeleterTest, DeletesFromTheEndAndCountsMissingPathsAsDeleted) {
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
   EXPECT_EQ(recorder->completions, 1);
   EXPECT_EQ(deleter->state(), RVFileDeleter::completed);
-}
 
-TEST(RVFileDeleterTest, AnEmptyListCompletesAtOnce) {
-  auto deleter = std::make_shared<RVFileDeleter>(std::vector<std::string>{});
-  auto recorder = std::make_shared<Recorder>();
-  deleter->delegate = recorder;
-  deleter->start();
-  ASSERT_TRUE(recorder->waitForCompletion());
-  EXPECT_TRUE(recorder->deleted.empty());
+  // An empty list completes at once.
+  auto empty = std::make_shared<RVFileDeleter>(std::vector<std::string>{});
+  auto quiet = std::make_shared<Recorder>();
+  empty->delegate = quiet;
+  empty->start();
+  ASSERT_TRUE(quiet->waitForCompletion());
+  EXPECT_TRUE(quiet->deleted.empty());
 }
 
 // A folder that can't be emptied reports the inner failure's errno with its own path; the rest of
