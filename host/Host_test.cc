@@ -10,25 +10,13 @@
 namespace host {
 namespace {
 
-TEST(ParseSizeTest, PlainNumbersAndBinarySuffixes) {
-  EXPECT_EQ(parseSize("0"), 0);
-  EXPECT_EQ(parseSize("4096"), 4096);
-  EXPECT_EQ(parseSize("10K"), 10 * 1024);
-  EXPECT_EQ(parseSize("10k"), 10 * 1024);
-  EXPECT_EQ(parseSize("10M"), 10 * 1024 * 1024);
-  EXPECT_EQ(parseSize("10MiB"), 10 * 1024 * 1024);
-  EXPECT_EQ(parseSize("1.5G"), 1536LL * 1024 * 1024);
-  EXPECT_EQ(parseSize("2T"), 2LL << 40);
-  EXPECT_EQ(parseSize("12B"), 12);
-}
-
-TEST(ParseSizeTest, DecimalSuffixesWithB) {
-  EXPECT_EQ(parseSize("10MB"), 10'000'000);
-  EXPECT_EQ(parseSize("1GB"), 1'000'000'000);
-  EXPECT_EQ(parseSize("1kb"), 1000);
-}
-
-TEST(ParseSizeTest, RejectsWhatIsNotASize) {
+// Binary suffixes alone or with "iB", decimal ones with "B"; anything else is no size.
+TEST(ParseSizeTest, SizesWithTheirSuffixesAndWhatIsNone) {
+  const std::pair<const char*, std::int64_t> sizes[] = {
+      {"0", 0},          {"4096", 4096},       {"10K", 10 << 10},      {"10k", 10 << 10},
+      {"10M", 10 << 20}, {"10MiB", 10 << 20},  {"1.5G", 1536LL << 20}, {"2T", 2LL << 40},
+      {"12B", 12},       {"10MB", 10'000'000}, {"1GB", 1'000'000'000}, {"1kb", 1000}};
+  for (const auto& [text, size] : sizes) EXPECT_EQ(parseSize(text), size) << text;
   for (const char* bad : {"", "M", "-1", "1.2.3", "10X", "10 M", "10MBB", ".", "1e3", "99999E"}) {
     EXPECT_FALSE(parseSize(bad)) << bad;
   }
