@@ -289,6 +289,10 @@ TEST(FileModelTest, TypeIdsSpecialNamesAndPaths) {
   EXPECT_EQ((Path("/") / "etc").string(), "//etc");
   EXPECT_EQ((Path("/a/") / std::string("b")).string(), "/a//b");
   EXPECT_EQ(file.hash, HashValue{});  // a defined value before any pass
+  std::string text = "/named";
+  File named(Name{text}, 1, nullptr);  // a root by name keeps its own copy
+  text[1] = 'x';
+  EXPECT_EQ(named.path().string(), "/named");
 }
 
 // Stops: each phase winds down and the run returns what was settled before the stop.

@@ -86,12 +86,16 @@ class File {
     own(path.string());
   }
   File(Path&& path, std::int64_t size, Container* parent) : File(path, size, parent) {}
+  // Without a parent the name is the whole path, and the entry keeps a copy of it.
   File(Name name, std::int64_t size, Container* parent)
-      : size(size),
-        parent(parent),
-        name_(name.text.data()),
-        length_(static_cast<std::uint32_t>(name.text.size())),
-        absolute_(parent == nullptr) {}
+      : size(size), parent(parent), absolute_(parent == nullptr) {
+    if (absolute_) {
+      own(std::string(name.text));
+    } else {
+      name_ = name.text.data();
+      length_ = static_cast<std::uint32_t>(name.text.size());
+    }
+  }
   File(File&& other) noexcept
       : size(other.size),
         parent(other.parent),
