@@ -730,8 +730,14 @@ TEST(RavelinTest, StartupListsEachDomainsUnitsWithStateAndOrigin) {
   fixture.tmp.write("etc/systemd/system/dual.service", installable);
   fixture.tmp.symlink("etc/systemd/system/multi-user.target.wants/dual.service",
                       "/etc/systemd/system/dual.service");
-  fixture.tmp.write("etc/systemd/user/dual.service",
-                    "[Service]\nExecStart=/usr/bin/x\n[Install]\nWantedBy=default.target\n");
+  const std::string userUnit =
+      "[Service]\nExecStart=/usr/bin/x\n[Install]\nWantedBy=default.target\n";
+  fixture.tmp.write("etc/systemd/user/dual.service", userUnit);
+  // The user's own units, read from their folder below the root: linked or only installable.
+  fixture.tmp.write("home/alice/.config/systemd/user/mail.service", userUnit);
+  fixture.tmp.symlink("home/alice/.config/systemd/user/default.target.wants/mail.service",
+                      "../mail.service");
+  fixture.tmp.write("home/alice/.config/systemd/user/sync.service", userUnit);
   auto listed = [&](const std::vector<std::string>& extra) {
     std::vector<std::string> args{"startup", "--json"};
     args.insert(args.end(), extra.begin(), extra.end());
@@ -756,6 +762,8 @@ TEST(RavelinTest, StartupListsEachDomainsUnitsWithStateAndOrigin) {
   EXPECT_EQ(state("system dual.service"), "enabled");
   EXPECT_EQ(items["system dual.service"]["origin"], "administrator");
   EXPECT_EQ(state("global dual.service"), "disabled");
+  EXPECT_EQ(state("user mail.service"), "enabled");
+  EXPECT_EQ(state("user sync.service"), "disabled");
   EXPECT_EQ(state("system gone.service"), "-");  // masked: no one switches it
   items = listed({"--all"});
   EXPECT_EQ(state("system gone.service"), "masked");
