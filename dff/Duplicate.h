@@ -86,9 +86,6 @@ class Values {
   friend bool operator==(const Values& a, const std::vector<Value>& b) {
     return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin());
   }
-  friend bool operator==(const Values& a, const Values& b) {
-    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin());
-  }
 
  private:
   void release() {

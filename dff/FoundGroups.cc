@@ -39,10 +39,6 @@ std::uint32_t FoundGroups::addFolder(std::string_view path) {
   return static_cast<std::uint32_t>(folders_.size() - 1);
 }
 
-void FoundGroups::add(std::uint32_t folder, std::string_view name, std::int64_t size) {
-  members_.push_back({keep(name), static_cast<std::uint32_t>(name.size()), folder, size});
-}
-
 void FoundGroups::addPath(std::string_view path, std::int64_t size,
                           std::optional<std::string_view> photoID) {
   if (photoID) photos_.emplace_back(members_.size(), *photoID);

@@ -27,13 +27,11 @@ class FoundGroups {
   // Building, group by group: members are added to the open group and `endGroup` closes it.
   // `reserve` only saves growing the arrays.
   void reserve(std::size_t groups, std::size_t members);
-  // A folder that holds members; its index is what `add` takes.
+  // A folder that holds members; its index is what `addKept` takes.
   std::uint32_t addFolder(std::string_view path);
-  // A member named `name` inside folder `folder`.
-  void add(std::uint32_t folder, std::string_view name, std::int64_t size);
   // Takes over a block of text, so that members may be named by views into it.
   void keepBlock(std::unique_ptr<char[]> block) { blocks_.push_back(std::move(block)); }
-  // As `add`, for a name that lies in a block given to `keepBlock`.
+  // A member named `name` inside folder `folder`, its name in a block given to `keepBlock`.
   void addKept(std::uint32_t folder, std::string_view name, std::int64_t size) {
     members_.push_back({name.data(), static_cast<std::uint32_t>(name.size()), folder, size});
   }
