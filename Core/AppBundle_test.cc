@@ -12,14 +12,7 @@ namespace {
 using testsupport::TempDir;
 namespace plist = platform::plist;
 
-// A macOS-layout bundle at `path` with an executable in Contents/MacOS.
-void macBundle(TempDir& tmp, const std::string& path, const std::string& id,
-               std::optional<std::string> name = std::nullopt, bool executable = true) {
-  plist::Dictionary info{{"CFBundleIdentifier", id}, {"CFBundleExecutable", "main"}};
-  if (name) info["CFBundleName"] = *name;
-  tmp.write(path + "/Contents/Info.plist", plist::serialize(info, plist::Format::xml));
-  if (executable) tmp.write(path + "/Contents/MacOS/main", "#!");
-}
+using testsupport::macBundle;
 
 std::vector<std::string> texts(const std::vector<CaseInsensitiveString>& values) {
   std::vector<std::string> out;

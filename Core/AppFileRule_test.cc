@@ -124,10 +124,6 @@ TEST(MatcherTest, WhatEachCaseMatchesAndYields) {
   EXPECT_EQ(match(IdMatcher{}, "org.app").identifier, "org.app");
   EXPECT_TRUE(match(AnyMatcher{}, "x").matches);
   EXPECT_FALSE(match(AnyMatcher{}, "x").identifier);
-  EXPECT_EQ(rank(StringMatcher{"a"}), 4);
-  EXPECT_EQ(rank(RegexMatcher{regex}), 3);
-  EXPECT_EQ(rank(IdMatcher{}), 2);
-  EXPECT_EQ(rank(AnyMatcher{}), 1);
 }
 
 TEST(MatcherTest, NamedGroupsByLookupAndByScanningThePattern) {

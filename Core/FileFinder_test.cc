@@ -303,34 +303,26 @@ TEST_F(FileFinderTest, AFolderTheUserMayNotReadIsMeasuredByTheHelper) {
   tmp_.write("tree/open/a", "123");
   tmp_.write("tree/locked/b", "4567");
   ::chmod((tmp_ / "tree/locked").c_str(), 0700);
+  // Measured as the unprivileged user, off the main queue: a connection's error handler comes on
+  // the main queue, so it is drained meanwhile.
+  auto measured = [&] {
+    std::atomic<std::int64_t> size{-1};
+    testsupport::AsUnprivilegedUser user;
+    EXPECT_TRUE(user.ok());
+    platform::DispatchQueue("measure").async([&] { size = directorySize(tmp_ / "tree"); });
+    EXPECT_TRUE(testsupport::drainMainUntil([&] { return size.load() >= 0; }));
+    return size.load();
+  };
   const std::string socket = tmp_ / "helper.sock";
-  std::int64_t withHelper = -1, withoutHelper = -1;
+  std::int64_t withHelper = -1;
   {
     testsupport::ChildProcess helperTool(
         {RAVELIN_HELPER_BINARY, "--socket", socket, "--allow-uid", "65534"}, socket);
     helper::setHelperSocket(socket);
-    std::atomic<bool> done{false};
-    {
-      testsupport::AsUnprivilegedUser user;
-      ASSERT_TRUE(user.ok());
-      // The error handler of a connection comes on the main queue, so it is drained meanwhile.
-      platform::DispatchQueue("measure").async([&] {
-        withHelper = directorySize(tmp_ / "tree");
-        done = true;
-      });
-      ASSERT_TRUE(testsupport::drainMainUntil([&] { return done.load(); }));
-    }
+    withHelper = measured();
   }
   helper::setHelperSocket(tmp_ / "nobody-listens.sock");
-  {
-    testsupport::AsUnprivilegedUser user;
-    std::atomic<bool> done{false};
-    platform::DispatchQueue("measure").async([&] {
-      withoutHelper = directorySize(tmp_ / "tree");
-      done = true;
-    });
-    ASSERT_TRUE(testsupport::drainMainUntil([&] { return done.load(); }));
-  }
+  const std::int64_t withoutHelper = measured();
   helper::setHelperSocket("");
   EXPECT_EQ(withHelper, 7);
   EXPECT_EQ(withoutHelper, 0);

@@ -1,21 +1,15 @@
 #include "deletion/Deleter.h"
 
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <cstring>
 #include <filesystem>
 #include <thread>
 
 #include "helper/HelperConnection.h"
-#include "helper/Protocols.h"
 #include "platform/Photos.h"
+#include "testsupport/FakeHelper.h"
 #include "testsupport/TestSupport.h"
 
 namespace {
@@ -155,36 +149,6 @@ TEST_F(DeleterTest, FailedPhotosAreLeftToTheHost) {
   EXPECT_EQ(second->deleted.size(), 1u);
 }
 
-// What the user may not delete (EACCES) goes to the helper, and only that; the helper deletes it
-// as root. The deleting runs as an unprivileged user, the helper as root on a socket of its own.
-TEST_F(DeleterTest, PathsRefusedWithEaccesGoToTheHelper) {
-  if (::geteuid() != 0) GTEST_SKIP() << "needs root to run the helper and an unprivileged user";
-  ::chmod(tmp_.path().c_str(), 0755);
-  tmp_.write("mine/file", "1");
-  tmp_.write("roots/locked/file", "2");
-  ::chown((tmp_ / "mine").c_str(), 65534, 65534);
-  ::chown((tmp_ / "mine/file").c_str(), 65534, 65534);
-  const std::string socket = tmp_ / "helper.sock";
-  testsupport::ChildProcess helperTool(
-      {RAVELIN_HELPER_BINARY, "--socket", socket, "--allow-uid", "65534", "--home", tmp_.path()},
-      socket);
-  helper::setHelperSocket(socket);
-  {
-    testsupport::AsUnprivilegedUser user;
-    ASSERT_TRUE(user.ok());
-    // Files run from the end: "mine" is deleted, the locked one refused with EACCES.
-    auto deleter = Deleter::create({tmp_ / "roots/locked", tmp_ / "mine"});
-    deleter->delegate = recorder_;
-    deleter->start();
-    ASSERT_TRUE(waitForCompletion(*recorder_));
-  }
-  helperTool.kill();
-  EXPECT_EQ(recorder_->deleted, (std::vector<std::string>{tmp_ / "mine", tmp_ / "roots/locked"}));
-  EXPECT_EQ(recorder_->progress, (std::vector<double>{0.5, 1.0}));
-  EXPECT_FALSE(std::filesystem::exists(tmp_ / "roots/locked"));
-  EXPECT_EQ(recorder_->completions, 1);
-}
-
 // No helper to be had: the helper phase ends, the photos are still tried, and completion comes
 // once. The path that went to the helper is left uncounted.
 TEST_F(DeleterTest, AHelperThatCantBeReachedEndsItsPhaseAndPhotosAreStillTried) {
@@ -216,30 +180,7 @@ TEST_F(DeleterTest, AStopEndsTheWaitForAHelperThatNeverFinishes) {
   ::chmod(tmp_.path().c_str(), 0755);
   tmp_.write("roots/locked/file", "x");
   const std::string socket = tmp_ / "silent.sock";
-  // Answers the ping, takes every other message and says nothing.
-  struct Silent final : platform::xpc::Receiver {
-    void receive(platform::xpc::Call call) override {
-      if (call.reply) call.reply(nlohmann::json::array());
-    }
-  };
-  int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, socket.c_str(), sizeof(address.sun_path) - 1);
-  ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-  ::chmod(socket.c_str(), 0666);
-  ASSERT_EQ(::listen(listener, 4), 0);
-  std::shared_ptr<platform::xpc::Connection> served;
-  std::atomic<bool> connected{false};
-  std::thread acceptor([&] {
-    int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd < 0) return;
-    served = platform::xpc::Connection::fromSocket(fd);
-    served->setExportedInterface(helper::helperProtocolInterface());
-    served->setExportedObject(std::make_shared<Silent>());
-    served->resume();
-    connected = true;
-  });
+  testsupport::FakeHelper silent(socket, std::chrono::milliseconds(0));
   helper::setHelperSocket(socket);
   {
     testsupport::AsUnprivilegedUser user;
@@ -248,16 +189,10 @@ TEST_F(DeleterTest, AStopEndsTheWaitForAHelperThatNeverFinishes) {
     deleter->delegate = recorder_;
     deleter->start();
     // The helper phase connects from the main queue.
-    bool reached = testsupport::drainMainUntil([&] { return connected.load(); });
-    if (!reached) ::shutdown(listener, SHUT_RDWR);
-    acceptor.join();
-    ASSERT_TRUE(reached);
+    ASSERT_TRUE(testsupport::drainMainUntil([&] { return silent.connected(); }));
     deleter->stop();
     EXPECT_TRUE(waitForCompletion(*recorder_));
   }
-  helper::setHelperSocket("");
-  if (served) served->invalidate();
-  ::close(listener);
   EXPECT_EQ(recorder_->completions, 1);
   EXPECT_TRUE(std::filesystem::exists(tmp_ / "roots/locked/file"));
 }

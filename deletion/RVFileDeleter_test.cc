@@ -83,32 +83,6 @@ TEST(RVFileDeleterTest, DeletesFromTheEndAndCountsMissingPathsAsDeleted) {
   EXPECT_TRUE(quiet->deleted.empty());
 }
 
-// A folder that can't be emptied reports the inner failure's errno with its own path; the rest of
-// the list goes on.
-TEST(RVFileDeleterTest, AFolderFailsWithTheInnerErrnoUnderItsOwnPath) {
-  if (::geteuid() != 0) GTEST_SKIP() << "needs root to act as an unprivileged user";
-  TempDir tmp;
-  ::chmod(tmp.path().c_str(), 0777);
-  tmp.write("locked/inner/file", "x");
-  tmp.write("free", "y");
-  ::chmod((tmp / "locked").c_str(), 0777);
-  ::chmod((tmp / "free").c_str(), 0666);
-  auto recorder = std::make_shared<Recorder>();
-  {
-    testsupport::AsUnprivilegedUser user;
-    ASSERT_TRUE(user.ok());
-    auto deleter =
-        std::make_shared<RVFileDeleter>(std::vector<std::string>{tmp / "free", tmp / "locked"});
-    deleter->delegate = recorder;
-    deleter->start();
-    ASSERT_TRUE(recorder->waitForCompletion());
-  }
-  ASSERT_EQ(recorder->deleted.size(), 2u);
-  EXPECT_EQ(recorder->deleted[0], std::make_pair(tmp / "locked", EACCES));
-  EXPECT_EQ(recorder->deleted[1], std::make_pair(tmp / "free", 0));
-  EXPECT_TRUE(exists(tmp / "locked/inner/file"));
-}
-
 // Pausing as a folder is begun leaves it for the next start, which reports it once; a stop there
 // reports nothing more but completion. (The first report of a run always passes the 0.03-second
 // gate, so the folder's own path is where the test steps in.)

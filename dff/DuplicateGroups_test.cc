@@ -249,17 +249,11 @@ TEST(RefineGroupsTest, AFolderBindMountedInsideItselfListsNoFileTwice) {
   EXPECT_EQ(*answer, 0);
 }
 
-}  // namespace
-}  // namespace Core
-
-namespace Core {
-namespace {
-
 // Only bytes decide what is deleted: names, link targets and every byte of every file count, and
 // nothing is followed.
 TEST(SameContentsTest, FilesLinksAndFoldersByTheirBytes) {
-  testsupport::TempDir tmp;
-  std::string content = testsupport::randomBytes(70000, 9);
+  TempDir tmp;
+  std::string content = randomBytes(70000, 9);
   tmp.write("a/f", content);
   tmp.write("a/sub/g", "small");
   tmp.symlink("a/link", "../elsewhere");
@@ -294,11 +288,11 @@ TEST(SameContentsTest, FilesLinksAndFoldersByTheirBytes) {
 }
 
 TEST(KeepRuleTest, WhichMemberStays) {
-  testsupport::TempDir tmp;
-  std::string content = testsupport::randomBytes(900, 10);
+  TempDir tmp;
+  std::string content = randomBytes(900, 10);
   tmp.write("long/way/down/copy", content);
   tmp.write("mid/copy", content);
-  tmp.write("mid/other", testsupport::randomBytes(77, 12));  // so the folders differ
+  tmp.write("mid/other", randomBytes(77, 12));  // so the folders differ
   tmp.write("x", content);
   auto setTime = [&](const std::string& path, std::time_t when) {
     struct timespec times[2] = {{when, 0}, {when, 0}};
@@ -323,8 +317,8 @@ TEST(KeepRuleTest, WhichMemberStays) {
 
 // With hard links listed apart, a name of the kept file is never planned for deletion.
 TEST(KeepRuleTest, TheKeptFilesOtherNamesStay) {
-  testsupport::TempDir tmp;
-  std::string content = testsupport::randomBytes(500, 11);
+  TempDir tmp;
+  std::string content = randomBytes(500, 11);
   tmp.write("a", content);
   ASSERT_EQ(::link((tmp / "a").c_str(), (tmp / "b").c_str()), 0);
   tmp.write("c", content);

@@ -3,7 +3,6 @@
 #include <thread>
 
 #include "dff/CoreDuplicateFileFinder.h"
-#include "dff/SystemPhotoLibraryFinder.h"
 #include "testsupport/TestSupport.h"
 
 namespace Core {
@@ -107,19 +106,6 @@ TEST_F(FacadeTest, AFinderLetGoOfDuringARunLivesUntilTheRunCompletes) {
   ASSERT_TRUE(testsupport::drainMainUntil([&] { return delegate_->completed(); }));
   EXPECT_FALSE(delegate_->groups.empty());
   EXPECT_TRUE(testsupport::drainMainUntil([&] { return running.expired(); }));
-}
-
-TEST(SystemPhotoLibraryFinderTest, AnswersOnlyThroughAnInstalledSource) {
-  SystemPhotoLibraryFinder finder;
-  EXPECT_FALSE(finder.getSystemPhotoLibraryPath("com.apple.Photos"));
-  SystemPhotoLibraryFinder::setLocationSource([](const std::string& app) {
-    return app == "com.apple.Photos" ? std::optional<std::string>("/mnt/mac/Pictures.photoslibrary")
-                                     : std::nullopt;
-  });
-  EXPECT_EQ(finder.getSystemPhotoLibraryPath("com.apple.Photos"),
-            "/mnt/mac/Pictures.photoslibrary");
-  EXPECT_FALSE(finder.getSystemPhotoLibraryPath("other"));
-  SystemPhotoLibraryFinder::setLocationSource(nullptr);
 }
 
 }  // namespace

@@ -46,8 +46,17 @@ std::vector<std::pair<std::string, std::string>> photosOf(PhotoLibrary& library,
 
 class OldLibraryTest : public ::testing::Test {
  protected:
-  void write(int version) {
+  // An old library's database: its version, and the rows of its masters and their versions.
+  void write(int version,
+             const std::string& masters =
+                 "('m1', NULL, '2019/a.jpg', 100), ('m2', 1, 'Photos/b.jpg', 200), "
+                 "('m3', 7, 'c.jpg', 300), ('m4', NULL, 'trash.jpg', 400), "
+                 "('m5', NULL, NULL, 500), ('m6', 2, 'noname.jpg', 600)",
+             const std::string& versions =
+                 "('v1', 'm1', 0), ('v2', 'm2', NULL), ('v3', 'm3', 0), ('v4', 'm4', 1), "
+                 "('v5', 'm5', 0), ('v6', 'm6', 0)") {
     tmp_.mkdir("Old.photoslibrary/database");
+    std::filesystem::remove(tmp_ / "Old.photoslibrary/database/photos.db");
     writeDatabase(
         tmp_ / "Old.photoslibrary/database/photos.db",
         {"CREATE TABLE LiGlobals (keyPath TEXT, value INTEGER)",
@@ -57,16 +66,12 @@ class OldLibraryTest : public ::testing::Test {
          "CREATE TABLE RKMaster (uuid TEXT, volumeId INTEGER, imagePath TEXT, "
          "fileSize INTEGER)",
          "CREATE TABLE RKVersion (uuid TEXT, masterUuid TEXT, isInTrash INTEGER)",
-         "INSERT INTO RKMaster VALUES ('m1', NULL, '2019/a.jpg', 100), "
-         "('m2', 1, 'Photos/b.jpg', 200), ('m3', 7, 'c.jpg', 300), "
-         "('m4', NULL, 'trash.jpg', 400), ('m5', NULL, NULL, 500), "
-         "('m6', 2, 'noname.jpg', 600)",
-         "INSERT INTO RKVersion VALUES ('v1', 'm1', 0), ('v2', 'm2', NULL), "
-         "('v3', 'm3', 0), ('v4', 'm4', 1), ('v5', 'm5', 0), ('v6', 'm6', 0)"});
+         "INSERT INTO RKMaster VALUES " + masters, "INSERT INTO RKVersion VALUES " + versions});
   }
   TempDir tmp_;
 };
 
+// From version 4026 on, a library keeps its photos in the new database, which this one lacks.
 TEST_F(OldLibraryTest, RowsBecomePhotosInsideMastersOrOnNamedVolumes) {
   write(4025);
   PhotoLibrary library(tmp_ / "Old.photoslibrary", nullptr);
@@ -75,29 +80,23 @@ TEST_F(OldLibraryTest, RowsBecomePhotosInsideMastersOrOnNamedVolumes) {
             (std::vector<std::pair<std::string, std::string>>{
                 {"v1", "Masters/2019/a.jpg"}, {"v2", "/Volumes/Archive/Photos/b.jpg"}}));
   EXPECT_EQ(library.photos.front().size, 100);  // the database's size; the file isn't looked at
+  write(4026);
+  PhotoLibrary newer(tmp_ / "Old.photoslibrary", nullptr);
+  EXPECT_THROW(PhotoLibraryReader::readPhotos(newer), std::exception);
 }
 
 // The old database gives each master's size; a file on disk of another size can't be compared
 // at that size, or two pictures that differ past it would be called identical.
 TEST_F(OldLibraryTest, MastersWhoseFilesDifferFromTheRecordedSizeAreNotCompared) {
-  tmp_.mkdir("Old.photoslibrary/database");
   std::string start = testsupport::randomBytes(100, 30);
   tmp_.write("Old.photoslibrary/Masters/a.jpg", start + testsupport::randomBytes(100, 31));
   tmp_.write("Old.photoslibrary/Masters/b.jpg", start + testsupport::randomBytes(100, 32));
   tmp_.write("Old.photoslibrary/Masters/e1.jpg", "not empty");
   tmp_.write("Old.photoslibrary/Masters/e2.jpg", "not empty either");
-  writeDatabase(tmp_ / "Old.photoslibrary/database/photos.db",
-                {"CREATE TABLE LiGlobals (keyPath TEXT, value INTEGER)",
-                 "INSERT INTO LiGlobals VALUES ('libraryVersion', 4000)",
-                 "CREATE TABLE RKVolume (modelId INTEGER, name TEXT)",
-                 "CREATE TABLE RKMaster (uuid TEXT, volumeId INTEGER, imagePath TEXT, "
-                 "fileSize INTEGER)",
-                 "CREATE TABLE RKVersion (uuid TEXT, masterUuid TEXT, isInTrash INTEGER)",
-                 "INSERT INTO RKMaster VALUES ('m1', NULL, 'a.jpg', 100), "
-                 "('m2', NULL, 'b.jpg', 100), ('m3', NULL, 'e1.jpg', 0), "
-                 "('m4', NULL, 'e2.jpg', 0)",
-                 "INSERT INTO RKVersion VALUES ('v1', 'm1', 0), ('v2', 'm2', 0), "
-                 "('v3', 'm3', 0), ('v4', 'm4', 0)"});
+  write(4000,
+        "('m1', NULL, 'a.jpg', 100), ('m2', NULL, 'b.jpg', 100), ('m3', NULL, 'e1.jpg', 0), "
+        "('m4', NULL, 'e2.jpg', 0)",
+        "('v1', 'm1', 0), ('v2', 'm2', 0), ('v3', 'm3', 0), ('v4', 'm4', 0)");
   DuplicateFileFinder finder([](double) {}, [](const Path&) {});
   finder.rootFolders = {Path(tmp_ / "Old.photoslibrary")};
   EXPECT_TRUE(finder.find().empty());
@@ -111,12 +110,6 @@ TEST_F(OldLibraryTest, ADatabaseThatIsAPipeFailsWithoutWaiting) {
   PhotoLibrary library(tmp_ / "Pipe.photoslibrary", nullptr);
   EXPECT_THROW(PhotoLibraryReader::readPhotos(library), std::exception);
   EXPECT_FALSE(guard.fired());
-}
-
-TEST_F(OldLibraryTest, Version4026GoesToTheNewDatabase) {
-  write(4026);
-  PhotoLibrary library(tmp_ / "Old.photoslibrary", nullptr);
-  EXPECT_THROW(PhotoLibraryReader::readPhotos(library), std::exception);  // no Photos.sqlite
 }
 
 class NewLibraryTest : public ::testing::Test {

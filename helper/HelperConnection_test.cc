@@ -21,6 +21,7 @@
 #include "platform/Admin.h"
 #include "platform/Files.h"
 #include "platform/SystemRoots.h"
+#include "testsupport/FakeHelper.h"
 #include "testsupport/TestSupport.h"
 
 namespace helper {
@@ -61,57 +62,6 @@ using testsupport::connectUnix;
 using testsupport::exchangeLine;
 using testsupport::helperAnswersPing;
 using testsupport::kHelperPing;
-
-// A service that answers the ping late, or never.
-class SlowHelper {
- public:
-  SlowHelper(const std::string& socket, std::optional<std::chrono::milliseconds> delay)
-      : delay_(delay) {
-    listener_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, socket.c_str(), sizeof(address.sun_path) - 1);
-    ::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-    ::listen(listener_, 4);
-    thread_ = std::thread([this] {
-      int fd = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-      if (fd < 0) return;
-      connection_ = platform::xpc::Connection::fromSocket(fd);
-      connection_->setExportedInterface(helperProtocolInterface());
-      connection_->setExportedObject(receiver_);
-      connection_->resume();
-    });
-  }
-  ~SlowHelper() {
-    ::shutdown(listener_, SHUT_RDWR);
-    thread_.join();
-    ::close(listener_);
-    if (connection_) connection_->invalidate();
-    for (auto& t : replies_) t.join();
-  }
-
- private:
-  class Receiver final : public platform::xpc::Receiver {
-   public:
-    explicit Receiver(SlowHelper& owner) : owner_(owner) {}
-    void receive(platform::xpc::Call call) override {
-      if (call.selector != "test:" || !owner_.delay_) return;  // never answers
-      owner_.replies_.emplace_back([reply = call.reply, delay = *owner_.delay_] {
-        std::this_thread::sleep_for(delay);
-        reply(nlohmann::json::array());
-      });
-    }
-
-   private:
-    SlowHelper& owner_;
-  };
-  std::optional<std::chrono::milliseconds> delay_;
-  int listener_;
-  std::thread thread_;
-  std::vector<std::thread> replies_;
-  std::shared_ptr<Receiver> receiver_ = std::make_shared<Receiver>(*this);
-  std::shared_ptr<platform::xpc::Connection> connection_;
-};
 
 // Drains the main queue until `done`, looking at it at least every 10 ms: the reports watched here
 // arrive on the transport's queue, not as main-queue tasks.
@@ -301,7 +251,7 @@ TEST_F(HelperConnectionTest, AHelperKilledMidBatchEndsTheConnectionOnce) {
 
 TEST_F(HelperConnectionTest, APingAnsweredJustInTimeCountsAndOneNeverAnsweredEndsOnce) {
   {
-    SlowHelper slow(socket_, std::chrono::milliseconds(2900));
+    testsupport::FakeHelper slow(socket_, std::chrono::milliseconds(2900));
     auto connection = HelperConnection::create();
     int errors = 0;
     connection->errorHandler = [&] { ++errors; };
@@ -312,7 +262,7 @@ TEST_F(HelperConnectionTest, APingAnsweredJustInTimeCountsAndOneNeverAnsweredEnd
     connection->close();
   }
   std::filesystem::remove(socket_);
-  SlowHelper silent(socket_, std::nullopt);
+  testsupport::FakeHelper silent(socket_, std::nullopt);
   auto connection = HelperConnection::create();
   int errors = 0;
   connection->errorHandler = [&] { ++errors; };

@@ -75,16 +75,8 @@ class LaunchItemTest : public testsupport::RootedTest {
     return receiver->items;
   }
 
-  // A macOS-layout bundle with an identifier.
   std::string bundle(const std::string& path, const std::string& id) {
-    platform::plist::Dictionary info;
-    info["CFBundleIdentifier"] = platform::plist::Value(id);
-    info["CFBundleExecutable"] = platform::plist::Value(std::string("run"));
-    tmp_.write(path + "/Contents/Info.plist",
-               platform::plist::serialize(platform::plist::Value(std::move(info)),
-                                          platform::plist::Format::xml));
-    tmp_.write(path + "/Contents/MacOS/run", "");
-    return tmp_ / path;
+    return testsupport::macBundle(tmp_, path, id);
   }
 
   std::shared_ptr<testsupport::RecordingProcessRunner> runner_;
@@ -189,69 +181,13 @@ TEST_F(LaunchItemTest, TheTableDecidesAndAChangeRunsOnlyWhenItChangesSomething) 
                                                    {"--user", "disable", "--", "on.service"}}));
 }
 
-// A unit of the same name in two domains reads its own state in each.
-TEST_F(LaunchItemTest, EachDomainHasItsOwnTable) {
-  struct ByDomain final : platform::ProcessRunner {
-    std::optional<platform::ProcessOutput> run(const std::string&,
-                                               const std::vector<std::string>& arguments) override {
-      auto has = [&](const char* word) {
-        return std::find(arguments.begin(), arguments.end(), word) != arguments.end();
-      };
-      const char* state = has("--user") ? "disabled" : has("--global") ? "masked" : "enabled";
-      return platform::ProcessOutput{std::string("backup.service ") + state + "\n", 0};
-    }
-  };
-  ItemsStatusManager::shared().setProcessRunner(std::make_shared<ByDomain>());
-  ItemsStatusManager::shared().reloadDisabledItems();
-  EXPECT_TRUE(
-      LaunchItem(tmp_ / "etc/systemd/system/backup.service", GlobalDaemon{}).isAutoStartEnabled());
-  EXPECT_FALSE(
-      LaunchItem(tmp_ / "etc/systemd/user/backup.service", GlobalAgent{}).isAutoStartEnabled());
-  EXPECT_FALSE(LaunchItem(tmp_ / "home/.config/systemd/user/backup.service", UserAgent{})
-                   .isAutoStartEnabled());
-}
-
-TEST_F(LaunchItemTest, AListedApplicationIsSwitchedThroughTheList) {
-  const std::string app = tmp_.write("usr/share/applications/notes.desktop",
-                                     "[Desktop Entry]\nType=Application\nName=Notes\nExec=notes\n");
-  tmp_.write("home/.config/autostart/notes.desktop",
-             "[Desktop Entry]\nType=Application\nName=Notes\nExec=notes\n");
-  auto items = find();
-  ASSERT_EQ(items.size(), 1u);
-  LaunchItem& notes = items[0];
-  EXPECT_EQ(notes.url, app);
-  EXPECT_EQ(notes.runs(), "notes");
-  EXPECT_TRUE(notes.isAutoStartEnabled());
-  EXPECT_TRUE(notes.setAutoStartEnabled(false));
-  EXPECT_FALSE(notes.isAutoStartEnabled());
-  EXPECT_FALSE(notes.setAutoStartEnabled(false));
-  EXPECT_TRUE(notes.setAutoStartEnabled(true));
-  EXPECT_TRUE(notes.isAutoStartEnabled());
-
-  // A system entry the user switched off can be switched on again; the system's file stays.
-  std::filesystem::remove_all(tmp_ / "home/.config/autostart");
-  std::filesystem::remove(app);
-  tmp_.write("etc/xdg/autostart/applet.desktop",
-             "[Desktop Entry]\nType=Application\nName=Applet\nExec=applet\n");
-  items = find();
-  ASSERT_EQ(items.size(), 1u);
-  EXPECT_TRUE(items[0].setAutoStartEnabled(false));
-  EXPECT_TRUE(std::filesystem::exists(tmp_ / "etc/xdg/autostart/applet.desktop"));
-  items = find();
-  ASSERT_EQ(items.size(), 1u);
-  EXPECT_FALSE(items[0].isAutoStartEnabled());
-  EXPECT_TRUE(items[0].setAutoStartEnabled(true));
-  EXPECT_TRUE(find()[0].isAutoStartEnabled());
-}
-
 TEST_F(LaunchItemTest, APropertyListGivesItsLabelAndProgram) {
-  platform::plist::Dictionary plist;
-  plist["Label"] = platform::plist::Value(std::string("com.example.agent"));
-  plist["ProgramArguments"] = platform::plist::Value(
-      platform::plist::Array{platform::plist::Value(std::string("/usr/bin/agent")),
-                             platform::plist::Value(std::string("--daemon"))});
-  tmp_.write("agent.plist", platform::plist::serialize(platform::plist::Value(std::move(plist)),
-                                                       platform::plist::Format::xml));
+  namespace plist = platform::plist;
+  tmp_.write("agent.plist",
+             plist::serialize(plist::Dictionary{{"Label", "com.example.agent"},
+                                                {"ProgramArguments",
+                                                 plist::Array{"/usr/bin/agent", "--daemon"}}},
+                              plist::Format::xml));
   tmp_.write("broken.plist", "<plist><dict><key>Label");
   LaunchItem agent(tmp_ / "agent.plist", GlobalAgent{});
   EXPECT_EQ(agent.getPlistItemLabel(), "com.example.agent");

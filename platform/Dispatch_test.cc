@@ -101,30 +101,17 @@ TEST(DispatchQueueTest, ConcurrentQueueRunsBlockedTasksSideBySide) {
   EXPECT_EQ(sawAll, kTasks);
 }
 
-TEST(DispatchQueueTest, SyncRunsOnTheQueueAndInlineFromItself) {
-  DispatchQueue queue("sync");
-  static DispatchSpecificKey<int> key;
-  queue.setSpecific(key, std::make_shared<int>(7));
-
-  int seen = 0;
-  queue.sync([&] {
-    seen = *DispatchQueue::currentSpecific(key);
-    // A nested sync on the same queue must not deadlock.
-    queue.sync([&] { seen += 1; });
-  });
-  EXPECT_EQ(seen, 8);
-}
-
-TEST(DispatchQueueTest, SpecificValueIsSeenOnlyByTasksOfItsQueue) {
+// A queue's specific value is seen by its own tasks only, and a sync from inside the queue runs
+// inline instead of waiting for itself.
+TEST(DispatchQueueTest, SpecificValuesAndSyncFromTheQueueItself) {
   static DispatchSpecificKey<std::string> key;
   DispatchQueue owner("owner");
   DispatchQueue stranger("stranger");
   owner.setSpecific(key, std::make_shared<std::string>("context"));
 
   std::shared_ptr<std::string> onOwner, onStranger;
-  owner.sync([&] { onOwner = DispatchQueue::currentSpecific(key); });
+  owner.sync([&] { owner.sync([&] { onOwner = DispatchQueue::currentSpecific(key); }); });
   stranger.sync([&] { onStranger = DispatchQueue::currentSpecific(key); });
-
   ASSERT_NE(onOwner, nullptr);
   EXPECT_EQ(*onOwner, "context");
   EXPECT_EQ(onStranger, nullptr);

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <optional>
 
 #include "platform/Locations.h"
@@ -166,22 +165,10 @@ TEST(LocationsTest, MountTrashFoldersFollowTheFreedesktopRules) {
 }
 
 TEST(LocationsTest, EnvironmentDecidesHomeAndXdgFolders) {
-  struct Restore {
-    std::string name;
-    std::optional<std::string> value;
-    ~Restore() { value ? ::setenv(name.c_str(), value->c_str(), 1) : ::unsetenv(name.c_str()); }
-  };
-  auto save = [](const char* name) {
-    const char* v = std::getenv(name);
-    return Restore{name, v ? std::optional<std::string>(v) : std::nullopt};
-  };
-  Restore home = save("HOME"), data = save("XDG_DATA_HOME"), dirs = save("XDG_DATA_DIRS"),
-          cache = save("XDG_CACHE_HOME");
-  ::setenv("HOME", "/home/tester/", 1);
-  ::setenv("XDG_DATA_HOME", "relative/ignored", 1);
-  ::setenv("XDG_DATA_DIRS", "/opt/share:relative:/usr/share", 1);
-  ::setenv("XDG_CACHE_HOME", "/var/tmp/cache", 1);
-
+  testsupport::ScopedEnvironment environment({{"HOME", "/home/tester/"},
+                                              {"XDG_DATA_HOME", "relative/ignored"},
+                                              {"XDG_DATA_DIRS", "/opt/share:relative:/usr/share"},
+                                              {"XDG_CACHE_HOME", "/var/tmp/cache"}});
   auto l = Locations::fromEnvironment();
   EXPECT_EQ(l.home, "/home/tester");
   EXPECT_EQ(l.library, "/home/tester/.local/share");

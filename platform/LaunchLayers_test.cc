@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 
 #include "platform/Applications.h"
@@ -108,15 +107,11 @@ TEST(LoginItemsTest, AnEntryForOtherDesktopsIsNotListed) {
   tmp.write("etc/xdg/autostart/kde-only.desktop", entry("K", "OnlyShowIn=KDE;\n"));
   tmp.write("etc/xdg/autostart/not-gnome.desktop", entry("N", "NotShowIn=GNOME;\n"));
   tmp.write("etc/xdg/autostart/gnome.desktop", entry("G", "OnlyShowIn=GNOME;Unity;\n"));
-  const char* saved = std::getenv("XDG_CURRENT_DESKTOP");
-  std::string restore = saved != nullptr ? saved : "";
-  ::setenv("XDG_CURRENT_DESKTOP", "ubuntu:GNOME", 1);
+  testsupport::ScopedEnvironment desktop({{"XDG_CURRENT_DESKTOP", "ubuntu:GNOME"}});
   std::vector<std::string> listed;
   for (const auto& item : login_items::loginItemSnapshot(l)) {
     listed.push_back(std::filesystem::path(item.entry).filename());
   }
-  saved != nullptr ? ::setenv("XDG_CURRENT_DESKTOP", restore.c_str(), 1)
-                   : ::unsetenv("XDG_CURRENT_DESKTOP");
   EXPECT_EQ(listed, std::vector<std::string>{"gnome.desktop"});
 }
 

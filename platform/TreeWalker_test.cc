@@ -36,32 +36,40 @@ class RecordingVisitor : public WalkVisitor {
   int folders = 0;
 };
 
+// Entries of any name, links reported and never followed, folders the visitor declines left
+// out; a root that is a file is its one entry, a missing one an error.
 TEST(TreeWalkerTest, ReportsEntriesWithoutFollowingLinks) {
   TempDir tmp;
   tmp.write("root/a.txt", "abc");
   tmp.write("root/sub/b.bin", std::string(10, 'x'));
+  tmp.write("root/skip/inside", "x");
   tmp.write("outside/secret", "must not be reached");
   tmp.symlink("root/link-to-outside", tmp / "outside");
   tmp.write(std::string("root/odd\nname\xff"), "1");
 
   RecordingVisitor visitor;
+  visitor.skip = "skip";
   ASSERT_TRUE(walkTree(tmp / "root", visitor));
   EXPECT_EQ(visitor.entries.size(), 4u);
   EXPECT_EQ(visitor.entries[tmp / "root/a.txt"], S_IFREG);
   EXPECT_EQ(visitor.sizes[tmp / "root/sub/b.bin"], 10);
   EXPECT_EQ(visitor.entries[tmp / "root/link-to-outside"], S_IFLNK);
+  EXPECT_FALSE(visitor.entries.count(tmp / "root/skip/inside"));
   EXPECT_TRUE(visitor.entries.count(tmp / std::string("root/odd\nname\xff")));
   EXPECT_TRUE(visitor.errors.empty());
-}
 
-TEST(TreeWalkerTest, RootThatIsAFileOrMissing) {
-  TempDir tmp;
-  std::string file = tmp.write("file", "12345");
-  RecordingVisitor visitor;
-  EXPECT_TRUE(walkTree(file, visitor));
-  EXPECT_EQ(visitor.sizes[file], 5);
-  EXPECT_FALSE(walkTree(tmp / "missing", visitor));
-  EXPECT_EQ(visitor.errors[tmp / "missing"], ENOENT);
+  RecordingVisitor single;
+  EXPECT_TRUE(walkTree(tmp / "root/a.txt", single));
+  EXPECT_EQ(single.sizes[tmp / "root/a.txt"], 3);
+  EXPECT_FALSE(walkTree(tmp / "missing", single));
+  EXPECT_EQ(single.errors[tmp / "missing"], ENOENT);
+
+  std::atomic<bool> stop{true};
+  RecordingVisitor stopped;
+  WalkOptions options;
+  options.stop = &stop;
+  walkTree(tmp / "root", stopped, options);
+  EXPECT_TRUE(stopped.entries.empty());
 }
 
 TEST(TreeWalkerTest, UnreadableFolderIsReportedAndTheRestWalked) {
@@ -75,24 +83,6 @@ TEST(TreeWalkerTest, UnreadableFolderIsReportedAndTheRestWalked) {
     EXPECT_EQ(visitor.errors[tmp / "root/locked"], EACCES);
     EXPECT_TRUE(visitor.entries.count(tmp / "root/open/file"));
   });
-}
-
-TEST(TreeWalkerTest, SkippedFoldersAndStopFlag) {
-  TempDir tmp;
-  tmp.write("root/skip/inside", "x");
-  tmp.write("root/keep/inside", "x");
-  RecordingVisitor visitor;
-  visitor.skip = "skip";
-  walkTree(tmp / "root", visitor);
-  EXPECT_FALSE(visitor.entries.count(tmp / "root/skip/inside"));
-  EXPECT_TRUE(visitor.entries.count(tmp / "root/keep/inside"));
-
-  std::atomic<bool> stop{true};
-  RecordingVisitor stopped;
-  WalkOptions options;
-  options.stop = &stop;
-  walkTree(tmp / "root", stopped, options);
-  EXPECT_TRUE(stopped.entries.empty());
 }
 
 TEST(TreeWalkerTest, TreesDeeperThanTheOpenFolderBudgetAndPathMaxAreWalkedWhole) {

@@ -25,6 +25,7 @@
 #include <thread>
 
 #include "platform/Dispatch.h"
+#include "platform/Plist.h"
 
 namespace testsupport {
 
@@ -114,6 +115,35 @@ std::string TempDir::age(const std::string& relative, long seconds) {
   times[0].tv_nsec = times[1].tv_nsec = 0;
   ::utimensat(AT_FDCWD, full.c_str(), times, AT_SYMLINK_NOFOLLOW);
   return full;
+}
+
+namespace {
+void setVariable(const std::string& name, const std::optional<std::string>& value) {
+  value ? ::setenv(name.c_str(), value->c_str(), 1) : ::unsetenv(name.c_str());
+}
+}  // namespace
+
+ScopedEnvironment::ScopedEnvironment(
+    const std::vector<std::pair<std::string, std::optional<std::string>>>& variables) {
+  for (const auto& [name, value] : variables) {
+    const char* old = std::getenv(name.c_str());
+    saved_.emplace_back(name, old ? std::optional<std::string>(old) : std::nullopt);
+    setVariable(name, value);
+  }
+}
+
+ScopedEnvironment::~ScopedEnvironment() {
+  for (auto it = saved_.rbegin(); it != saved_.rend(); ++it) setVariable(it->first, it->second);
+}
+
+std::string macBundle(TempDir& tmp, const std::string& relative, const std::string& id,
+                      std::optional<std::string> name, bool executable) {
+  namespace plist = platform::plist;
+  plist::Dictionary info{{"CFBundleIdentifier", id}, {"CFBundleExecutable", "main"}};
+  if (name) info["CFBundleName"] = *name;
+  tmp.write(relative + "/Contents/Info.plist", plist::serialize(info, plist::Format::xml));
+  if (executable) tmp.write(relative + "/Contents/MacOS/main", "#!");
+  return tmp / relative;
 }
 
 void withoutPermissionOverride(const std::function<void()>& body) {

@@ -56,6 +56,25 @@ class TempDir {
   std::string path_;
 };
 
+// A macOS-layout bundle at `relative` below `tmp`: Contents/Info.plist with the identifier, the
+// name when given and the executable "main", and (unless `executable` is false)
+// Contents/MacOS/main. Gives its absolute path.
+std::string macBundle(TempDir& tmp, const std::string& relative, const std::string& id,
+                      std::optional<std::string> name = std::nullopt, bool executable = true);
+
+// Sets environment variables for its lifetime (nullopt unsets one) and puts back what was there.
+class ScopedEnvironment {
+ public:
+  explicit ScopedEnvironment(
+      const std::vector<std::pair<std::string, std::optional<std::string>>>& variables);
+  ~ScopedEnvironment();
+  ScopedEnvironment(const ScopedEnvironment&) = delete;
+  ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
+
+ private:
+  std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
+};
+
 // What a program run by `runProgram` came to.
 struct RunOutcome {
   int status = -1;  // exit status, or 128 + signal

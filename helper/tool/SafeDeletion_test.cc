@@ -7,9 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <map>
 
 #include "platform/Locations.h"
 #include "platform/Text.h"
@@ -66,21 +64,13 @@ TEST(RefusalTest, TheServedHomeIsAPlaceOnlyWhenItIsOne) {
 // and the trash.
 TEST(RefusalTest, WhatTheScannersReportLiesInAPlace) {
   // A person's home, whoever runs the test (root's "/root" is no place).
-  std::map<std::string, std::optional<std::string>> saved;
-  for (const char* name : {"HOME", "XDG_DATA_HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME"}) {
-    const char* value = std::getenv(name);
-    saved[name] = value ? std::optional<std::string>(value) : std::nullopt;
-    ::unsetenv(name);
-  }
-  ::setenv("HOME", "/home/ada", 1);
-  const platform::Locations locations = platform::Locations::fromEnvironment();
-  for (const auto& [name, value] : saved) {
-    if (value) {
-      ::setenv(name.c_str(), value->c_str(), 1);
-    } else {
-      ::unsetenv(name.c_str());
-    }
-  }
+  const platform::Locations locations = [] {
+    testsupport::ScopedEnvironment environment({{"HOME", "/home/ada"},
+                                                {"XDG_DATA_HOME", std::nullopt},
+                                                {"XDG_CONFIG_HOME", std::nullopt},
+                                                {"XDG_CACHE_HOME", std::nullopt}});
+    return platform::Locations::fromEnvironment();
+  }();
   const CleanupPlaces places = cleanupPlacesFor(::getuid(), locations.home);
   std::vector<std::string> reported = {locations.home,           locations.library,
                                        locations.configHome,     locations.cacheHome,

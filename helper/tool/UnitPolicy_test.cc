@@ -77,8 +77,8 @@ TEST_F(UnitRefusalTest, OnlyWhatIsListedOrWasSwitchedOffHere) {
     EXPECT_EQ(!refusal(row.label, row.domain, row.enabled), row.allowed)
         << row.label << " " << static_cast<int>(row.domain) << " " << row.enabled;
   }
-  // What the helper switched off itself may be switched on again, in that domain only.
-  // (its file gone since), in that domain only.
+  // What the helper switched off itself (its file gone since) may be switched on again, in that
+  // domain only.
   ASSERT_TRUE(record_.set(Domain::system, "gone.service", true));
   EXPECT_FALSE(refusal("gone.service", Domain::system, true));
   EXPECT_TRUE(refusal("gone.service", Domain::global, true));
