@@ -132,20 +132,6 @@ TEST_P(TreeDeletionTest, AFolderKeptOpenForTheNextPathIsNeverALink) {
   EXPECT_EQ(deleteTree(tmp / "other/..", options).error, EINVAL);
 }
 
-TEST_P(TreeDeletionTest, AStopLeavesTheRestAndSaysSo) {
-  TempDir tmp;
-  for (int i = 0; i < 10; ++i) tmp.write("tree/f" + std::to_string(i), "z");
-  int asked = 0;
-  TreeDeletionOptions options = threaded();
-  options.goOn = [&] { return ++asked < 4; };
-  TreeDeletion stopped = deleteTree(tmp / "tree", options);
-  EXPECT_TRUE(stopped.interrupted);
-  EXPECT_EQ(stopped.error, 0);
-  EXPECT_GT(stopped.removed, 0u);
-  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(tmp / "tree"), {}),
-            10 - static_cast<long>(stopped.removed));
-}
-
 // A folder wide enough for the threads to share: whether it ends, stops or fails part way, the
 // answer counts what went, and a failure names the entry that stayed.
 TEST_P(TreeDeletionTest, WhatWentIsCountedWhereverItEnds) {
@@ -204,24 +190,6 @@ TEST_P(TreeDeletionTest, ATreeDeeperThanPathMaxGoesWithinTheDescriptorLimit) {
   EXPECT_EQ(deep.error, 0) << deep.failedPath.size();
   EXPECT_EQ(deep.removed, 3002u);
   EXPECT_FALSE(exists(tmp / "deep"));
-}
-
-// The first failure inside a folder ends it when asked to, and is named with its path.
-TEST_P(TreeDeletionTest, AFailureInsideIsNamed) {
-  TempDir tmp;
-  tmp.write("tree/a/locked/file", "x");
-  tmp.write("tree/b", "x");
-  int failures = 0;
-  testsupport::withoutPermissionOverride([&] {
-    ::chmod((tmp / "tree/a/locked").c_str(), 0555);
-    TreeDeletionOptions options = threaded();
-    options.stopAtFirstFailure = true;
-    TreeDeletion outcome = deleteTree(tmp / "tree", options);
-    failures += outcome.error == EACCES && outcome.failedPath == tmp / "tree/a/locked/file";
-    ::chmod((tmp / "tree/a/locked").c_str(), 0755);
-  });
-  EXPECT_EQ(failures, 1);
-  EXPECT_TRUE(exists(tmp / "tree/a/locked/file"));
 }
 
 // Another file system, even a bind mount of the same one, is not entered, and a mount point

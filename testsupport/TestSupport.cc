@@ -124,7 +124,7 @@ void setVariable(const std::string& name, const std::optional<std::string>& valu
 }  // namespace
 
 ScopedEnvironment::ScopedEnvironment(
-    const std::vector<std::pair<std::string, std::optional<std::string>>>& variables) {
+    std::initializer_list<std::pair<std::string, std::optional<std::string>>> variables) {
   for (const auto& [name, value] : variables) {
     const char* old = std::getenv(name.c_str());
     saved_.emplace_back(name, old ? std::optional<std::string>(old) : std::nullopt);

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <initializer_list>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -66,7 +67,7 @@ std::string macBundle(TempDir& tmp, const std::string& relative, const std::stri
 class ScopedEnvironment {
  public:
   explicit ScopedEnvironment(
-      const std::vector<std::pair<std::string, std::optional<std::string>>>& variables);
+      std::initializer_list<std::pair<std::string, std::optional<std::string>>> variables);
   ~ScopedEnvironment();
   ScopedEnvironment(const ScopedEnvironment&) = delete;
   ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
