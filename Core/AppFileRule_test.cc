@@ -176,9 +176,11 @@ TEST(AppFileRuleTest, ManyRulesUnderOneFolderEachKeepTheirClaim) {
   EXPECT_EQ(ids.size(), 3u);  // the .cache folder and its two claims
 }
 
-TEST(AppFileRuleTest, TheShippedRulesCompileWhole) {
+TEST(AppFileRuleTest, TheShippedRulesLoadAndCompileWhole) {
   const RuleManager* shared = RuleManager::shared();
-  ASSERT_NE(shared, nullptr);
+  ASSERT_NE(shared, nullptr) << RuleManager::sharedLoadError();
+  EXPECT_TRUE(shared->rules.count(BaseRule{}) && shared->rules.count(BlackRule{}));
+  EXPECT_EQ(shared->extraInfo("jetbrains-idea").second, CaseInsensitiveString("jetbrains"));
   for (bool includeSupport : {true, false}) {
     AppFileRule rule(includeSupport, *shared);
     EXPECT_FALSE(rule.rules.empty());

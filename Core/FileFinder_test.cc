@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <map>
 #include <set>
+#include <tuple>
 
 #include "Core/FileFinderContext.h"
 #include "helper/HelperConnection.h"
@@ -18,19 +19,8 @@ namespace {
 
 using testsupport::TempDir;
 
-// One delivery of a walk.
-struct Delivery {
-  std::string identifier;  // "-" for none
-  std::string path;
-  std::string kind;
-  friend bool operator<(const Delivery& a, const Delivery& b) {
-    return std::tie(a.path, a.identifier, a.kind) < std::tie(b.path, b.identifier, b.kind);
-  }
-  friend bool operator==(const Delivery&, const Delivery&) = default;
-  friend void PrintTo(const Delivery& d, std::ostream* os) {
-    *os << "{" << d.identifier << ", " << d.path << ", " << d.kind << "}";
-  }
-};
+// One delivery of a walk: the identifier ("-" for none), the path and the kind.
+using Delivery = std::tuple<std::string, std::string, std::string>;
 
 class FileFinderTest : public ::testing::Test {
  protected:
@@ -54,7 +44,9 @@ class FileFinderTest : public ::testing::Test {
           out.push_back({identifier ? identifier->origin() : "-", relative(file->url),
                          AppFile::textOfKind(kind)});
         });
-    std::sort(out.begin(), out.end());
+    std::sort(out.begin(), out.end(), [](const Delivery& a, const Delivery& b) {
+      return std::tie(std::get<1>(a), a) < std::tie(std::get<1>(b), b);  // by path first
+    });
     return out;
   }
 

@@ -18,7 +18,20 @@ class IOSAppsTest : public ::testing::Test {
  protected:
   void SetUp() override {
     container(kGameUUID, "com.example.Game");
-    container(kWidgetUUID, "com.example.Game.Widget");
+    // As the system writes it: XML with its document type, tabs and other keys.
+    tmp_.write(std::string("home/Library/Containers/") + kWidgetUUID +
+                   "/.com.apple.containermanagerd.metadata.plist",
+               R"(<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
+<plist version="1.0">
+<dict>
+	<key>MCMMetadataIdentifier</key>
+	<string>com.example.Game.Widget</string>
+	<key>Version</key>
+	<integer>7</integer>
+</dict>
+</plist>
+)");
     container("com.example.named-by-id", "com.example.Named");  // not a UUID: never read
     tmp_.write(std::string("home/Library/Containers/BROKEN00-0000-1111-2222-333344445555/") +
                    ".com.apple.containermanagerd.metadata.plist",
@@ -39,19 +52,18 @@ class IOSAppsTest : public ::testing::Test {
   std::shared_ptr<IOSAppUUIDMapper> mapper_;
 };
 
+// Containers are read in one pass and looked up ignoring case; an identifier without a
+// container gets a throw-away UUID each time, and the folders are listed again.
 TEST_F(IOSAppsTest, ContainersAreReadInOnePassAndLookupsIgnoreCase) {
   EXPECT_EQ(mapper_->uuid(CaseInsensitiveString("COM.EXAMPLE.GAME")).origin(), kGameUUID);
   EXPECT_EQ(mapper_->uuid(CaseInsensitiveString("com.example.game.widget")).origin(), kWidgetUUID);
   EXPECT_EQ(mapper_->listings, 1);
   EXPECT_EQ(mapper_->uuids.size(), 2u);  // the folder named by an identifier wasn't read
-}
-
-TEST_F(IOSAppsTest, AnIdentifierWithoutContainerGetsAThrowAwayUUIDEachTime) {
   auto first = mapper_->uuid(CaseInsensitiveString("com.example.Named"));
   auto second = mapper_->uuid(CaseInsensitiveString("com.example.Named"));
   EXPECT_EQ(first.origin().size(), 36u);
   EXPECT_NE(first, second);
-  EXPECT_EQ(mapper_->listings, 2);
+  EXPECT_EQ(mapper_->listings, 3);
 }
 
 TEST_F(IOSAppsTest, WrappedBundlesLiveUnderApplicationsAndMapTheirPlugIns) {

@@ -70,7 +70,7 @@ TEST_F(LargeFileFinderTreeTest, FindsFilesOfAtLeastTheSizeLargestFirst) {
   EXPECT_TRUE(delegate_->found.empty() && delegate_->urls.empty());
 }
 
-TEST_F(LargeFileFinderTreeTest, StopBeforeTheFinishReportsNothing) {
+TEST_F(LargeFileFinderTreeTest, StopBeforeTheFinishReportsNothingAndTheFinderSearchesAgain) {
   finder_.start(0);
   finder_.stop();
   testsupport::drainMainUntil([] { return false; }, 300ms);
@@ -80,9 +80,8 @@ TEST_F(LargeFileFinderTreeTest, StopBeforeTheFinishReportsNothing) {
   finder_.start(0);
   ASSERT_TRUE(testsupport::drainMainUntil([&] { return delegate_->finishes == 1; }));
   EXPECT_EQ(delegate_->found.size(), 4u);
-}
 
-TEST_F(LargeFileFinderTreeTest, ADelegateThatIsGoneMakesReportsDoNothing) {
+  // A delegate that is gone makes the reports do nothing.
   finder_.start(0);
   delegate_.reset();
   testsupport::drainMainUntil([] { return false; }, 300ms);

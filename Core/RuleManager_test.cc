@@ -191,14 +191,5 @@ TEST(RuleManagerTest, NullsAreAbsentFields) {
   EXPECT_EQ(manager->extraInfo("com.z").second, CaseInsensitiveString("~"));
 }
 
-TEST(RuleManagerTest, TheShippedDocumentLoads) {
-  const RuleManager* manager = RuleManager::shared();
-  ASSERT_NE(manager, nullptr) << RuleManager::sharedLoadError();
-  EXPECT_TRUE(manager->rules.count(BaseRule{}));
-  EXPECT_TRUE(manager->rules.count(BlackRule{}));
-  EXPECT_TRUE(manager->bundleIDs.count(CaseInsensitiveString("firefox-esr")));
-  EXPECT_EQ(manager->extraInfo("jetbrains-idea").second, CaseInsensitiveString("jetbrains"));
-}
-
 }  // namespace
 }  // namespace Core

@@ -66,9 +66,7 @@ TEST_F(FilesTest, ListsAndExaminesWithoutFollowingLinksUnlessAsked) {
   ASSERT_TRUE(status.ok());
   EXPECT_EQ(status->size, 5);
   EXPECT_EQ(status->linkCount, 1u);
-}
 
-TEST_F(FilesTest, UnreadableFolderIsAPermissionError) {
   std::string locked = tmp_.mkdir("locked");
   tmp_.write("locked/inside", "x");
   ::chmod(locked.c_str(), 0);

@@ -72,19 +72,6 @@ TEST(TreeWalkerTest, ReportsEntriesWithoutFollowingLinks) {
   EXPECT_TRUE(stopped.entries.empty());
 }
 
-TEST(TreeWalkerTest, UnreadableFolderIsReportedAndTheRestWalked) {
-  TempDir tmp;
-  tmp.write("root/locked/inner", "x");
-  tmp.write("root/open/file", "x");
-  ::chmod((tmp / "root/locked").c_str(), 0);
-  testsupport::withoutPermissionOverride([&] {
-    RecordingVisitor visitor;
-    walkTree(tmp / "root", visitor);
-    EXPECT_EQ(visitor.errors[tmp / "root/locked"], EACCES);
-    EXPECT_TRUE(visitor.entries.count(tmp / "root/open/file"));
-  });
-}
-
 TEST(TreeWalkerTest, TreesDeeperThanTheOpenFolderBudgetAndPathMaxAreWalkedWhole) {
   // 400 levels of 40-character names: paths far beyond PATH_MAX, more folders than may be open
   // at once. Every level also has four sibling folders holding a file; unless the listing puts

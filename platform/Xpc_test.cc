@@ -191,21 +191,20 @@ TEST(XpcTest, RandomAndMutatedMessagesNeverCrashTheDecoder) {
   for (const auto& seed : seeds) EXPECT_TRUE(decodeMessage(seed, service())) << seed;
 }
 
+// A peer that goes away interrupts, then invalidates; a cleared handler is not called.
 TEST(XpcTest, APeerThatGoesAwayInterruptsThenInvalidates) {
   Pair pair;
   pair.server->invalidate();
   EXPECT_TRUE(eventually([&] { return pair.clientEnded.load(); }));
   EXPECT_TRUE(pair.clientInterrupted);
-}
 
-TEST(XpcTest, AClearedInvalidationHandlerIsNotCalled) {
-  Pair pair;
-  pair.client->setInvalidationHandler(nullptr);
-  pair.client->invalidate();
-  pair.client->invalidate();
-  EXPECT_TRUE(eventually([&] { return pair.serverEnded.load(); }));
+  Pair quiet;
+  quiet.client->setInvalidationHandler(nullptr);
+  quiet.client->invalidate();
+  quiet.client->invalidate();
+  EXPECT_TRUE(eventually([&] { return quiet.serverEnded.load(); }));
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  EXPECT_FALSE(pair.clientEnded);
+  EXPECT_FALSE(quiet.clientEnded);
 }
 
 TEST(XpcTest, AServiceThatIsntThereInvalidatesAtResume) {
@@ -216,7 +215,6 @@ TEST(XpcTest, AServiceThatIsntThereInvalidatesAtResume) {
   connection->setInvalidationHandler([&] { ended = true; });
   connection->resume();
   EXPECT_TRUE(eventually([&] { return ended.load(); }));
-  EXPECT_EQ(socketPath("org.example.Other"), "/run/org.example.Other.sock");
 }
 
 }  // namespace
