@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <mutex>
 #include <set>
 
 #include "Core/JunkFileFinder.h"

@@ -5,8 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <map>
-#include <set>
 #include <tuple>
 
 #include "Core/FileFinderContext.h"

@@ -4,8 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <map>
-#include <mutex>
 #include <set>
 
 #include "platform/Locations.h"

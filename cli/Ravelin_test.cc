@@ -3,15 +3,8 @@
 // back byte for byte from its JSON.
 
 #include <fcntl.h>
-#include <grp.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <pty.h>
-#include <sched.h>
 #include <signal.h>
-#include <sys/mount.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -43,6 +36,12 @@ Outcome run(const std::vector<std::string>& args, const RunOptions& options = {}
   std::vector<std::string> argv{RAVELIN_BINARY};
   argv.insert(argv.end(), args.begin(), args.end());
   return testsupport::runProgram(argv, options);
+}
+
+// The JSON of a run that must succeed.
+nlohmann::json jsonOf(const Outcome& outcome) {
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  return nlohmann::json::parse(outcome.out);
 }
 
 // `folders` folders of `files` files each below `root`, each file holding `content`.
@@ -118,19 +117,13 @@ TEST(RavelinTest, EveryWalkFindsEveryFileWithFewDescriptors) {
   writeDeepTree(tmp / "tree", 100);
   RunOptions tight;
   tight.descriptors = 20;
-  Outcome large = run({"large", "--json", "--min-size", "1", tmp / "tree"}, tight);
-  ASSERT_EQ(large.status, 0) << large.err;
-  auto files = nlohmann::json::parse(large.out);
+  auto files = jsonOf(run({"large", "--json", "--min-size", "1", tmp / "tree"}, tight));
   EXPECT_EQ(files["files"].size(), 100u);
   EXPECT_EQ(files["complete"], true);
 
-  Outcome disk = run({"disk", "--json", "--size", tmp / "tree"}, tight);
-  ASSERT_EQ(disk.status, 0) << disk.err;
-  EXPECT_EQ(nlohmann::json::parse(disk.out)["size"], 1000);
+  EXPECT_EQ(jsonOf(run({"disk", "--json", "--size", tmp / "tree"}, tight))["size"], 1000);
 
-  Outcome dupes = run({"dupes", "--json", tmp / "tree"}, tight);
-  ASSERT_EQ(dupes.status, 0) << dupes.err;
-  auto groups = nlohmann::json::parse(dupes.out)["groups"];
+  auto groups = jsonOf(run({"dupes", "--json", tmp / "tree"}, tight))["groups"];
   ASSERT_EQ(groups.size(), 1u);
   EXPECT_EQ(groups[0].size(), 100u);
 }
@@ -251,9 +244,8 @@ TEST(RavelinTest, HelperStatusAnswersOnlyWhenTheHelperServesTheUser) {
   TempDir tmp;
   ::chmod(tmp.path().c_str(), 0755);
   const std::string socket = tmp / "helper.sock";
-  Outcome none = run({"helper", "status", "--json", "--helper-socket", socket});
-  ASSERT_EQ(none.status, 0) << none.err;
-  EXPECT_EQ(nlohmann::json::parse(none.out)["answers"], false);
+  EXPECT_EQ(jsonOf(run({"helper", "status", "--json", "--helper-socket", socket}))["answers"],
+            false);
 
   testsupport::ChildProcess server(
       {RAVELIN_HELPER_BINARY, "--socket", socket, "--allow-uid", "65534"}, socket);
@@ -311,9 +303,8 @@ TEST(RavelinTest, DeleteRemovesWhatItIsGivenAndNothingElse) {
   EXPECT_EQ(dry.status, 0);
   EXPECT_TRUE(std::filesystem::exists(tmp / "tree/a/b/file"));
 
-  Outcome done = run({"delete", "--yes", "--json", tmp / "tree", tmp / "./loose", tmp / "gone"});
-  ASSERT_EQ(done.status, 0) << done.err;
-  auto result = nlohmann::json::parse(done.out);
+  auto result =
+      jsonOf(run({"delete", "--yes", "--json", tmp / "tree", tmp / "./loose", tmp / "gone"}));
   EXPECT_EQ(result["deleted"].size(), 3u);
   EXPECT_TRUE(result["failed"].empty());
   EXPECT_EQ(result["bytes"], 2);
@@ -328,12 +319,8 @@ TEST(RavelinTest, DeleteCountsAFileOnceAndOnlyWhenAllItsNamesGo) {
   tmp.write("one", std::string(1000, 'x'));
   ASSERT_EQ(::link((tmp / "one").c_str(), (tmp / "two").c_str()), 0);
   ASSERT_EQ(::link((tmp / "one").c_str(), (tmp / "three").c_str()), 0);
-  Outcome partly = run({"delete", "--yes", "--json", tmp / "three"});
-  ASSERT_EQ(partly.status, 0) << partly.err;
-  EXPECT_EQ(nlohmann::json::parse(partly.out)["bytes"], 0);
-  Outcome all = run({"delete", "--yes", "--json", tmp / "one", tmp / "two"});
-  ASSERT_EQ(all.status, 0) << all.err;
-  EXPECT_EQ(nlohmann::json::parse(all.out)["bytes"], 1000);
+  EXPECT_EQ(jsonOf(run({"delete", "--yes", "--json", tmp / "three"}))["bytes"], 0);
+  EXPECT_EQ(jsonOf(run({"delete", "--yes", "--json", tmp / "one", tmp / "two"}))["bytes"], 1000);
 }
 
 // Lists come back as ravelin prints them (escaped text, one per line) or NUL-separated bytes.
@@ -453,12 +440,9 @@ TEST(RavelinTest, ExclusionsAreResolvedLikeRoots) {
   TempDir tmp;
   tmp.write("ex/keep/f", "same");
   tmp.write("ex/skip/f", "same");
-  Outcome plain = run({"dupes", "--json", tmp / "ex"});
-  ASSERT_EQ(plain.status, 0) << plain.err;
-  EXPECT_EQ(nlohmann::json::parse(plain.out)["groups"].size(), 1u);
-  Outcome excluded = run({"dupes", "--json", "--exclude", tmp / "ex/./skip/", tmp / "ex"});
-  ASSERT_EQ(excluded.status, 0) << excluded.err;
-  EXPECT_TRUE(nlohmann::json::parse(excluded.out)["groups"].empty()) << excluded.out;
+  EXPECT_EQ(jsonOf(run({"dupes", "--json", tmp / "ex"}))["groups"].size(), 1u);
+  auto excluded = jsonOf(run({"dupes", "--json", "--exclude", tmp / "ex/./skip/", tmp / "ex"}));
+  EXPECT_TRUE(excluded["groups"].empty()) << excluded;
 }
 
 // Every byte a name may hold comes back from the JSON, and two names never print alike.
@@ -513,9 +497,7 @@ class RootedFixture {
 
 TEST(RavelinTest, ApplicationFilesAndLeftoversOfARootedTree) {
   RootedFixture fixture;
-  Outcome apps = fixture.ravelin({"apps", "--files", "--json", "vlc"});
-  ASSERT_EQ(apps.status, 0) << apps.err;
-  auto vlc = nlohmann::json::parse(apps.out)["apps"].at(0);
+  auto vlc = jsonOf(fixture.ravelin({"apps", "--files", "--json", "vlc"}))["apps"].at(0);
   EXPECT_EQ(vlc["url"], fixture.tmp / "usr/share/applications/vlc.desktop");
   EXPECT_EQ(vlc["size"], 8);
   EXPECT_EQ(vlc["appSize"], 10);
@@ -577,9 +559,7 @@ TEST(RavelinTest, NothingOutsideTheRootIsReadMeasuredOrDeleted) {
   for (const std::string& home : {std::string("/home/carol"), "/../../../../.." + outside.path()}) {
     RunOptions options;
     options.environment = {"HOME=" + home};
-    Outcome junk = fixture.ravelin({"junk", "--json"}, options);
-    ASSERT_EQ(junk.status, 0) << junk.err;
-    auto report = nlohmann::json::parse(junk.out);
+    auto report = jsonOf(fixture.ravelin({"junk", "--json"}, options));
     for (const char* category : {"caches", "logs", "trash", "disk_images"}) {
       for (const auto& file : report[category]) EXPECT_TRUE(inside(file["path"])) << file;
     }
@@ -591,9 +571,7 @@ TEST(RavelinTest, NothingOutsideTheRootIsReadMeasuredOrDeleted) {
     Outcome clean = fixture.ravelin({"junk", "--clean", "--yes"}, options);
     EXPECT_TRUE(std::filesystem::exists(outside / ".npm/_cacache/index")) << home;
 
-    Outcome apps = fixture.ravelin({"apps", "--files", "--json"}, options);
-    ASSERT_EQ(apps.status, 0) << apps.err;
-    const auto listing = nlohmann::json::parse(apps.out);
+    const auto listing = jsonOf(fixture.ravelin({"apps", "--files", "--json"}, options));
     for (const auto& app : listing["apps"]) {
       EXPECT_NE(app["appSize"], 5000) << app["id"];
       for (const auto& file : app["files"]) EXPECT_TRUE(inside(file["path"])) << file;
@@ -611,14 +589,10 @@ TEST(RavelinTest, AnApplicationOnAReadOnlyMountIsNotScannedButStaysInstalled) {
   RootedFixture fixture;
   RunOptions options;
   options.readOnly = fixture.tmp / "usr/share/applications";
-  Outcome apps = fixture.ravelin({"apps", "--files", "--json"}, options);
-  ASSERT_EQ(apps.status, 0) << apps.err;
-  auto vlc = nlohmann::json::parse(apps.out)["apps"].at(0);
+  auto vlc = jsonOf(fixture.ravelin({"apps", "--files", "--json"}, options))["apps"].at(0);
   EXPECT_EQ(vlc["id"], "vlc");
   EXPECT_TRUE(vlc["files"].empty());
-  Outcome leftovers = fixture.ravelin({"leftovers", "--json"}, options);
-  ASSERT_EQ(leftovers.status, 0) << leftovers.err;
-  auto groups = nlohmann::json::parse(leftovers.out)["leftovers"];
+  auto groups = jsonOf(fixture.ravelin({"leftovers", "--json"}, options))["leftovers"];
   for (const auto& group : groups) {
     EXPECT_NE(group["id"], "vlc");
   }
@@ -633,9 +607,7 @@ TEST(RavelinTest, JunkReportsEachCategoryAndCleansWhatIsChosen) {
   fixture.tmp.age("var/log/syslog.1", 24 * 3600);
   fixture.tmp.write("home/alice/.local/share/Trash/files/draft.txt", "draft");
   fixture.tmp.write("home/alice/.local/share/Trash/info/draft.txt.trashinfo", "[Trash Info]");
-  Outcome report = fixture.ravelin({"junk", "--json"});
-  ASSERT_EQ(report.status, 0) << report.err;
-  auto junk = nlohmann::json::parse(report.out);
+  auto junk = jsonOf(fixture.ravelin({"junk", "--json"}));
   auto paths = [](const nlohmann::json& files) {
     std::set<std::string> out;
     for (const auto& f : files) out.insert(f["path"]);
@@ -646,9 +618,11 @@ TEST(RavelinTest, JunkReportsEachCategoryAndCleansWhatIsChosen) {
   EXPECT_EQ(paths(junk["trash"]),
             std::set<std::string>{fixture.home(".local/share/Trash/files/draft.txt")});
   // An application's group and an orphan's hold their files, counted in the total.
-  EXPECT_EQ(junk["apps"], nlohmann::json::parse("[{\"id\": \"vlc\", \"files\": [{\"path\": \"" +
-                                                fixture.home(".cache/vlc") +
-                                                "\", \"size\": 5, \"kind\": \"cache\"}]}]"));
+  EXPECT_EQ(junk["apps"],
+            nlohmann::json::parse("[{\"id\": \"vlc\", \"files\": [{\"path\": \"" +
+                                  fixture.home(".cache/vlc") +
+                                  "\", \"size\": 5, \"kind\": \"cache\"}], \"url\": \"" +
+                                  fixture.tmp / "usr/share/applications/vlc.desktop" + "\"}]"));
   EXPECT_EQ(junk["orphans"][0]["id"], "spotify");
   EXPECT_EQ(junk["total"], 8 + 3 + 5 + 5 + 10);
 
@@ -737,11 +711,8 @@ TEST(RavelinTest, StartupListsEachDomainsUnitsWithStateAndOrigin) {
   auto listed = [&](const std::vector<std::string>& extra) {
     std::vector<std::string> args{"startup", "--json"};
     args.insert(args.end(), extra.begin(), extra.end());
-    Outcome listing = fixture.ravelin(args);
-    EXPECT_EQ(listing.status, 0) << listing.err;
     std::map<std::string, nlohmann::json> items;
-    const auto report = nlohmann::json::parse(listing.out);
-    for (const auto& item : report["items"]) {
+    for (const auto& item : jsonOf(fixture.ravelin(args))["items"]) {
       items[item["domain"].get<std::string>() + " " + item["label"].get<std::string>()] = item;
     }
     return items;
@@ -785,10 +756,7 @@ TEST(RavelinTest, StartupListsAndSwitchesTheUsersItems) {
   RunOptions options;
   options.environment = {"HOME=" + home.path(), "XDG_CONFIG_HOME"};
   auto item = [&](const std::string& label) {
-    Outcome listing = run({"startup", "--json"}, options);
-    EXPECT_EQ(listing.status, 0) << listing.err;
-    auto items = nlohmann::json::parse(listing.out)["items"];
-    for (const auto& found : items) {
+    for (const auto& found : jsonOf(run({"startup", "--json"}, options))["items"]) {
       if (found["label"] == label) return found;
     }
     return nlohmann::json();

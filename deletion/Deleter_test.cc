@@ -77,16 +77,23 @@ class DeleterTest : public ::testing::Test {
     platform::setPhotoLibrary(nullptr);
     helper::setHelperSocket("");
   }
+  // Deletes `files`, then `photos`, reporting to `recorder`; whether it completed.
+  bool deleteAll(std::vector<std::string> files, std::vector<Core::Photo> photos = {},
+                 std::shared_ptr<Recorder> recorder = nullptr) {
+    if (!recorder) recorder = recorder_;
+    auto deleter = Deleter::create(std::move(files), std::move(photos));
+    deleter->delegate = recorder;
+    deleter->start();
+    return waitForCompletion(*recorder);
+  }
+
   std::shared_ptr<FakePhotoLibrary> photos_ = std::make_shared<FakePhotoLibrary>();
   std::shared_ptr<Recorder> recorder_ = std::make_shared<Recorder>();
   TempDir tmp_;
 };
 
 TEST_F(DeleterTest, NothingToDoCompletesWithoutProgressAndAStopBeforeStartCompletesAtOnce) {
-  auto deleter = Deleter::create({});
-  deleter->delegate = recorder_;
-  deleter->start();
-  EXPECT_TRUE(waitForCompletion(*recorder_));
+  EXPECT_TRUE(deleteAll({}));
   EXPECT_TRUE(recorder_->progress.empty());
 
   auto unstarted = Deleter::create({tmp_.write("kept", "x")});
@@ -103,13 +110,10 @@ TEST_F(DeleterTest, FilesAreCountedOneByOneAndPhotosFollow) {
   tmp_.write("a", "1");
   tmp_.write("folder/x/y", "2");
   photos_->succeedFrom = 1;
-  auto deleter = Deleter::create(
-      {tmp_ / "a", tmp_ / "folder", tmp_ / "missing"},
-      {Core::Photo{"UUID-1", Core::File{tmp_ / "p1.jpg", 5}}, Core::Photo{"UUID-2", {}}});
-  deleter->delegate = recorder_;
   testsupport::ScopedAnalyticsRecorder analytics;
-  deleter->start();
-  ASSERT_TRUE(waitForCompletion(*recorder_));
+  ASSERT_TRUE(deleteAll(
+      {tmp_ / "a", tmp_ / "folder", tmp_ / "missing"},
+      {Core::Photo{"UUID-1", Core::File{tmp_ / "p1.jpg", 5}}, Core::Photo{"UUID-2", {}}}));
   EXPECT_TRUE(recorder_->onMain);
   EXPECT_EQ(recorder_->progress, (std::vector<double>{0.2, 0.4, 0.6, 0.8, 1.0}));
   EXPECT_EQ(recorder_->deleted.size(), 5u);
@@ -126,10 +130,7 @@ TEST_F(DeleterTest, FilesAreCountedOneByOneAndPhotosFollow) {
 // On Linux the request fails, not as a matter of authorisation; the host decides.
 TEST_F(DeleterTest, FailedPhotosAreLeftToTheHost) {
   platform::setPhotoLibrary(nullptr);  // the platform's own
-  auto deleter = Deleter::create({}, {Core::Photo{"UUID-1", {}}});
-  deleter->delegate = recorder_;
-  deleter->start();
-  ASSERT_TRUE(waitForCompletion(*recorder_));
+  ASSERT_TRUE(deleteAll({}, {Core::Photo{"UUID-1", {}}}));
   EXPECT_EQ(recorder_->photoFailures, 1);
   EXPECT_FALSE(recorder_->lastNotAuthorised);
   EXPECT_EQ(recorder_->progress, std::vector<double>{1.0});
@@ -138,15 +139,39 @@ TEST_F(DeleterTest, FailedPhotosAreLeftToTheHost) {
   // Answered with "again", the request runs once more, and the count waits for it.
   platform::setPhotoLibrary(photos_);
   photos_->succeedFrom = 2;
-  auto retried = Deleter::create({}, {Core::Photo{"UUID-1", {}}});
   auto second = std::make_shared<Recorder>();
   second->retryPhotos = true;
-  retried->delegate = second;
-  retried->start();
-  ASSERT_TRUE(waitForCompletion(*second));
+  ASSERT_TRUE(deleteAll({}, {Core::Photo{"UUID-1", {}}}, second));
   EXPECT_EQ(photos_->requests, 2);
   EXPECT_EQ(second->progress, std::vector<double>{1.0});
   EXPECT_EQ(second->deleted.size(), 1u);
+}
+
+// What the user may not delete (EACCES) goes to the helper, and only that; the helper deletes it
+// as root. The deleting runs as an unprivileged user, the helper as root on a socket of its own.
+TEST_F(DeleterTest, PathsRefusedWithEaccesGoToTheHelper) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root to run the helper and an unprivileged user";
+  ::chmod(tmp_.path().c_str(), 0755);
+  tmp_.write("mine/file", "1");
+  tmp_.write("roots/locked/file", "2");
+  ::chown((tmp_ / "mine").c_str(), 65534, 65534);
+  ::chown((tmp_ / "mine/file").c_str(), 65534, 65534);
+  const std::string socket = tmp_ / "helper.sock";
+  testsupport::ChildProcess helperTool(
+      {RAVELIN_HELPER_BINARY, "--socket", socket, "--allow-uid", "65534", "--home", tmp_.path()},
+      socket);
+  helper::setHelperSocket(socket);
+  {
+    testsupport::AsUnprivilegedUser user;
+    ASSERT_TRUE(user.ok());
+    // Files run from the end: "mine" is deleted, the locked one refused with EACCES.
+    ASSERT_TRUE(deleteAll({tmp_ / "roots/locked", tmp_ / "mine"}));
+  }
+  helperTool.kill();
+  EXPECT_EQ(recorder_->deleted, (std::vector<std::string>{tmp_ / "mine", tmp_ / "roots/locked"}));
+  EXPECT_EQ(recorder_->progress, (std::vector<double>{0.5, 1.0}));
+  EXPECT_FALSE(std::filesystem::exists(tmp_ / "roots/locked"));
+  EXPECT_EQ(recorder_->completions, 1);
 }
 
 // No helper to be had: the helper phase ends, the photos are still tried, and completion comes
@@ -160,11 +185,8 @@ TEST_F(DeleterTest, AHelperThatCantBeReachedEndsItsPhaseAndPhotosAreStillTried) 
   {
     testsupport::AsUnprivilegedUser user;
     ASSERT_TRUE(user.ok());
-    auto deleter =
-        Deleter::create({tmp_ / "roots/locked"}, {Core::Photo{"UUID-1", Core::File{"/p.jpg", 1}}});
-    deleter->delegate = recorder_;
-    deleter->start();
-    ASSERT_TRUE(waitForCompletion(*recorder_));
+    ASSERT_TRUE(
+        deleteAll({tmp_ / "roots/locked"}, {Core::Photo{"UUID-1", Core::File{"/p.jpg", 1}}}));
     testsupport::drainMainUntil([] { return false; }, std::chrono::milliseconds(200));
   }
   EXPECT_EQ(recorder_->completions, 1);

@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 
 #include <condition_variable>
-#include <filesystem>
 #include <mutex>
 
 #include "testsupport/TestSupport.h"

@@ -222,6 +222,17 @@ TEST_F(FinderTest, HiddenFoldersNamedLikeAPackageExtensionAreFolders) {
   EXPECT_FALSE(DuplicateFileFinder::isPackage(Path("/x/.bundle")));
 }
 
+TEST_F(FinderTest, LargeFilesDifferingOnlyInTheirLastByteAreToldApart) {
+  std::string content = randomBytes(4096 + 4096000 + 10, 10);
+  tmp_.write("big1", content);
+  tmp_.write("big2", content);
+  content.back() ^= 1;
+  tmp_.write("big3", content);
+  content[5000] ^= 1;  // differs in the second stage too
+  tmp_.write("big4", content);
+  EXPECT_EQ(run(), (Groups{{"big1", "big2"}}));
+}
+
 TEST_F(FinderTest, OverlappingRootsAndHardLinksCompareAsTheirOwnDuplicates) {
   tmp_.write("d/f", randomBytes(3000, 11));
   ::link((tmp_ / "d/f").c_str(), (tmp_ / "d/hard").c_str());

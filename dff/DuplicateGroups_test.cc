@@ -2,14 +2,10 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <ctime>
 #include <set>
 
 #include "dff/CoreDuplicateFileFinder.h"
@@ -294,13 +290,9 @@ TEST(KeepRuleTest, WhichMemberStays) {
   tmp.write("mid/copy", content);
   tmp.write("mid/other", randomBytes(77, 12));  // so the folders differ
   tmp.write("x", content);
-  auto setTime = [&](const std::string& path, std::time_t when) {
-    struct timespec times[2] = {{when, 0}, {when, 0}};
-    ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
-  };
-  setTime(tmp / "long/way/down/copy", 1000);
-  setTime(tmp / "mid/copy", 3000);
-  setTime(tmp / "x", 2000);
+  tmp.age("long/way/down/copy", 3000);
+  tmp.age("mid/copy", 1000);
+  tmp.age("x", 2000);
   auto finder = DuplicateFileFinder::create();
   finder->setRootFolderURLs({tmp.path()});
   auto groups = refineGroups(finder->find());

@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "dff/CoreDuplicateFileFinder.h"
+#include "dff/SystemPhotoLibraryFinder.h"
 #include "testsupport/TestSupport.h"
 
 namespace Core {
@@ -106,6 +107,18 @@ TEST_F(FacadeTest, AFinderLetGoOfDuringARunLivesUntilTheRunCompletes) {
   ASSERT_TRUE(testsupport::drainMainUntil([&] { return delegate_->completed(); }));
   EXPECT_FALSE(delegate_->groups.empty());
   EXPECT_TRUE(testsupport::drainMainUntil([&] { return running.expired(); }));
+}
+
+// A host that knows where a photo library lies installs a source; without one there is none.
+TEST(SystemPhotoLibraryFinderTest, AnswersOnlyThroughAnInstalledSource) {
+  SystemPhotoLibraryFinder finder;
+  EXPECT_FALSE(finder.getSystemPhotoLibraryPath("com.apple.Photos"));
+  SystemPhotoLibraryFinder::setLocationSource([](const std::string& app) {
+    return app == "com.apple.Photos" ? std::optional<std::string>("/mnt/x.photoslibrary")
+                                     : std::nullopt;
+  });
+  EXPECT_EQ(finder.getSystemPhotoLibraryPath("com.apple.Photos"), "/mnt/x.photoslibrary");
+  SystemPhotoLibraryFinder::setLocationSource(nullptr);
 }
 
 }  // namespace

@@ -3,16 +3,12 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <signal.h>
-#include <sys/mount.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cstring>
 #include <filesystem>
 #include <thread>
 
@@ -62,15 +58,6 @@ using testsupport::exchangeLine;
 using testsupport::helperAnswersPing;
 using testsupport::kHelperPing;
 
-// Drains the main queue until `done`, looking at it at least every 10 ms: the reports watched here
-// arrive on the transport's queue, not as main-queue tasks.
-bool waitFor(const std::function<bool()>& done) {
-  for (int i = 0; i < 1000; ++i) {
-    if (testsupport::drainMainUntil(done, std::chrono::milliseconds(10))) return true;
-  }
-  return done();
-}
-
 class HelperConnectionTest : public ::testing::Test {
  protected:
   void SetUp() override { setHelperSocket(socket_); }
@@ -91,6 +78,12 @@ class HelperConnectionTest : public ::testing::Test {
   TempDir tmp_;
   std::string socket_ = tmp_ / "helper.sock";
   testsupport::ScopedAnalyticsRecorder analytics_;
+  std::shared_ptr<RecordingDelegate> delegate_ = std::make_shared<RecordingDelegate>();
+  std::shared_ptr<HelperConnection> connection_ = [this] {
+    auto connection = HelperConnection::create();
+    connection->delegate = delegate_;
+    return connection;
+  }();
 };
 
 TEST_F(HelperConnectionTest, ASecondConnectIsRefusedAndClosingCallsNoHandler) {
@@ -113,15 +106,12 @@ TEST_F(HelperConnectionTest, DeletesInTheServedHomeAndRefusesTheRest) {
   tmp_.write("home/tree/a/b/file", "x");
   tmp_.write("outside/keep", "stays");
   tmp_.symlink("home/tree/link", tmp_ / "outside");
-  auto delegate = std::make_shared<RecordingDelegate>();
-  auto connection = HelperConnection::create();
-  connection->delegate = delegate;
-  ASSERT_TRUE(connection->connect(false));
-  connection->helper->deleteAtPaths({tmp_ / "home/tree", "/", "/etc/shadow", "/usr/lib", "relative",
-                                     tmp_ / "home/../outside", tmp_ / "outside/keep"});
-  ASSERT_TRUE(waitFor([&] { return delegate->completed.load() == 1; }));
-  std::lock_guard lock(delegate->mutex);
-  EXPECT_EQ(delegate->results,
+  ASSERT_TRUE(connection_->connect(false));
+  connection_->helper->deleteAtPaths({tmp_ / "home/tree", "/", "/etc/shadow", "/usr/lib",
+                                      "relative", tmp_ / "home/../outside", tmp_ / "outside/keep"});
+  ASSERT_TRUE(testsupport::drainMainUntil([&] { return delegate_->completed.load() == 1; }));
+  std::lock_guard lock(delegate_->mutex);
+  EXPECT_EQ(delegate_->results,
             (std::vector<std::pair<std::string, bool>>{{tmp_ / "home/tree", true},
                                                        {"/", false},
                                                        {"/etc/shadow", false},
@@ -129,7 +119,7 @@ TEST_F(HelperConnectionTest, DeletesInTheServedHomeAndRefusesTheRest) {
                                                        {"relative", false},
                                                        {tmp_ / "home/../outside", false},
                                                        {tmp_ / "outside/keep", false}}));
-  EXPECT_EQ(delegate->deleting.size(), 7u);
+  EXPECT_EQ(delegate_->deleting.size(), 7u);
   EXPECT_FALSE(std::filesystem::exists(tmp_ / "home/tree"));
   EXPECT_TRUE(std::filesystem::exists(tmp_ / "outside/keep"));
 }
@@ -167,15 +157,12 @@ TEST_F(HelperConnectionTest, AStopEndsItsBatchWhateverComesAfter) {
   RealHelper tool(socket_, tmp_ / "home");
   for (int i = 0; i < 50; ++i) tmp_.write("home/first/f" + std::to_string(i), "x");
   tmp_.write("home/second/f", "x");
-  auto delegate = std::make_shared<RecordingDelegate>();
-  auto connection = HelperConnection::create();
-  connection->delegate = delegate;
-  ASSERT_TRUE(connection->connect(false));
-  connection->helper->pauseDeleting();
-  connection->helper->deleteAtPaths({tmp_ / "home/first"});
-  connection->helper->stopDeleting();
-  connection->helper->deleteAtPaths({tmp_ / "home/second"});
-  ASSERT_TRUE(waitFor([&] { return delegate->completed.load() == 2; }));
+  ASSERT_TRUE(connection_->connect(false));
+  connection_->helper->pauseDeleting();
+  connection_->helper->deleteAtPaths({tmp_ / "home/first"});
+  connection_->helper->stopDeleting();
+  connection_->helper->deleteAtPaths({tmp_ / "home/second"});
+  ASSERT_TRUE(testsupport::drainMainUntil([&] { return delegate_->completed.load() == 2; }));
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(tmp_ / "home/first"), {}), 50);
   EXPECT_FALSE(std::filesystem::exists(tmp_ / "home/second"));
 }
@@ -210,25 +197,22 @@ TEST_F(HelperConnectionTest, AHelperKilledMidBatchEndsTheConnectionOnce) {
   for (int i = 0; i < 3000; ++i) {
     tmp_.write("big/d" + std::to_string(i % 30) + "/f" + std::to_string(i), "x");
   }
-  auto delegate = std::make_shared<RecordingDelegate>();
-  auto connection = HelperConnection::create();
-  connection->delegate = delegate;
   std::atomic<int> errors{0};
   std::thread::id mainThread = std::this_thread::get_id();
   bool onMain = true;
-  connection->errorHandler = [&] {
+  connection_->errorHandler = [&] {
     ++errors;
     onMain &= std::this_thread::get_id() == mainThread;
   };
-  ASSERT_TRUE(connection->connect(false));
-  connection->helper->deleteAtPaths({tmp_ / "big"});
+  ASSERT_TRUE(connection_->connect(false));
+  connection_->helper->deleteAtPaths({tmp_ / "big"});
   tool->kill();
   ASSERT_TRUE(testsupport::drainMainUntil([&] { return errors.load() > 0; }));
   drainFor(std::chrono::milliseconds(3300));
   EXPECT_EQ(errors.load(), 1);
   EXPECT_TRUE(onMain);
   EXPECT_EQ(events72(), std::vector<std::string>{"helper exit or crashed"});
-  EXPECT_FALSE(connection->helper);
+  EXPECT_FALSE(connection_->helper);
 }
 
 TEST_F(HelperConnectionTest, APingAnsweredJustInTimeCountsAndOneNeverAnsweredEndsOnce) {
@@ -415,14 +399,14 @@ TEST(HelperUnderSystemdTest, TheShippedUnitServesInItsSandbox) {
   connection->delegate = delegate;
   ASSERT_TRUE(connection->connect(false));
   connection->helper->deleteAtPaths({"/var/tmp/tree", "/etc/shadow", "/usr/lib/os-release"});
-  ASSERT_TRUE(waitFor([&] { return delegate->completed.load() == 1; }));
+  ASSERT_TRUE(testsupport::drainMainUntil([&] { return delegate->completed.load() == 1; }));
   std::atomic<int> switched{-1}, shell{-1};
   connection->helper->setUnitEnabled("probe.service", false, true,
                                      [&](bool done) { switched = done; });
-  ASSERT_TRUE(waitFor([&] { return switched.load() >= 0; }));
+  ASSERT_TRUE(testsupport::drainMainUntil([&] { return switched.load() >= 0; }));
   connection->helper->setUnitEnabled("debug-shell.service", false, true,
                                      [&](bool done) { shell = done; });
-  ASSERT_TRUE(waitFor([&] { return shell.load() >= 0; }));
+  ASSERT_TRUE(testsupport::drainMainUntil([&] { return shell.load() >= 0; }));
   connection->close();
   setHelperSocket("");
   {

@@ -72,11 +72,7 @@ struct Pair {
   std::atomic<int> proxyErrors{0};
 };
 
-bool eventually(const std::function<bool()>& done) {
-  for (int i = 0; i < 500 && !done(); ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  return done();
-}
+using testsupport::drainMainUntil;
 
 TEST(XpcTest, CallsAndRepliesCarryAnyBytes) {
   Pair pair;
@@ -88,10 +84,10 @@ TEST(XpcTest, CallsAndRepliesCarryAnyBytes) {
     answered = true;
   });
   pair.proxy->send("count:", nlohmann::json::array({std::vector<std::string>{"a", "b"}}));
-  ASSERT_TRUE(eventually([&] { return answered.load(); }));
+  ASSERT_TRUE(drainMainUntil([&] { return answered.load(); }));
   EXPECT_EQ(answer, bytes);
   EXPECT_EQ(pair.recorder->received, bytes);
-  EXPECT_TRUE(eventually([&] {
+  EXPECT_TRUE(drainMainUntil([&] {
     std::lock_guard lock(pair.recorder->mutex);
     return pair.recorder->calls.size() == 2;
   }));
@@ -104,10 +100,10 @@ TEST(XpcTest, CallsAndRepliesCarryAnyBytes) {
 TEST(XpcTest, CallsOfTheWrongShapeAreRefusedBeforeSending) {
   Pair pair;
   pair.proxy->send("flag:value:", nlohmann::json::array({1, 2}));
-  EXPECT_TRUE(eventually([&] { return pair.clientEnded.load(); }));
+  EXPECT_TRUE(drainMainUntil([&] { return pair.clientEnded.load(); }));
   EXPECT_EQ(pair.proxyErrors, 1);
   pair.proxy->send("count:", nlohmann::json::array({std::vector<std::string>{}}));
-  EXPECT_TRUE(eventually([&] { return pair.proxyErrors == 2; }));  // ended: can't be sent
+  EXPECT_TRUE(drainMainUntil([&] { return pair.proxyErrors == 2; }));  // ended: can't be sent
   std::lock_guard lock(pair.recorder->mutex);
   EXPECT_TRUE(pair.recorder->calls.empty());
 }
@@ -145,7 +141,7 @@ TEST(XpcTest, HostileMessagesEndTheConnection) {
       if (n <= 0) break;
       sent += static_cast<std::size_t>(n);
     }
-    EXPECT_TRUE(eventually([&] { return ended.load(); })) << message.substr(0, 60);
+    EXPECT_TRUE(drainMainUntil([&] { return ended.load(); })) << message.substr(0, 60);
     std::lock_guard lock(recorder->mutex);
     EXPECT_TRUE(recorder->calls.empty()) << message.substr(0, 60);
     ::close(fds[1]);
@@ -195,14 +191,14 @@ TEST(XpcTest, RandomAndMutatedMessagesNeverCrashTheDecoder) {
 TEST(XpcTest, APeerThatGoesAwayInterruptsThenInvalidates) {
   Pair pair;
   pair.server->invalidate();
-  EXPECT_TRUE(eventually([&] { return pair.clientEnded.load(); }));
+  EXPECT_TRUE(drainMainUntil([&] { return pair.clientEnded.load(); }));
   EXPECT_TRUE(pair.clientInterrupted);
 
   Pair quiet;
   quiet.client->setInvalidationHandler(nullptr);
   quiet.client->invalidate();
   quiet.client->invalidate();
-  EXPECT_TRUE(eventually([&] { return quiet.serverEnded.load(); }));
+  EXPECT_TRUE(drainMainUntil([&] { return quiet.serverEnded.load(); }));
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
   EXPECT_FALSE(quiet.clientEnded);
 }
@@ -214,7 +210,7 @@ TEST(XpcTest, AServiceThatIsntThereInvalidatesAtResume) {
   std::atomic<bool> ended{false};
   connection->setInvalidationHandler([&] { ended = true; });
   connection->resume();
-  EXPECT_TRUE(eventually([&] { return ended.load(); }));
+  EXPECT_TRUE(drainMainUntil([&] { return ended.load(); }));
 }
 
 }  // namespace

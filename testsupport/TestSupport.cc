@@ -365,7 +365,13 @@ FifoGuard::~FifoGuard() {
 }
 
 bool drainMainUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
-  return platform::runMainUntil(done, timeout);
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  for (;;) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left <= std::chrono::milliseconds(0)) return done();
+    if (platform::runMainUntil(done, std::min(left, std::chrono::milliseconds(10)))) return true;
+  }
 }
 
 void RecordingAnalytics::recordEvent(int event) {

@@ -176,7 +176,8 @@ class FifoGuard {
   std::thread thread_;
 };
 
-// Drains the main queue until `done` or the timeout; gives `done()`.
+// Drains the main queue until `done` or the timeout; gives `done()`. `done` is looked at after
+// every task and at least every 10 ms, so it may watch what other threads do.
 bool drainMainUntil(const std::function<bool()>& done,
                     std::chrono::milliseconds timeout = std::chrono::seconds(10));
 

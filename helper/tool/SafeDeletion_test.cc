@@ -1,13 +1,7 @@
 #include "helper/tool/SafeDeletion.h"
 
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
-
-#include <filesystem>
 
 #include "platform/Locations.h"
 #include "platform/Text.h"
