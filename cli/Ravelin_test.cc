@@ -712,7 +712,8 @@ TEST(RavelinTest, StartupListsEachDomainsUnitsWithStateAndOrigin) {
     std::vector<std::string> args{"startup", "--json"};
     args.insert(args.end(), extra.begin(), extra.end());
     std::map<std::string, nlohmann::json> items;
-    for (const auto& item : jsonOf(fixture.ravelin(args))["items"]) {
+    const auto report = jsonOf(fixture.ravelin(args));
+    for (const auto& item : report["items"]) {
       items[item["domain"].get<std::string>() + " " + item["label"].get<std::string>()] = item;
     }
     return items;
@@ -756,7 +757,8 @@ TEST(RavelinTest, StartupListsAndSwitchesTheUsersItems) {
   RunOptions options;
   options.environment = {"HOME=" + home.path(), "XDG_CONFIG_HOME"};
   auto item = [&](const std::string& label) {
-    for (const auto& found : jsonOf(run({"startup", "--json"}, options))["items"]) {
+    const auto listing = jsonOf(run({"startup", "--json"}, options));
+    for (const auto& found : listing["items"]) {
       if (found["label"] == label) return found;
     }
     return nlohmann::json();
