@@ -60,7 +60,10 @@ using testsupport::kHelperPing;
 
 class HelperConnectionTest : public ::testing::Test {
  protected:
-  void SetUp() override { setHelperSocket(socket_); }
+  void SetUp() override {
+    setHelperSocket(socket_);
+    connection_->delegate = delegate_;
+  }
   void TearDown() override { setHelperSocket(""); }
 
   // Drains the main queue for `span`, counting calls of the connection's error handler.
@@ -79,11 +82,7 @@ class HelperConnectionTest : public ::testing::Test {
   std::string socket_ = tmp_ / "helper.sock";
   testsupport::ScopedAnalyticsRecorder analytics_;
   std::shared_ptr<RecordingDelegate> delegate_ = std::make_shared<RecordingDelegate>();
-  std::shared_ptr<HelperConnection> connection_ = [this] {
-    auto connection = HelperConnection::create();
-    connection->delegate = delegate_;
-    return connection;
-  }();
+  std::shared_ptr<HelperConnection> connection_ = HelperConnection::create();
 };
 
 TEST_F(HelperConnectionTest, ASecondConnectIsRefusedAndClosingCallsNoHandler) {

@@ -132,13 +132,11 @@ TEST(SMCConversionTest, IntegerAndKeyHelpers) {
   EXPECT_FLOAT_EQ(_strtof(fixed, 2, 2), 1.75f);
 }
 
-// No controller gives its code (and the message the temperature tests see); a failed lookup or
-// open gives the system's code.
 TEST(SMCOpenTest, NoControllerPrintsTheMessageAndGivesTheCode) {
   platform::setSmcServiceSource([] { return platform::SmcLookup{}; });
   testing::internal::CaptureStdout();
   EXPECT_EQ(SMCOpen(), static_cast<int>(0xE00002C0));
-  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Error: no SMC found");
 
   platform::setSmcServiceSource([] { return platform::SmcLookup{nullptr, 0x1234, 0}; });
   testing::internal::CaptureStdout();
